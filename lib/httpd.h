@@ -1,0 +1,242 @@
+/*
+ * httpd - a small HTTP/1.0 and HTTP/1.1 server inside a daemon's event loop.
+ *
+ * The daemon owns the listening socket and hands every accepted descriptor to httpd_accept (which
+ * fits `accept_cb` of sock.h). The server parses requests, calls the daemon's one handler with each
+ * complete request, and closes or keeps the connection. Everything runs on the loop's thread.
+ *
+ *	static int32_t handle(struct httpd_conn *conn)
+ *	{
+ *		...compose conn->res_head and conn->res_body, or call httpd_fail...
+ *		...stream_write them to &conn->stream...
+ *		return 1;
+ *	}
+ *
+ *	httpd_ctx_init(&ctx, handle);
+ *	listener.accept_cb = httpd_accept;
+ *	listener.user = &ctx;
+ *	sock_listen(&listener, NULL, "8080", 16);
+ *
+ * Limits. A request's head has at most 66,560 bytes, its body 66,560; what a peer sends beyond is
+ * answered 400. A connection never holds more than HTTPD_RX_BYTES_MAX received bytes: it stops
+ * reading there until requests have been answered. It also stops reading, and answering, while
+ * HTTPD_TX_BYTES_STALL or more bytes of former answers have not been taken by the peer.
+ *
+ * What the peer can rely on: 60 seconds without a byte end a connection; a request without
+ * "Connection: close" on HTTP/1.1 leaves it open. Header names are compared exactly as sent: only
+ * "Content-Length" and "Connection", in this spelling, mean something to the server.
+ */
+#pragma once
+#include <stdarg.h>
+#include <stdint.h>
+
+#include "buffer.h"
+#include "evloop.h"
+#include "htable.h"
+#include "stream.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#pragma GCC visibility push(default)
+
+/* A request is refused from this many bytes on: of head, and of "Content-Length". */
+#define HTTPD_REQUEST_BYTES_LIMIT 66561
+/* The largest request, and behind it enough of the next to know that it is to be refused. */
+#define HTTPD_RX_BYTES_MAX (2 * (HTTPD_REQUEST_BYTES_LIMIT - 1) + HTTPD_REQUEST_BYTES_LIMIT)
+/* Unsent bytes from which on further requests of the connection wait. */
+#define HTTPD_TX_BYTES_STALL 65536
+
+/* `method` of a request: by its token; the handler judges the others. */
+#define HTTPD_METHOD_GET   0
+#define HTTPD_METHOD_POST  1
+#define HTTPD_METHOD_OTHER 2
+
+/* Bits of a connection's `flags`. */
+#define HTTPD_DEFERRED	    128 /* the answer comes later: httpd_defer */
+#define HTTPD_FD_CLOSED	    64	/* the descriptor was closed while deferred; writes fail with -EINVAL */
+#define HTTPD_CLOSE_PENDING 32	/* the connection ends with the deferral: there is nobody to answer */
+
+/* `state` of a connection's parser. */
+#define HTTPD_STATE_IDLE	 0
+#define HTTPD_STATE_REQUEST_LINE 1
+#define HTTPD_STATE_HEADERS	 2
+#define HTTPD_STATE_BODY	 3
+#define HTTPD_STATE_DISPATCH	 4
+#define HTTPD_STATE_DONE	 5
+
+struct httpd_conn;
+
+/*
+ * Called once for every complete request. It writes the answer to `conn->stream`, or calls
+ * httpd_defer and answers later. Returns non-zero to go on, 0 to have the connection closed once
+ * what has been written is sent.
+ *
+ * It may call httpd_defer and httpd_defer_complete, and httpd_ctx_cleanup: `conn` stays valid until
+ * it returns. It must not call stream_cleanup on the connection's stream, nor run the loop.
+ *
+ * What a handler writes leaves in one piece with the answers to the requests that wait behind,
+ * after it has returned. A handler that writes to the descriptor by itself, or ends the process,
+ * calls stream_flush_tx_async first.
+ */
+typedef int32_t (*httpd_handler)(struct httpd_conn *conn);
+
+struct httpd_link {
+	struct httpd_link *next, *prev;
+};
+
+/* A server; owned by the daemon, and in place until its last connection, deferred ones included, is gone. */
+struct httpd_ctx {
+	httpd_handler handler; /* null: every request closes its connection without an answer */
+	struct httpd_link connections;
+};
+
+/*
+ * A connection, and the request it carries; owned by the server, which makes and releases it.
+ *
+ * Pointers to `const char` point into `stream.rx`, are not terminated, and hold from the call of
+ * the handler until it returns or, if it deferred the answer, until httpd_defer_complete. They are
+ * kept right when the receive buffer moves, so read them afresh from here instead of keeping copies.
+ */
+struct httpd_conn {
+	struct httpd_ctx *ctx;
+	struct stream stream; /* its callbacks are the server's */
+	struct httpd_link node;
+	struct evloop_timeout idle_timer;
+
+	int32_t version; /* 0: HTTP/1.0, 1: HTTP/1.1 */
+	int32_t method;	 /* HTTPD_METHOD_* */
+	const char *target;
+	int32_t target_len; /* as sent */
+	const char *host;
+	int32_t host_len; /* of an absolute target ("http://host/..."); null and 0 if there is none */
+	const char *path;
+	int32_t path_len; /* of the target, up to its first "?"; null and 0 for "http://host" */
+	const char *query;
+	int32_t query_len;	/* from that "?", included; null and 0 if there is none */
+	const char *head_start; /* the first header line */
+	const char *head_end;	/* behind the blank line */
+	int32_t head_len;	/* request line, header lines and blank line */
+	const char *body;
+	int32_t body_len;
+
+	uint32_t arg;  /* as given to httpd_accept; the handler may change it, it lasts with the connection */
+	uint8_t flags; /* HTTPD_* */
+	/* The path decoded as http_alloc_url_decode does, "/" if there is none; the server's. On purpose
+	 * each escape in it brings two of the bytes that follow the path: "/a%20b HTTP/1.1" reads "/a b H". */
+	char *decoded_path;
+	uint8_t close_requested; /* 1: "Connection: close" */
+	uint32_t content_length;
+	int32_t state;		 /* HTTPD_STATE_* */
+	struct htable *headers;	 /* name to value, both strings; use httpd_header_table_get */
+	struct buffer *res_head; /* the answer's head and body, for the handler to compose in; empty them */
+	struct buffer *res_body; /* with httpd_res_buffers_reset when done */
+};
+
+/* Sets up a server without connections. */
+void httpd_ctx_init(struct httpd_ctx *ctx, httpd_handler handler);
+
+/*
+ * Ends all connections at once. One whose answer is deferred is only marked HTTPD_CLOSE_PENDING
+ * (on purpose, with "BUG: deferred connections around" logged at priority 2): it lives, and `ctx`
+ * with it, until its httpd_defer_complete. Does not touch the listening socket.
+ */
+void httpd_ctx_cleanup(struct httpd_ctx *ctx);
+
+/*
+ * Takes up a connected descriptor; `ctx` is a `struct httpd_ctx *`. TCP_NODELAY is set on it. The
+ * descriptor is closed when memory is exhausted.
+ */
+void httpd_accept(int fd, uint32_t arg, void *ctx);
+
+/*
+ * Called by a handler that will answer later, before it returns (its result then does not count).
+ * The request stays as it is, and the next one waits, until httpd_defer_complete; the record stays
+ * valid until then, even if the peer goes, which sets HTTPD_CLOSE_PENDING. 60 seconds without
+ * input close the descriptor meanwhile. A second call has no effect.
+ */
+void httpd_defer(struct httpd_conn *conn);
+
+/*
+ * Ends a deferral, after the answer has been written. The connection goes on as after a handler
+ * that returned `keep`, or ends if the peer has gone, so `conn` must not be used afterwards (except by
+ * a handler that has not returned yet). Without a deferral it does nothing.
+ */
+void httpd_defer_complete(struct httpd_conn *conn, int keep);
+
+/* Empties `res_head` and `res_body`, keeping their storage. */
+void httpd_res_buffers_reset(struct httpd_conn *conn);
+
+/*
+ * The value of the request's header `name`, in exactly this spelling of case; null if there is none.
+ * Of repeated headers the last counts; white space inside a value is one space each. "Content-Length" and
+ * "Connection" are not here but in the record. Valid as long as the request.
+ */
+const char *httpd_header_table_get(struct httpd_conn *conn, const char *name);
+
+/* "OK", "Bad Request", ... for 200, 400, 404, 405, 406, 417 and 501; "" for every other code. */
+const char *http_code_to_string(int code);
+
+/*
+ * Append "HTTP/1.1 <code> <reason>" (or "HTTP/1.0", if `version` is 0) and "<name>: <value>", each
+ * with its line end, to a head being composed. Return 0, or a negative number: as buffer_printf does, a
+ * formatted text that does not fit the buffer with its terminating zero fails with -ENOMEM.
+ */
+int32_t http_res_put_status_line(struct buffer *buffer, int version, int code, const char *reason);
+int32_t http_res_put_header(struct buffer *buffer, const char *name, const char *format, ...)
+	__attribute__((format(printf, 3, 4)));
+
+/*
+ * Appends "Server: kvhttpd", "Pragma: no-cache" and "Expires: 0" to `res_head`. Returns 0, or -1
+ * as soon as one fails.
+ */
+int32_t httpd_common_headers(struct httpd_conn *conn);
+
+/*
+ * Composes and writes a whole error answer with a small HTML page; what was composed before is
+ * discarded. It does not close the connection: return 0 or non-zero from the handler.
+ *
+ * Returns: 2 on success (on purpose, not 0: what appending the blank line gave), the negative
+ *          result of the step that failed otherwise, -ENOMEM if the stream did not take it all.
+ */
+int32_t httpd_fail(struct httpd_conn *conn, int version, int code);
+
+/*
+ * Decodes "%41" and "+" to a new string for the caller to free; null for null `bytes` or a negative
+ * length. An escape cut off by the end, or by a zero byte, loses its "%". Digits are not checked:
+ * whatever follows a "%" is combined.
+ *
+ * On purpose the result has `length` characters also when there are escapes: each makes it read,
+ * and decode, two more bytes behind the input. The caller must own them: `length` * 3 bytes are
+ * always enough, and behind the text proper they should be zero.
+ */
+char *http_alloc_url_decode(const char *bytes, int32_t length);
+
+/*
+ * Encodes to a new string for the caller to free: ASCII letters, digits and "-._~" stay, a space
+ * becomes "+", every other byte "%" and two lower-case digits. Null for null `bytes` or a negative
+ * length.
+ */
+char *http_alloc_url_encode(const char *bytes, int32_t length);
+
+/*
+ * The decoded value of the parameter `name` (in any case) in a new string for the caller to free:
+ * from the query of a GET, from the body of a POST whatever its type. "" if it has no "="; null if
+ * there is no such parameter, and for other methods. The first match counts.
+ *
+ * On purpose the first parameter of a query carries the "?" in its name: in "?a=1&b=2" they are
+ * called "?a" and "b".
+ */
+char *http_req_lookup_param(struct httpd_conn *conn, const char *name);
+
+/*
+ * 1 if `text` looks like a host with an optional port ("host", "host:80"), else 0: it has none of
+ * "/%? ", and what follows its first ":", if there is one, is a number from 1 to 65535. So an IPv6
+ * address in brackets is refused.
+ */
+int http_check_host_port(const char *text);
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif
