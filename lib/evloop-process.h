@@ -25,9 +25,9 @@ extern "C" {
  * signal ended arrives as 0. Both on purpose.
  */
 struct evloop_process {
-	struct evloop_process *next, *prev;			     /* the loop's; null while not pending */
-	uint8_t pending;					     /* the loop's */
-	pid_t pid;						     /* the caller's; set it before adding */
+	struct evloop_process *next, *prev;                          /* the loop's; null while not pending */
+	uint8_t pending;                                             /* the loop's */
+	pid_t pid;                                                   /* the caller's; set it before adding */
 	void (*cb)(struct evloop_process *process, int exit_status); /* the caller's; may be null */
 };
 

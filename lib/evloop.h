@@ -38,7 +38,7 @@ struct evloop_io {
 	void (*cb)(struct evloop_io *io, unsigned int events);
 	int32_t fd;
 #if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ /* the most significant bit of its byte, on either byte order */
-	uint8_t registered : 1;		   /* the loop's: the descriptor is in the epoll set */
+	uint8_t registered : 1;            /* the loop's: the descriptor is in the epoll set */
 	uint8_t reserved : 7;
 #else
 	uint8_t reserved : 7;
@@ -52,10 +52,10 @@ struct evloop_io {
  * While `pending` the loop links to it: do not move, copy or release it.
  */
 struct evloop_timeout {
-	struct evloop_timeout *next, *prev;	    /* the loop's; null while not pending */
-	uint8_t pending;			    /* the loop's; read it freely */
+	struct evloop_timeout *next, *prev;         /* the loop's; null while not pending */
+	uint8_t pending;                            /* the loop's; read it freely */
 	void (*cb)(struct evloop_timeout *timeout); /* the caller's; may be null */
-	int64_t expires;			    /* microseconds of CLOCK_MONOTONIC */
+	int64_t expires;                            /* microseconds of CLOCK_MONOTONIC */
 };
 
 /*

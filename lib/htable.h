@@ -31,18 +31,18 @@ typedef void (*htable_free_fn)(void *item);
 
 /* For reading by debuggers and tests; use the functions. */
 struct htable {
-	int32_t slot_count;	      /* a power of two, at least 8 */
-	uint32_t prime_mod;	      /* hash % prime_mod is the first slot looked at */
-	uint32_t mask;		      /* slot_count - 1 */
-	int32_t live_count;	      /* entries */
-	int32_t used_count;	      /* entries and tombstones */
-	uint32_t *hashes;	      /* per slot: 0 empty, 1 tombstone, else the entry's hash */
-	void **keys;		      /* per slot */
-	void **values;		      /* per slot; the array of the keys itself as long as the table is a set */
-	htable_hash_fn hash_fn;	      /* a hash of 0 or 1 counts as 2 */
-	htable_equal_fn equal_fn;     /* null: keys are compared as pointers */
-	int32_t refcount;	      /* starts at 1 */
-	htable_free_fn key_free_fn;   /* may be null */
+	int32_t slot_count;         /* a power of two, at least 8 */
+	uint32_t prime_mod;         /* hash % prime_mod is the first slot looked at */
+	uint32_t mask;              /* slot_count - 1 */
+	int32_t live_count;         /* entries */
+	int32_t used_count;         /* entries and tombstones */
+	uint32_t *hashes;           /* per slot: 0 empty, 1 tombstone, else the entry's hash */
+	void **keys;                /* per slot */
+	void **values;              /* per slot; the array of the keys itself as long as the table is a set */
+	htable_hash_fn hash_fn;     /* a hash of 0 or 1 counts as 2 */
+	htable_equal_fn equal_fn;   /* null: keys are compared as pointers */
+	int32_t refcount;           /* starts at 1 */
+	htable_free_fn key_free_fn; /* may be null */
 	htable_free_fn value_free_fn; /* may be null */
 };
 

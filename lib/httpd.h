@@ -53,17 +53,17 @@ extern "C" {
 #define HTTPD_METHOD_OTHER 2
 
 /* Bits of a connection's `flags`. */
-#define HTTPD_DEFERRED	    128 /* the answer comes later: httpd_defer */
-#define HTTPD_FD_CLOSED	    64	/* the descriptor was closed while deferred; writes fail with -EINVAL */
-#define HTTPD_CLOSE_PENDING 32	/* the connection ends with the deferral: there is nobody to answer */
+#define HTTPD_DEFERRED      128 /* the answer comes later: httpd_defer */
+#define HTTPD_FD_CLOSED     64  /* the descriptor was closed while deferred; writes fail with -EINVAL */
+#define HTTPD_CLOSE_PENDING 32  /* the connection ends with the deferral: there is nobody to answer */
 
 /* `state` of a connection's parser. */
-#define HTTPD_STATE_IDLE	 0
+#define HTTPD_STATE_IDLE         0
 #define HTTPD_STATE_REQUEST_LINE 1
-#define HTTPD_STATE_HEADERS	 2
-#define HTTPD_STATE_BODY	 3
-#define HTTPD_STATE_DISPATCH	 4
-#define HTTPD_STATE_DONE	 5
+#define HTTPD_STATE_HEADERS      2
+#define HTTPD_STATE_BODY         3
+#define HTTPD_STATE_DISPATCH     4
+#define HTTPD_STATE_DONE         5
 
 struct httpd_conn;
 
@@ -105,7 +105,7 @@ struct httpd_conn {
 	struct evloop_timeout idle_timer;
 
 	int32_t version; /* 0: HTTP/1.0, 1: HTTP/1.1 */
-	int32_t method;	 /* HTTPD_METHOD_* */
+	int32_t method;  /* HTTPD_METHOD_* */
 	const char *target;
 	int32_t target_len; /* as sent */
 	const char *host;
@@ -113,22 +113,23 @@ struct httpd_conn {
 	const char *path;
 	int32_t path_len; /* of the target, up to its first "?"; null and 0 for "http://host" */
 	const char *query;
-	int32_t query_len;	/* from that "?", included; null and 0 if there is none */
+	int32_t query_len;      /* from that "?", included; null and 0 if there is none */
 	const char *head_start; /* the first header line */
-	const char *head_end;	/* behind the blank line */
-	int32_t head_len;	/* request line, header lines and blank line */
+	const char *head_end;   /* behind the blank line */
+	int32_t head_len;       /* request line, header lines and blank line */
 	const char *body;
 	int32_t body_len;
 
 	uint32_t arg;  /* as given to httpd_accept; the handler may change it, it lasts with the connection */
 	uint8_t flags; /* HTTPD_* */
 	/* The path decoded as http_alloc_url_decode does, "/" if there is none; the server's. On purpose
-	 * each escape in it brings two of the bytes that follow the path: "/a%20b HTTP/1.1" reads "/a b H". */
+	 * each escape in it brings two of the bytes that follow the path: "/a%20b HTTP/1.1" reads "/a b H".
+	 */
 	char *decoded_path;
 	uint8_t close_requested; /* 1: "Connection: close" */
 	uint32_t content_length;
-	int32_t state;		 /* HTTPD_STATE_* */
-	struct htable *headers;	 /* name to value, both strings; use httpd_header_table_get */
+	int32_t state;           /* HTTPD_STATE_* */
+	struct htable *headers;  /* name to value, both strings; use httpd_header_table_get */
 	struct buffer *res_head; /* the answer's head and body, for the handler to compose in; empty them */
 	struct buffer *res_body; /* with httpd_res_buffers_reset when done */
 };

@@ -15,9 +15,10 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /* Where messages go; any combination. */
-#define LOG_DEST_KMSG	1 /* the kernel log, /dev/kmsg, opened anew for each message: one message, one record */
+#define LOG_DEST_KMSG 1 /* the kernel log, /dev/kmsg, opened anew for each message: one message, one record  \
+			 */
 #define LOG_DEST_SYSLOG 2 /* syslog */
-#define LOG_DEST_STDIO	4 /* stdout for priorities 5 and 6, stderr for all others (7, debug, included) */
+#define LOG_DEST_STDIO  4 /* stdout for priorities 5 and 6, stderr for all others (7, debug, included) */
 
 /*
  * Chooses the destinations (LOG_DEST_*), the syslog facility (LOG_USER, LOG_DAEMON, ...) and the
@@ -54,8 +55,7 @@ void out_of_memory(void) __attribute__((noreturn, cold));
 
 /* Ends the process unless `expression` holds; checked in every build. One condition an assertion. */
 #define log_assert(expression)                                                                               \
-	((expression) ? (void)0                                                                              \
-		      : assert_failure(__FILE__ ":" LOG_STRINGIFY(__LINE__), __func__, #expression))
+	((expression) ? (void)0 : assert_failure(__FILE__ ":" LOG_STRINGIFY(__LINE__), __func__, #expression))
 #define LOG_STRINGIFY(x)  LOG_STRINGIFY_(x)
 #define LOG_STRINGIFY_(x) #x
 
@@ -65,10 +65,10 @@ void out_of_memory(void) __attribute__((noreturn, cold));
  */
 struct ratelimit_state {
 	int32_t interval; /* milliseconds; 0: no limit, and the counters below are left alone */
-	int32_t burst;	  /* calls let through in a period; 0: none */
+	int32_t burst;    /* calls let through in a period; 0: none */
 	int32_t printed;  /* calls let through in this period; start from 0 */
-	int32_t missed;	  /* calls refused and not yet reported; start from 0; stays at INT32_MAX once there */
-	uint64_t begin;	  /* start of the period, monotonic milliseconds; start from 0 */
+	int32_t missed; /* calls refused and not yet reported; start from 0; stays at INT32_MAX once there */
+	uint64_t begin; /* start of the period, monotonic milliseconds; start from 0 */
 };
 
 /*

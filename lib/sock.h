@@ -16,7 +16,7 @@ extern "C" {
 
 /* Bits of `flags`. */
 #define SOCK_KEEP_ON_EXEC 1 /* leave the listening, connected and accepted descriptors open on exec */
-#define SOCK_TCP	  2 /* required: TCP is the only kind there is */
+#define SOCK_TCP          2 /* required: TCP is the only kind there is */
 
 struct sock {
 	struct evloop_io io; /* `io.fd` is the socket after success; its `cb` accepts, when listening */

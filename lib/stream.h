@@ -23,8 +23,8 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /* Bits of `state`. */
-#define STREAM_EOF	     1 /* end of file was read; writing goes on */
-#define STREAM_ERROR	     2 /* a read or a write failed; nothing is read or written any more */
+#define STREAM_EOF           1 /* end of file was read; writing goes on */
+#define STREAM_ERROR         2 /* a read or a write failed; nothing is read or written any more */
 #define STREAM_READ_DISABLED 4 /* the owner stopped reading */
 
 /*
@@ -37,7 +37,7 @@ struct stream {
 	struct evloop_timeout read_timer;
 	struct buffer *tx; /* owned by the stream: bytes not sent yet */
 	struct buffer *rx; /* owned by the stream: bytes received; consume them with buffer_consume */
-	uint8_t state;	   /* STREAM_EOF, STREAM_ERROR, STREAM_READ_DISABLED */
+	uint8_t state;     /* STREAM_EOF, STREAM_ERROR, STREAM_READ_DISABLED */
 
 	/*
 	 * How bytes are read: returns how many (1 to `count`), 0 at end of file, -EAGAIN when there are
@@ -52,8 +52,9 @@ struct stream {
 	 */
 	int32_t (*write)(struct stream *stream, const void *bytes, uint32_t count);
 
-	void (*notify_read)(struct stream *stream);  /* `rx` has new bytes; may be null */
-	void (*notify_state)(struct stream *stream); /* `state` gained EOF (once) or ERROR (once); may be null */
+	void (*notify_read)(struct stream *stream); /* `rx` has new bytes; may be null */
+	void (*notify_state)(
+		struct stream *stream); /* `state` gained EOF (once) or ERROR (once); may be null */
 	void (*notify_write)(struct stream *stream); /* `tx` has become empty; may be null */
 };
 

@@ -4,7 +4,8 @@
 
 // A circular list through the items' own `next` and `prev`; its head is an item that is never handed out.
 // An item outside any list has null links.
-template <typename T> class ring
+template <typename T>
+class ring
 {
 	T head_{};
 
@@ -35,7 +36,8 @@ public:
 
 // The record a member lies in: `owner_of(timeout, &httpd_conn::idle_timer)`. Typed, and free: the ABI
 // keeps a data-member pointer as the offset.
-template <typename T, typename M> T *owner_of(M *member, M T::*field)
+template <typename T, typename M>
+T *owner_of(M *member, M T::*field)
 {
 	return reinterpret_cast<T *>(reinterpret_cast<char *>(member) - __builtin_bit_cast(ptrdiff_t, field));
 }

@@ -10,5 +10,6 @@ struct layout_probe {
 };
 inline constexpr bool layout_is_targets = sizeof(void *) == 4 && offsetof(layout_probe, second) == 8;
 
-#define LAYOUT_SIZE(record, bytes)	   static_assert(!layout_is_targets || sizeof(record) == (bytes))
-#define LAYOUT_FIELD(record, field, bytes) static_assert(!layout_is_targets || offsetof(record, field) == (bytes))
+#define LAYOUT_SIZE(record, bytes) static_assert(!layout_is_targets || sizeof(record) == (bytes))
+#define LAYOUT_FIELD(record, field, bytes)                                                                   \
+	static_assert(!layout_is_targets || offsetof(record, field) == (bytes))

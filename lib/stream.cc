@@ -1,0 +1,310 @@
+// The watcher's callback only moves bytes between descriptor and buffers; the owner hears of it from two
+// zero-delay timeouts on a later pass, and so may release the stream in its callbacks. The one exception,
+// notify_write, is the last thing the watcher's callback does.
+
+#include "stream.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stddef.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "internal/evloop-internal.h"
+#include "internal/intrusive.h"
+#include "internal/layout.h"
+#include "internal/stream-internal.h"
+
+LAYOUT_FIELD(stream, state_timer, 16);
+LAYOUT_FIELD(stream, read_timer, 40);
+LAYOUT_FIELD(stream, tx, 64);
+LAYOUT_FIELD(stream, rx, 68);
+LAYOUT_FIELD(stream, state, 72);
+LAYOUT_FIELD(stream, read, 76);
+LAYOUT_FIELD(stream, write, 80);
+LAYOUT_FIELD(stream, notify_read, 84);
+LAYOUT_FIELD(stream, notify_state, 88);
+LAYOUT_FIELD(stream, notify_write, 92);
+LAYOUT_SIZE(stream, 96);
+
+static constexpr int32_t TX_SIZE = 256; // bytes at first
+static constexpr int32_t RX_SIZE = 512;
+static constexpr int32_t READ_CHUNK = 1024; // bytes read at once, into the stack
+
+// What is written to the held stream before it is sent. While bytes wait here its `tx` is empty.
+static constexpr uint32_t HELD_MAX = 16384;
+static stream *held_stream;
+static uint32_t held_length;
+static char held_bytes[HELD_MAX];
+
+int32_t stream_read_fd(stream *s, void *bytes, uint32_t count)
+{
+	ssize_t length;
+	do
+		length = read(s->io.fd, bytes, count);
+	while (length < 0 && errno == EINTR);
+	if (length >= 0)
+		return static_cast<int32_t>(length);
+	return errno == EAGAIN ? -EAGAIN : -1;
+}
+
+static int32_t write_fd(stream *s, const void *bytes, uint32_t count)
+{
+	if (!bytes)
+		return 0;
+	uint32_t taken = 0;
+	while (taken < count) {
+		ssize_t length = write(s->io.fd, static_cast<const char *>(bytes) + taken, count - taken);
+		if (length >= 0)
+			taken += static_cast<uint32_t>(length);
+		else if (errno == EAGAIN)
+			break;
+		else if (errno != EINTR)
+			return -1;
+	}
+	return static_cast<int32_t>(taken);
+}
+
+static void update_watcher(stream *s, bool want_write)
+{
+	if (!s->tx) // cleaned up: it stays off the loop
+		return;
+	unsigned int flags = 0;
+	if (!(s->state & (STREAM_EOF | STREAM_ERROR | STREAM_READ_DISABLED)))
+		flags |= EVLOOP_READ;
+	if (want_write || (!(s->state & STREAM_ERROR) && s->tx->length > 0))
+		flags |= EVLOOP_WRITE;
+	evloop_io_add(&s->io, flags);
+}
+
+// Sets a bit of `state`, and has the owner told on a later pass the first time.
+static void enter_state(stream *s, uint8_t state)
+{
+	if (!(s->state & state) && s->notify_state)
+		evloop_timeout_set(&s->state_timer, 0);
+	s->state |= state;
+	update_watcher(s, false);
+}
+
+static void read_all(stream *s)
+{
+	char chunk[READ_CHUNK];
+	for (;;) {
+		int32_t length = s->read(s, chunk, READ_CHUNK);
+		if (length == -EAGAIN)
+			return;
+		if (length == 0)
+			return enter_state(s, STREAM_EOF);
+		// More than the chunk, or than `rx` can count: never kept in part.
+		if (length < 0 || length > READ_CHUNK || buffer_write(s->rx, chunk, length) < 0)
+			return enter_state(s, STREAM_ERROR);
+		stream_notify_read(s);
+	}
+}
+
+// May release `s`, in notify_write.
+static void write_backlog(stream *s)
+{
+	while (s->tx->length > 0 && !(s->state & STREAM_ERROR)) {
+		int32_t taken = s->write(s, s->tx->data, static_cast<uint32_t>(s->tx->length));
+		if (taken < 0)
+			return enter_state(s, STREAM_ERROR);
+		if (taken == 0)
+			break;
+		buffer_consume(s->tx, taken);
+	}
+	if (s->tx->length > 0)
+		return;
+	update_watcher(s, false);
+	if (s->notify_write)
+		s->notify_write(s);
+}
+
+static void on_io(evloop_io *io, unsigned int events)
+{
+	stream *s = owner_of(io, &stream::io);
+	if (events & EVLOOP_READ)
+		read_all(s);
+	if (events & EVLOOP_WRITE)
+		write_backlog(s);
+}
+
+static void on_state_timer(evloop_timeout *timeout)
+{
+	stream *s = owner_of(timeout, &stream::state_timer);
+	if (s->notify_state)
+		s->notify_state(s);
+}
+
+static void on_read_timer(evloop_timeout *timeout)
+{
+	stream *s = owner_of(timeout, &stream::read_timer);
+	if (s->notify_read)
+		s->notify_read(s);
+}
+
+static void make_nonblocking(int fd)
+{
+	int flags = fcntl(fd, F_GETFL);
+	if (!(flags & O_NONBLOCK))
+		fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+}
+
+int stream_init(struct stream *stream, int fd)
+{
+	stream->tx = buffer_new_with_size(TX_SIZE);
+	stream->rx = buffer_new_with_size(RX_SIZE);
+	if (!stream->read)
+		stream->read = stream_read_fd;
+	if (!stream->write)
+		stream->write = write_fd;
+	stream->state = 0;
+	stream->state_timer = {
+		.next = nullptr, .prev = nullptr, .pending = 0, .cb = on_state_timer, .expires = 0};
+	stream->read_timer = {
+		.next = nullptr, .prev = nullptr, .pending = 0, .cb = on_read_timer, .expires = 0};
+	stream->io.fd = fd;
+	stream->io.registered = 0;
+	stream->io.cb = on_io;
+	evloop_io_add(&stream->io, EVLOOP_READ);
+	make_nonblocking(fd);
+	return 0;
+}
+
+static int32_t write_through(stream *s, const void *bytes, uint32_t count)
+{
+	uint32_t taken = 0;
+	if (s->tx->length == 0) {
+		int32_t result = s->write(s, bytes, count);
+		if (result < 0) {
+			enter_state(s, STREAM_ERROR);
+			return result;
+		}
+		taken = static_cast<uint32_t>(result);
+		if (taken >= count)
+			return static_cast<int32_t>(count);
+	}
+	buffer_write(s->tx, static_cast<const char *>(bytes) + taken, static_cast<int32_t>(count - taken));
+	update_watcher(s, true);
+	return static_cast<int32_t>(count);
+}
+
+static void send_held(stream *s)
+{
+	if (held_stream != s || held_length == 0)
+		return;
+	uint32_t length = held_length;
+	held_length = 0;
+	write_through(s, held_bytes, length);
+}
+
+// Makes room for `count` more bytes to hold; false if they must be written after all.
+static bool can_hold(stream *s, uint32_t count)
+{
+	if (held_stream != s || s->tx->length > 0)
+		return false;
+	if (count > HELD_MAX - held_length)
+		send_held(s);
+	return count <= HELD_MAX - held_length && s->tx->length == 0;
+}
+
+int32_t stream_write(struct stream *stream, const void *bytes, uint32_t count)
+{
+	if (!stream->tx)
+		return -EINVAL;
+	if ((stream->state & STREAM_ERROR) || !bytes)
+		return 0;
+	if (count > static_cast<uint32_t>(INT32_MAX - stream->tx->length))
+		return -EINVAL;
+	if (can_hold(stream, count)) {
+		memcpy(held_bytes + held_length, bytes, count);
+		held_length += count;
+		return static_cast<int32_t>(count);
+	}
+	if (stream->state & STREAM_ERROR) // sending what was held has failed
+		return 0;
+	return write_through(stream, bytes, count);
+}
+
+int32_t stream_printf(struct stream *stream, const char *format, ...)
+{
+	va_list arguments;
+	va_start(arguments, format);
+	int32_t result = stream_vprintf(stream, format, arguments);
+	va_end(arguments);
+	return result;
+}
+
+int32_t stream_vprintf(struct stream *stream, const char *format, va_list arguments)
+{
+	if (stream->state & STREAM_ERROR)
+		return 0;
+	char *text;
+	int length = vasprintf(&text, format, arguments);
+	if (length < 0)
+		return length;
+	int32_t result = stream_write(stream, text, static_cast<uint32_t>(strlen(text)));
+	free(text);
+	return result;
+}
+
+void stream_notify_read(struct stream *stream)
+{
+	if (stream->tx && stream->notify_read)
+		evloop_timeout_set(&stream->read_timer, 0);
+}
+
+void stream_disable_read(struct stream *stream)
+{
+	stream_pause_read(stream);
+}
+
+void stream_pause_read(stream *s)
+{
+	s->state |= STREAM_READ_DISABLED;
+	update_watcher(s, false);
+}
+
+void stream_resume_read(stream *s)
+{
+	s->state &= static_cast<uint8_t>(~STREAM_READ_DISABLED);
+	update_watcher(s, false);
+}
+
+void stream_flush_tx_async(struct stream *stream, void (*callback)(struct stream *stream))
+{
+	send_held(stream);
+	if (buffer_length(stream->tx) == 0)
+		callback(stream);
+	else
+		stream->notify_write = callback;
+}
+
+void stream_cleanup(struct stream *stream)
+{
+	if (!stream->tx)
+		return;
+	stream_release(stream);
+	evloop_io_delete(&stream->io);
+	evloop_forget(&stream->io);
+	evloop_timeout_cancel(&stream->state_timer);
+	evloop_timeout_cancel(&stream->read_timer);
+	buffer_free(stream->rx);
+	buffer_free(stream->tx);
+	stream->rx = stream->tx = nullptr;
+}
+
+void stream_hold(stream *s)
+{
+	if (!held_stream)
+		held_stream = s;
+}
+
+void stream_release(stream *s)
+{
+	send_held(s);
+	if (held_stream == s)
+		held_stream = nullptr;
+}
