@@ -21,8 +21,8 @@ struct buffer {
 	int32_t length; /* bytes in use, from `data` on */
 };
 
-/* A new, empty buffer of 512, or of `size`, bytes; a negative size counts as 0. Release it with buffer_free.
- */
+/* A new, empty buffer of 512, or of `size`, bytes; a negative size counts as 0. Release it with
+ * buffer_free. */
 struct buffer *buffer_new(void) __attribute__((returns_nonnull));
 struct buffer *buffer_new_with_size(int32_t size) __attribute__((returns_nonnull));
 

@@ -35,39 +35,9 @@ static constexpr int SHIFT_MAX = 30; // the most slots that a signed number coun
 static constexpr int32_t NO_SLOT = -1;
 
 // The largest prime below each power of two; 1 and 2 below the first two.
-static constexpr uint32_t PRIMES[SHIFT_MAX + 1] = {
-	1,
-	2,
-	3,
-	7,
-	13,
-	31,
-	61,
-	127,
-	251,
-	509,
-	1021,
-	2039,
-	4093,
-	8191,
-	16381,
-	32749,
-	65521,
-	131071,
-	262139,
-	524287,
-	1048573,
-	2097143,
-	4194301,
-	8388593,
-	16777213,
-	33554393,
-	67108859,
-	134217689,
-	268435399,
-	536870909,
-	1073741789,
-};
+static constexpr uint32_t PRIMES[SHIFT_MAX + 1] = {1, 2, 3, 7, 13, 31, 61, 127, 251, 509, 1021, 2039, 4093,
+	8191, 16381, 32749, 65521, 131071, 262139, 524287, 1048573, 2097143, 4194301, 8388593, 16777213,
+	33554393, 67108859, 134217689, 268435399, 536870909, 1073741789};
 
 uint32_t fnv_32_buf(const void *bytes, size_t length, uint32_t hash)
 {

@@ -15,7 +15,8 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /* Where messages go; any combination. */
-#define LOG_DEST_KMSG 1 /* the kernel log, /dev/kmsg, opened anew for each message: one message, one record  \
+#define LOG_DEST_KMSG                                                                                        \
+	1 /* the kernel log, /dev/kmsg, opened anew for each message: one message, one record  \
 			 */
 #define LOG_DEST_SYSLOG 2 /* syslog */
 #define LOG_DEST_STDIO  4 /* stdout for priorities 5 and 6, stderr for all others (7, debug, included) */

@@ -1,0 +1,1169 @@
+// A connection is a stream whose receive buffer is parsed in place: one function a parser state, all memory
+// in the record, so that bytes that come one by one parse like bytes that come at once.
+//
+// Three rules keep it whole against peers and handlers alike:
+//
+// - A connection ends in one place, finish(), however many reasons there are to end it: a deferred answer or a
+//   running handler puts the end off, draining (what has been written still goes out) comes before it, and no
+//   request code runs from teardown() on.
+// - What a peer sends is bounded: reading pauses when the receive buffer is full of requests that wait, or when
+//   answers that the peer does not take pile up, and resumes when the parser has made room.
+// - Pointers of the request point into the receive buffer, which moves when it grows. The stream asks for bytes
+//   before and after each growth, and there they are moved along.
+
+#include "httpd.h"
+
+#include <errno.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <stddef.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "internal/evloop-internal.h"
+#include "internal/intrusive.h"
+#include "internal/layout.h"
+#include "internal/stream-internal.h"
+#include "log.h"
+
+LAYOUT_FIELD(httpd_ctx, connections, 4);
+LAYOUT_SIZE(httpd_ctx, 12);
+LAYOUT_FIELD(httpd_conn, stream, 8);
+LAYOUT_FIELD(httpd_conn, node, 104);
+LAYOUT_FIELD(httpd_conn, idle_timer, 112);
+LAYOUT_FIELD(httpd_conn, version, 136);
+LAYOUT_FIELD(httpd_conn, method, 140);
+LAYOUT_FIELD(httpd_conn, target, 144);
+LAYOUT_FIELD(httpd_conn, host, 152);
+LAYOUT_FIELD(httpd_conn, path, 160);
+LAYOUT_FIELD(httpd_conn, query, 168);
+LAYOUT_FIELD(httpd_conn, head_start, 176);
+LAYOUT_FIELD(httpd_conn, head_end, 180);
+LAYOUT_FIELD(httpd_conn, head_len, 184);
+LAYOUT_FIELD(httpd_conn, body, 188);
+LAYOUT_FIELD(httpd_conn, body_len, 192);
+LAYOUT_FIELD(httpd_conn, arg, 196);
+LAYOUT_FIELD(httpd_conn, flags, 200);
+LAYOUT_FIELD(httpd_conn, decoded_path, 204);
+LAYOUT_FIELD(httpd_conn, close_requested, 208);
+LAYOUT_FIELD(httpd_conn, content_length, 212);
+LAYOUT_FIELD(httpd_conn, state, 216);
+LAYOUT_FIELD(httpd_conn, headers, 220);
+LAYOUT_FIELD(httpd_conn, res_head, 224);
+LAYOUT_FIELD(httpd_conn, res_body, 228);
+LAYOUT_SIZE(httpd_conn, 232);
+
+static constexpr int64_t IDLE_MS = 60000;        // without a byte from the peer
+static constexpr int64_t DRAIN_STALL_MS = 60000; // without a byte of the last answer taken by the peer
+
+static constexpr ptrdiff_t REQUEST_LINE_MIN = 14; // "GET / HTTP/1.0"
+static constexpr int32_t ABSOLUTE_TARGET_MIN = 8; // "http://h"
+
+// Bytes that a refused peer may have under way: discarded unread, as far as they have come, since closing with
+// unread bytes would reset the connection and could take the answer along.
+static constexpr size_t DISCARD_MAX = 1 << 20;
+
+// A request's end is computed as a signed number.
+static_assert(int64_t{2} * HTTPD_REQUEST_BYTES_LIMIT <= INT32_MAX);
+
+static constexpr char BLANK_LINE[] = "\r\n\r\n";
+static constexpr char LINE_END[] = "\r\n";
+
+// How a connection is to end; the later one prevails.
+enum class ending : uint8_t {
+	none,
+	graceful,  // once what has been written is sent
+	immediate, // now
+};
+
+// What a parser state decided.
+enum class step {
+	next, // run the state that is current now
+	wait, // for bytes, for the peer to take some, or for httpd_defer_complete
+	gone, // the connection has been torn down; do not touch it
+};
+
+// A connection, behind what the daemon sees of it.
+struct connection {
+	httpd_conn pub;
+	uintptr_t rx_base;    // where `rx` was when the request's pointers were right
+	buffer *kept_rx;      // holds the deferred request after the stream was cleaned up
+	int32_t searched_len; // bytes of `rx` known to hold no blank line
+	ending put_off;       // asked for while the handler ran, or while deferred
+	bool in_handler;
+	bool is_draining;
+	bool is_paused;       // reading is
+	bool is_stalled;      // the next request waits for the peer to take former answers
+	bool is_read_empty;   // the last read got less than it asked for
+	bool discards_unread; // the peer may still be sending what was refused
+};
+
+static connection *connection_of(httpd_conn *conn)
+{
+	return owner_of(conn, &connection::pub);
+}
+
+static connection *connection_of(stream *s)
+{
+	return connection_of(owner_of(s, &httpd_conn::stream));
+}
+
+static bool is_deferred(const connection *c)
+{
+	return c->pub.flags & HTTPD_DEFERRED;
+}
+
+static void link_first(httpd_link *head, httpd_link *node)
+{
+	node->prev = head;
+	node->next = head->next;
+	node->next->prev = head->next = node;
+}
+
+static void unlink(httpd_link *node)
+{
+	if (!node->next) // httpd_ctx_cleanup did, from inside the handler
+		return;
+	node->next->prev = node->prev;
+	node->prev->next = node->next;
+	node->next = node->prev = nullptr;
+}
+
+// --- The end of a connection
+
+static void close_stream(connection *c)
+{
+	stream *s = &c->pub.stream;
+	int fd = s->io.fd;
+	stream_cleanup(s);
+	close(fd);
+	s->io.fd = -1;
+}
+
+static void finish(connection *c)
+{
+	unlink(&c->pub.node);
+	evloop_timeout_cancel(&c->pub.idle_timer);
+	if (c->discards_unread)
+		recv(c->pub.stream.io.fd, nullptr, DISCARD_MAX, MSG_TRUNC | MSG_DONTWAIT);
+	if (!(c->pub.flags & HTTPD_FD_CLOSED))
+		close_stream(c);
+	buffer_free(c->kept_rx);
+	free(c);
+}
+
+static void on_drained(stream *s)
+{
+	finish(connection_of(s));
+}
+
+// The end of the peer's bytes changes nothing for one that still takes ours; an error ends the draining.
+static void on_drain_state(stream *s)
+{
+	if (s->state & STREAM_ERROR)
+		finish(connection_of(s));
+}
+
+static void on_drain_stalled(evloop_timeout *timeout)
+{
+	finish(connection_of(owner_of(timeout, &httpd_conn::idle_timer)));
+}
+
+static void drain(connection *c)
+{
+	stream *s = &c->pub.stream;
+	c->is_draining = true;
+	s->notify_read = nullptr;
+	s->notify_state = on_drain_state;
+	c->pub.idle_timer.cb = on_drain_stalled;
+	evloop_timeout_set(&c->pub.idle_timer, DRAIN_STALL_MS);
+	stream_disable_read(s);
+	stream_flush_tx_async(s, on_drained);
+}
+
+static void release_request(connection *c)
+{
+	httpd_conn *conn = &c->pub;
+	buffer_free(conn->res_head);
+	buffer_free(conn->res_body);
+	free(conn->decoded_path);
+	htable_destroy(conn->headers);
+	conn->res_head = conn->res_body = nullptr;
+	conn->decoded_path = nullptr;
+	conn->headers = nullptr;
+	evloop_timeout_cancel(&conn->idle_timer);
+}
+
+static void put_off(connection *c, ending mode)
+{
+	if (c->put_off < mode)
+		c->put_off = mode;
+}
+
+// Ends the connection, unless its answer is deferred or its handler runs: then it ends after that.
+static void teardown(connection *c, ending mode)
+{
+	if (is_deferred(c)) {
+		c->pub.flags |= HTTPD_CLOSE_PENDING;
+		put_off(c, mode);
+		return;
+	}
+	if (c->in_handler) {
+		put_off(c, mode);
+		return;
+	}
+	release_request(c);
+	if (mode == ending::immediate || (c->pub.stream.state & STREAM_ERROR))
+		finish(c);
+	else
+		drain(c);
+}
+
+static step end_gracefully(connection *c)
+{
+	teardown(c, ending::graceful);
+	return step::gone;
+}
+
+static step refuse(connection *c, int version, int code)
+{
+	httpd_fail(&c->pub, version, code);
+	c->discards_unread = true;
+	return end_gracefully(c);
+}
+
+// --- Reading and writing
+
+static void pause_reading(connection *c)
+{
+	if (c->is_paused)
+		return;
+	c->is_paused = true;
+	stream_pause_read(&c->pub.stream);
+}
+
+static void resume_reading(connection *c)
+{
+	if (!c->is_paused)
+		return;
+	c->is_paused = false;
+	stream_resume_read(&c->pub.stream);
+}
+
+static void move_pointer(const char **pointer, uintptr_t from, const char *to)
+{
+	if (*pointer)
+		*pointer = to + (reinterpret_cast<uintptr_t>(*pointer) - from);
+}
+
+// Moves the request's pointers to where the receive buffer is now.
+static void follow_rx(connection *c)
+{
+	httpd_conn *conn = &c->pub;
+	const char *data = conn->stream.rx->data;
+	uintptr_t base = reinterpret_cast<uintptr_t>(data);
+	if (base == c->rx_base)
+		return;
+	const char **const pointers[] = {&conn->target, &conn->host, &conn->path, &conn->query,
+		&conn->head_start, &conn->head_end, &conn->body};
+	for (const char **pointer : pointers)
+		move_pointer(pointer, c->rx_base, data);
+	c->rx_base = base;
+}
+
+static bool peer_is_gone(int fd)
+{
+	pollfd query = {.fd = fd, .events = 0, .revents = 0};
+	return poll(&query, 1, 0) > 0;
+}
+
+// The stream's `read`. A read that gets less than it asked for has emptied the descriptor: the next answer,
+// that there is nothing, needs no system call.
+static int32_t read_bounded(stream *s, void *bytes, uint32_t count)
+{
+	connection *c = connection_of(s);
+	follow_rx(c);
+	if (s->state != 0) // nothing is asked for: a hang-up, or an event fetched before
+		return peer_is_gone(s->io.fd) ? -1 : -EAGAIN;
+	if (c->is_read_empty) {
+		c->is_read_empty = false;
+		return -EAGAIN;
+	}
+	uint32_t room = static_cast<uint32_t>(HTTPD_RX_BYTES_MAX - s->rx->length);
+	if (room == 0) {
+		pause_reading(c);
+		return -EAGAIN;
+	}
+	uint32_t wanted = count < room ? count : room;
+	int32_t length = stream_read_fd(s, bytes, wanted);
+	c->is_read_empty = length > 0 && static_cast<uint32_t>(length) < wanted;
+	return length;
+}
+
+static void note_progress(connection *c)
+{
+	if (c->is_draining)
+		evloop_timeout_set(&c->pub.idle_timer, DRAIN_STALL_MS);
+	else if (c->is_stalled)
+		stream_notify_read(&c->pub.stream);
+}
+
+// The stream's `write`: a peer that has gone is an error here, not a signal to the daemon.
+static int32_t write_quietly(stream *s, const void *bytes, uint32_t count)
+{
+	ssize_t length;
+	do
+		length = send(s->io.fd, bytes, count, MSG_NOSIGNAL);
+	while (length < 0 && errno == EINTR);
+	if (length < 0)
+		return errno == EAGAIN ? 0 : -1;
+	if (length > 0)
+		note_progress(connection_of(s));
+	return static_cast<int32_t>(length);
+}
+
+// --- Parsing
+
+// Text inside the receive buffer, not terminated; literals are compared without their terminating zero.
+struct span {
+	const char *pos;
+	const char *end;
+
+	size_t length() const { return static_cast<size_t>(end - pos); }
+	bool is_empty() const { return pos == end; }
+	template <size_t n>
+	bool starts_with(const char (&text)[n]) const
+	{
+		return length() >= n - 1 && memcmp(pos, text, n - 1) == 0;
+	}
+	template <size_t n>
+	bool is(const char (&text)[n]) const
+	{
+		return length() == n - 1 && starts_with(text);
+	}
+	template <size_t n>
+	const char *find(const char (&text)[n]) const
+	{
+		return static_cast<const char *>(memmem(pos, length(), text, n - 1));
+	}
+	const char *find(char c) const { return static_cast<const char *>(memchr(pos, c, length())); }
+	void skip_spaces()
+	{
+		while (pos < end && *pos == ' ')
+			pos++;
+	}
+};
+
+static span received(const httpd_conn *conn)
+{
+	const buffer *rx = conn->stream.rx;
+	return {rx->data, rx->data + rx->length};
+}
+
+static void store_span(span text, const char **pointer, int32_t *length)
+{
+	*pointer = text.pos;
+	*length = static_cast<int32_t>(text.length());
+}
+
+// The six characters that count as white space in a header's value.
+static bool is_white(char c)
+{
+	return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+
+static char *decode(span text, int32_t length);
+
+// IDLE: skips stray line ends. A request begins only while the peer takes the answers to former ones.
+static step state_idle(connection *c)
+{
+	httpd_conn *conn = &c->pub;
+	c->is_stalled = conn->stream.tx->length >= HTTPD_TX_BYTES_STALL;
+	if (c->is_stalled) {
+		pause_reading(c);
+		return step::wait;
+	}
+	span rest = received(conn);
+	const char *start = rest.pos;
+	while (!rest.is_empty() && (*rest.pos == '\r' || *rest.pos == '\n'))
+		rest.pos++;
+	buffer_consume(conn->stream.rx, static_cast<int32_t>(rest.pos - start));
+	if (rest.is_empty())
+		return step::wait;
+	c->searched_len = 0;
+	conn->state = HTTPD_STATE_REQUEST_LINE;
+	return step::next;
+}
+
+// True once the head has arrived whole. Bytes searched before are not searched again.
+static bool find_head(connection *c)
+{
+	httpd_conn *conn = &c->pub;
+	span text = received(conn);
+	span unsearched = {text.pos + c->searched_len, text.end};
+	const char *blank_line = unsearched.find(BLANK_LINE);
+	if (!blank_line) {
+		int32_t overlap = sizeof BLANK_LINE - 2; // all but the last byte of it may be there already
+		int32_t length = static_cast<int32_t>(text.length());
+		c->searched_len = length > overlap ? length - overlap : 0;
+		return false;
+	}
+	conn->head_end = blank_line + sizeof BLANK_LINE - 1;
+	conn->head_len = static_cast<int32_t>(conn->head_end - text.pos);
+	return true;
+}
+
+// Each parse_ function moves `rest` behind what it has taken; false refuses the request.
+
+static bool parse_method(httpd_conn *conn, span *rest, const char *line_end)
+{
+	if (rest->starts_with("GET ")) {
+		conn->method = HTTPD_METHOD_GET;
+		rest->pos += strlen("GET ");
+	} else if (rest->starts_with("POST ")) {
+		conn->method = HTTPD_METHOD_POST;
+		rest->pos += strlen("POST ");
+	} else {
+		const char *space = span{rest->pos, line_end}.find(' ');
+		if (!space)
+			return false;
+		conn->method = HTTPD_METHOD_OTHER;
+		rest->pos = space;
+	}
+	return true;
+}
+
+static bool skip_scheme(span *target)
+{
+	if (target->length() < ABSOLUTE_TARGET_MIN)
+		return false;
+	if (target->starts_with("http://")) {
+		target->pos += strlen("http://");
+		return true;
+	}
+	if (target->length() > ABSOLUTE_TARGET_MIN && target->starts_with("https://")) {
+		target->pos += strlen("https://");
+		return true;
+	}
+	return false;
+}
+
+// Of an absolute target: what precedes the path. Without a path the whole is the host.
+static bool parse_authority(httpd_conn *conn, span *target)
+{
+	if (!skip_scheme(target))
+		return false;
+	const char *slash = target->find('/');
+	span host = {target->pos, slash ? slash : target->end};
+	if (!host.is_empty())
+		store_span(host, &conn->host, &conn->host_len);
+	target->pos = host.end;
+	return true;
+}
+
+static void parse_path(httpd_conn *conn, span path)
+{
+	const char *query = path.find('?');
+	if (query) {
+		store_span({query, path.end}, &conn->query, &conn->query_len);
+		path.end = query;
+	}
+	store_span(path, &conn->path, &conn->path_len);
+}
+
+// The target ends at a space, which need not stand in the same line.
+static bool parse_target(httpd_conn *conn, span *rest)
+{
+	rest->skip_spaces();
+	const char *space = rest->find(' ');
+	if (!space)
+		return false;
+	span target = {rest->pos, space};
+	rest->pos = space;
+	store_span(target, &conn->target, &conn->target_len);
+	if (*target.pos != '/' && !parse_authority(conn, &target))
+		return false;
+	if (!target.is_empty())
+		parse_path(conn, target);
+	return true;
+}
+
+static bool parse_version(httpd_conn *conn, span *rest)
+{
+	rest->skip_spaces();
+	if (rest->starts_with("HTTP/1.1\r\n"))
+		conn->version = 1;
+	else if (rest->starts_with("HTTP/1.0\r\n"))
+		conn->version = 0;
+	else
+		return false;
+	rest->pos += strlen("HTTP/1.x\r\n");
+	return true;
+}
+
+static bool parse_request_line(httpd_conn *conn)
+{
+	span rest = {conn->stream.rx->data, conn->head_end};
+	const char *line_end = rest.find(LINE_END);
+	if (line_end - rest.pos < REQUEST_LINE_MIN)
+		return false;
+	if (!parse_method(conn, &rest, line_end) || !parse_target(conn, &rest) || !parse_version(conn, &rest))
+		return false;
+	conn->head_start = rest.pos;
+	return true;
+}
+
+// On purpose the bytes behind the path are decoded, too, two for each escape in it; behind what has been
+// received there are zeros.
+static char *decode_path(const httpd_conn *conn)
+{
+	static const char root[] = "/";
+	if (conn->path_len == 0)
+		return decode({root, root + 1}, 1);
+	return decode({conn->path, received(conn).end}, conn->path_len);
+}
+
+// REQUEST_LINE: waits for the whole head, and takes its first line.
+static step state_request_line(connection *c)
+{
+	httpd_conn *conn = &c->pub;
+	if (conn->stream.rx->length >= HTTPD_REQUEST_BYTES_LIMIT)
+		return refuse(c, 0, 400);
+	if (!find_head(c))
+		return step::wait;
+	if (!parse_request_line(conn))
+		return refuse(c, 0, 400);
+	conn->decoded_path = decode_path(conn);
+	conn->state = HTTPD_STATE_HEADERS;
+	return step::next;
+}
+
+// The end of the header that `rest` begins with: a line end that is not followed by white space.
+static const char *find_header_end(span rest)
+{
+	while (const char *line_end = rest.find(LINE_END)) {
+		bool is_folded = rest.end - line_end >= 3 && (line_end[2] == ' ' || line_end[2] == '\t');
+		if (!is_folded)
+			return line_end;
+		rest.pos = line_end + 2;
+	}
+	return nullptr;
+}
+
+static span trimmed(span text)
+{
+	while (!text.is_empty() && is_white(*text.pos))
+		text.pos++;
+	while (!text.is_empty() && is_white(text.end[-1]))
+		text.end--;
+	return text;
+}
+
+// With each run of white space, folds included, as one space. Null when memory is exhausted.
+static char *normalised_value(span value)
+{
+	char *copy = static_cast<char *>(malloc(value.length() + 1));
+	if (!copy)
+		return nullptr;
+	char *out = copy;
+	for (const char *in = value.pos; in < value.end; in++) {
+		if (!is_white(*in))
+			*out++ = *in;
+		else if (!is_white(in[-1])) // the first character is none
+			*out++ = ' ';
+	}
+	*out = '\0';
+	return copy;
+}
+
+// A header without memory for its name is dropped; one without memory for its value reads as absent.
+static void store_header(httpd_conn *conn, span name, span value)
+{
+	char *name_copy = strndup(name.pos, name.length());
+	char *value_copy = normalised_value(value);
+	if (name_copy && conn->headers) {
+		htable_insert(conn->headers, name_copy, value_copy);
+		return;
+	}
+	free(name_copy);
+	free(value_copy);
+}
+
+// The numbers of strtoul, signs included, but nothing behind them. The result is 0 or a status code.
+static int parse_content_length(httpd_conn *conn, span value)
+{
+	if (value.is_empty())
+		return 400;
+	char *digits = strndup(value.pos, value.length());
+	if (!digits)
+		return 500;
+	char *end;
+	unsigned long length = strtoul(digits, &end, 10);
+	bool is_whole = end != digits && static_cast<size_t>(end - digits) == value.length();
+	free(digits);
+	if (!is_whole || length >= HTTPD_REQUEST_BYTES_LIMIT)
+		return 400;
+	conn->content_length = static_cast<uint32_t>(length);
+	return 0;
+}
+
+static int parse_connection(httpd_conn *conn, span value)
+{
+	if (value.is_empty())
+		return 400;
+	if (value.is("close"))
+		conn->close_requested = 1;
+	return 0;
+}
+
+// Takes one header. The result is 0 or the status code to refuse the request with.
+static int parse_header(httpd_conn *conn, span line)
+{
+	const char *colon = line.find(':');
+	if (!colon || colon + 1 == line.end)
+		return 400;
+	span name = {line.pos, colon};
+	span value = trimmed({colon + 1, line.end});
+	// On purpose in this spelling only; "content-length" is a header like any other.
+	if (name.is("Content-Length"))
+		return parse_content_length(conn, value);
+	if (name.is("Connection"))
+		return parse_connection(conn, value);
+	store_header(conn, name, value);
+	return 0;
+}
+
+// HEADERS: takes all header lines; they have arrived.
+static step state_headers(connection *c)
+{
+	httpd_conn *conn = &c->pub;
+	span rest = {conn->head_start, conn->head_end};
+	while (!rest.is(LINE_END)) {
+		const char *line_end = find_header_end(rest);
+		int code = line_end ? parse_header(conn, {rest.pos, line_end}) : 400;
+		if (code != 0)
+			return refuse(c, conn->version, code);
+		rest.pos = line_end + strlen(LINE_END);
+	}
+	conn->state = HTTPD_STATE_BODY;
+	return step::next;
+}
+
+// BODY: waits for the whole body, whatever the method.
+static step state_body(connection *c)
+{
+	httpd_conn *conn = &c->pub;
+	const buffer *rx = conn->stream.rx;
+	int32_t body_len = static_cast<int32_t>(conn->content_length);
+	if (rx->length < conn->head_len + body_len)
+		return step::wait;
+	conn->body = rx->data + conn->head_len;
+	conn->body_len = body_len;
+	conn->state = HTTPD_STATE_DISPATCH;
+	return step::next;
+}
+
+// DISPATCH: calls the handler, which may end the connection, or put off its answer, before it returns.
+static step state_dispatch(connection *c)
+{
+	httpd_conn *conn = &c->pub;
+	if (!conn->ctx->handler)
+		return end_gracefully(c);
+	c->in_handler = true;
+	int32_t result = conn->ctx->handler(conn);
+	c->in_handler = false;
+	if (is_deferred(c))
+		return step::wait;
+	if (c->put_off != ending::none) {
+		teardown(c, c->put_off);
+		return step::gone;
+	}
+	if (result == 0)
+		return end_gracefully(c);
+	conn->state = HTTPD_STATE_DONE;
+	return step::next;
+}
+
+static void forget_request(httpd_conn *conn)
+{
+	static constexpr size_t FIRST = offsetof(httpd_conn, version);
+	static constexpr size_t BEHIND = offsetof(httpd_conn, arg);
+	memset(reinterpret_cast<char *>(conn) + FIRST, 0, BEHIND - FIRST);
+	free(conn->decoded_path);
+	conn->decoded_path = nullptr;
+	htable_remove_all(conn->headers);
+	conn->content_length = 0;
+}
+
+// DONE: closes, or makes room for the next request, which may be there already.
+static step state_done(connection *c)
+{
+	httpd_conn *conn = &c->pub;
+	if (conn->close_requested || conn->version == 0)
+		return end_gracefully(c);
+	buffer *rx = conn->stream.rx;
+	buffer_consume(rx, conn->head_len + static_cast<int32_t>(conn->content_length));
+	forget_request(conn);
+	conn->state = HTTPD_STATE_IDLE;
+	return rx->length > 0 ? step::next : step::wait;
+}
+
+static step run_state(connection *c)
+{
+	switch (c->pub.state) {
+	case HTTPD_STATE_IDLE:
+		return state_idle(c);
+	case HTTPD_STATE_REQUEST_LINE:
+		return state_request_line(c);
+	case HTTPD_STATE_HEADERS:
+		return state_headers(c);
+	case HTTPD_STATE_BODY:
+		return state_body(c);
+	case HTTPD_STATE_DISPATCH:
+		return state_dispatch(c);
+	default:
+		return state_done(c);
+	}
+}
+
+static step run_parser(connection *c)
+{
+	step result;
+	do
+		result = run_state(c);
+	while (result == step::next);
+	return result;
+}
+
+// Everything that could be parsed has been. With no more to come that is the end; otherwise there is room again.
+static void settle(connection *c)
+{
+	if (is_deferred(c) || c->is_stalled)
+		return;
+	if (c->pub.stream.state & STREAM_EOF)
+		teardown(c, ending::graceful);
+	else
+		resume_reading(c);
+}
+
+// --- A connection's callbacks
+
+// All answers of one run leave together, with stream_release, which does not touch a connection that is gone.
+static void on_readable(stream *s)
+{
+	connection *c = connection_of(s);
+	evloop_timeout_set(&c->pub.idle_timer, IDLE_MS);
+	if (is_deferred(c) || c->in_handler)
+		return;
+	follow_rx(c);
+	stream_hold(s);
+	step result = run_parser(c);
+	stream_release(s);
+	if (result == step::wait)
+		settle(c);
+}
+
+// A deferred connection whose peer has gone waits for its answer off the loop: the hang-up would be reported
+// again and again. Until then it still sends what it has.
+static void on_state_while_deferred(connection *c)
+{
+	stream *s = &c->pub.stream;
+	c->pub.flags |= HTTPD_CLOSE_PENDING;
+	if (s->tx->length > 0 && !(s->state & STREAM_ERROR))
+		return;
+	evloop_io_delete(&s->io);
+	evloop_forget(&s->io);
+}
+
+// A peer that has sent its last byte still gets what has been written, and the answers to the requests that wait
+// for it to take former ones.
+static void on_state(stream *s)
+{
+	connection *c = connection_of(s);
+	if (is_deferred(c))
+		on_state_while_deferred(c);
+	else if (s->state & STREAM_ERROR)
+		teardown(c, ending::immediate);
+	else if (!c->is_stalled)
+		teardown(c, ending::graceful);
+}
+
+static void on_idle(evloop_timeout *timeout)
+{
+	httpd_conn *conn = owner_of(timeout, &httpd_conn::idle_timer);
+	connection *c = connection_of(conn);
+	if (!is_deferred(c)) {
+		teardown(c, ending::graceful);
+		return;
+	}
+	c->kept_rx = conn->stream.rx; // the request still points into it
+	conn->stream.rx = nullptr;
+	close_stream(c);
+	conn->flags |= HTTPD_CLOSE_PENDING | HTTPD_FD_CLOSED;
+}
+
+// --- The server
+
+static uint32_t hash_name(const void *name)
+{
+	return fnv_32_str(static_cast<const char *>(name), 0); // on purpose not the usual basis
+}
+
+static int equal_names(const void *stored, const void *name)
+{
+	return strcmp(static_cast<const char *>(stored), static_cast<const char *>(name)) == 0;
+}
+
+void httpd_ctx_init(struct httpd_ctx *ctx, httpd_handler handler)
+{
+	ctx->handler = handler;
+	ctx->connections.next = ctx->connections.prev = &ctx->connections;
+}
+
+void httpd_ctx_cleanup(struct httpd_ctx *ctx)
+{
+	httpd_link *next;
+	for (httpd_link *node = ctx->connections.next; node != &ctx->connections; node = next) {
+		next = node->next;
+		connection *c = connection_of(owner_of(node, &httpd_conn::node));
+		if (is_deferred(c))
+			_log(2, "BUG: deferred connections around\n");
+		else if (c->in_handler)
+			unlink(node); // its end comes later, when `ctx` may be gone
+		teardown(c, ending::immediate);
+	}
+}
+
+void httpd_accept(int fd, uint32_t arg, void *ctx)
+{
+	connection *c = static_cast<connection *>(calloc(1, sizeof *c));
+	if (!c) {
+		close(fd);
+		return;
+	}
+	httpd_conn *conn = &c->pub;
+	conn->stream.read = read_bounded;
+	conn->stream.write = write_quietly;
+	conn->stream.notify_read = on_readable;
+	conn->stream.notify_state = on_state;
+	if (stream_init(&conn->stream, fd) < 0) {
+		close(fd);
+		free(c);
+		return;
+	}
+	// Answers that leave in several writes would wait for the peer's delayed acknowledgements. Of no
+	// consequence for what is not TCP.
+	int on = 1;
+	setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+	conn->res_head = buffer_new();
+	conn->res_body = buffer_new();
+	conn->idle_timer.cb = on_idle;
+	evloop_timeout_set(&conn->idle_timer, IDLE_MS);
+	conn->headers = htable_new_full(hash_name, equal_names, free, free);
+	conn->ctx = static_cast<httpd_ctx *>(ctx);
+	conn->arg = arg;
+	link_first(&conn->ctx->connections, &conn->node);
+}
+
+void httpd_defer(struct httpd_conn *conn)
+{
+	conn->flags |= HTTPD_DEFERRED;
+}
+
+// Whoever asked meanwhile for the end at once, or made it the only one possible, gets it.
+static ending ending_of_deferred(const connection *c)
+{
+	bool is_reachable = !(c->pub.flags & HTTPD_FD_CLOSED) && !(c->pub.stream.state & STREAM_ERROR);
+	return is_reachable && c->put_off != ending::immediate ? ending::graceful : ending::immediate;
+}
+
+void httpd_defer_complete(struct httpd_conn *conn, int keep)
+{
+	connection *c = connection_of(conn);
+	if (!is_deferred(c))
+		return;
+	conn->flags &= static_cast<uint8_t>(~HTTPD_DEFERRED);
+	if ((conn->flags & HTTPD_CLOSE_PENDING) || c->put_off != ending::none) {
+		teardown(c, ending_of_deferred(c));
+	} else if (keep) {
+		conn->state = HTTPD_STATE_DONE;
+		stream_notify_read(&conn->stream);
+	} else {
+		teardown(c, ending::graceful);
+	}
+}
+
+void httpd_res_buffers_reset(struct httpd_conn *conn)
+{
+	if (conn->res_head)
+		buffer_reset(conn->res_head);
+	if (conn->res_body)
+		buffer_reset(conn->res_body);
+}
+
+const char *httpd_header_table_get(struct httpd_conn *conn, const char *name)
+{
+	return static_cast<const char *>(htable_lookup(conn->headers, name));
+}
+
+// --- Answers
+
+const char *http_code_to_string(int code)
+{
+	switch (code) {
+	case 200:
+		return "OK";
+	case 400:
+		return "Bad Request";
+	case 404:
+		return "Not found"; // on purpose with a small "f"
+	case 405:
+		return "Method Not Allowed";
+	case 406:
+		return "Not Acceptable";
+	case 417:
+		return "Expectation Failed";
+	case 501:
+		return "Not Implemented";
+	default:
+		return "";
+	}
+}
+
+int32_t http_res_put_status_line(struct buffer *buffer, int version, int code, const char *reason)
+{
+	const char *protocol = version ? "HTTP/1.1" : "HTTP/1.0";
+	int32_t result = buffer_printf(buffer, "%s %d %s\r\n", protocol, code, reason);
+	return result < 0 ? result : 0;
+}
+
+static int32_t put_text(buffer *b, const char *text)
+{
+	return buffer_write(b, text, static_cast<int32_t>(strlen(text)));
+}
+
+int32_t http_res_put_header(struct buffer *buffer, const char *name, const char *format, ...)
+{
+	int32_t result = put_text(buffer, name);
+	if (result >= 0)
+		result = put_text(buffer, ": ");
+	if (result >= 0) {
+		va_list arguments;
+		va_start(arguments, format);
+		result = buffer_vprintf(buffer, format, arguments);
+		va_end(arguments);
+	}
+	if (result >= 0)
+		result = put_text(buffer, LINE_END);
+	return result < 0 ? result : 0;
+}
+
+int32_t httpd_common_headers(struct httpd_conn *conn)
+{
+	buffer *head = conn->res_head;
+	bool is_done = http_res_put_header(head, "Server", "%s", "kvhttpd") >= 0 &&
+		       http_res_put_header(head, "Pragma", "no-cache") >= 0 &&
+		       http_res_put_header(head, "Expires", "0") >= 0;
+	return is_done ? 0 : -1;
+}
+
+static bool send_buffer(httpd_conn *conn, const buffer *b)
+{
+	return stream_write(&conn->stream, b->data, static_cast<uint32_t>(b->length)) == b->length;
+}
+
+int32_t httpd_fail(struct httpd_conn *conn, int version, int code)
+{
+	const char *reason = http_code_to_string(code);
+	httpd_res_buffers_reset(conn);
+	int32_t result = http_res_put_status_line(conn->res_head, version, code, reason);
+	if (result != 0)
+		return result;
+	result = httpd_common_headers(conn);
+	if (result < 0)
+		return result;
+	result = http_res_put_header(conn->res_head, "Content-Type", "text/html");
+	if (result < 0)
+		return result;
+	int32_t body_len = buffer_printf(
+		conn->res_body, "<html><body><h1>%d - %s</h1><p>%s</p></body></html>", code, reason, "Error");
+	if (body_len < 0)
+		return body_len;
+	result = http_res_put_header(conn->res_head, "Content-Length", "%d", body_len);
+	if (result < 0)
+		return result;
+	result = put_text(conn->res_head, LINE_END);
+	if (result < 0)
+		return result;
+	if (!send_buffer(conn, conn->res_head) || !send_buffer(conn, conn->res_body))
+		return -ENOMEM;
+	httpd_res_buffers_reset(conn);
+	return result; // on purpose what the blank line gave, 2
+}
+
+// --- URL coding
+
+static unsigned digit_value(char digit)
+{
+	unsigned value = static_cast<unsigned char>(digit);
+	if (digit >= '0' && digit <= '9')
+		return value - '0';
+	if (digit >= 'A' && digit <= 'Z')
+		value += 'a' - 'A';
+	return value - ('a' - 10); // unchecked, on purpose: the caller keeps eight bits of it
+}
+
+static char from_digits(char high, char low)
+{
+	return static_cast<char>(digit_value(high) * 16 | digit_value(low));
+}
+
+// Input that may be read at any distance: behind its end there are zeros.
+class padded_reader
+{
+	span rest_;
+
+public:
+	explicit padded_reader(span text) : rest_(text) {}
+	char at(size_t offset) const { return offset < rest_.length() ? rest_.pos[offset] : '\0'; }
+	void skip(size_t count) { rest_.pos += count < rest_.length() ? count : rest_.length(); }
+};
+
+// Input whose caller vouches for what follows it.
+class unbounded_reader
+{
+	const char *pos_;
+
+public:
+	explicit unbounded_reader(const char *pos) : pos_(pos) {}
+	char at(size_t offset) const { return pos_[offset]; }
+	void skip(size_t count) { pos_ += count; }
+};
+
+// On purpose an escape counts as one of `length`, although it takes three bytes: what follows the input is
+// decoded as far as that leads.
+template <typename reader>
+static char *decode_from(reader in, int32_t length)
+{
+	char *text = static_cast<char *>(xzalloc(static_cast<size_t>(length) + 1));
+	char *out = text;
+	for (int32_t left = length; left > 0; left--) {
+		char c = in.at(0);
+		if (c != '%') {
+			*out++ = c == '+' ? ' ' : c;
+			in.skip(1);
+		} else if (left >= 3 && in.at(1) && in.at(2)) {
+			*out++ = from_digits(in.at(1), in.at(2));
+			in.skip(3);
+		} else {
+			in.skip(1);
+		}
+	}
+	return text;
+}
+
+// The first `length` bytes of `text`, which goes on as far as bytes are ours.
+static char *decode(span text, int32_t length)
+{
+	return decode_from(padded_reader{text}, length);
+}
+
+char *http_alloc_url_decode(const char *bytes, int32_t length)
+{
+	if (!bytes || length < 0)
+		return nullptr;
+	return decode_from(unbounded_reader{bytes}, length);
+}
+
+static bool is_unreserved(char c)
+{
+	return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '-' ||
+	       c == '.' || c == '_' || c == '~';
+}
+
+char *http_alloc_url_encode(const char *bytes, int32_t length)
+{
+	static constexpr char DIGITS[] = "0123456789abcdef";
+	size_t size;
+	if (!bytes || length < 0)
+		return nullptr;
+	if (__builtin_mul_overflow(static_cast<size_t>(length), 3, &size))
+		out_of_memory();
+	char *text = static_cast<char *>(xzalloc(size + 1));
+	char *out = text;
+	for (const char *in = bytes; in < bytes + length; in++) {
+		unsigned char byte = static_cast<unsigned char>(*in);
+		if (is_unreserved(*in)) {
+			*out++ = *in;
+		} else if (*in == ' ') {
+			*out++ = '+';
+		} else {
+			*out++ = '%';
+			*out++ = DIGITS[byte >> 4];
+			*out++ = DIGITS[byte & 15];
+		}
+	}
+	return text;
+}
+
+// The value of one "name=value", decoded, if it has the name asked for. `end` is the end of the text that `piece`,
+// terminated, lies in.
+static char *match_parameter(char *piece, const char *end, const char *name)
+{
+	char *value = strchr(piece, '=');
+	if (value)
+		*value++ = '\0';
+	char *decoded_name = decode({piece, end}, static_cast<int32_t>(strlen(piece)));
+	bool is_match = strcasecmp(decoded_name, name) == 0;
+	free(decoded_name);
+	if (!is_match)
+		return nullptr;
+	if (!value)
+		return decode({end, end}, 0);
+	return decode({value, end}, static_cast<int32_t>(strlen(value)));
+}
+
+static char *find_parameter(char *text, const char *name)
+{
+	const char *end = text + strlen(text);
+	char *rest = nullptr;
+	for (char *piece = strtok_r(text, "&", &rest); piece; piece = strtok_r(nullptr, "&", &rest))
+		if (char *value = match_parameter(piece, end, name))
+			return value;
+	return nullptr;
+}
+
+char *http_req_lookup_param(struct httpd_conn *conn, const char *name)
+{
+	span source = {};
+	if (conn->method == HTTPD_METHOD_POST && conn->body)
+		source = {conn->body, conn->body + conn->body_len};
+	else if (conn->method == HTTPD_METHOD_GET && conn->query_len > 0)
+		source = {conn->query, conn->query + conn->query_len};
+	else
+		return nullptr;
+	char *copy = xstrndup(source.pos, source.length());
+	if (!copy)
+		return nullptr;
+	char *value = find_parameter(copy, name);
+	free(copy);
+	return value;
+}
+
+int http_check_host_port(const char *text)
+{
+	if (strpbrk(text, "/%? "))
+		return 0;
+	const char *colon = strchr(text, ':');
+	if (!colon)
+		return 1;
+	if (colon == text || !colon[1])
+		return 0;
+	char *end;
+	unsigned long port = strtoul(colon + 1, &end, 10);
+	return *end == '\0' && port >= 1 && port <= 65535;
+}
