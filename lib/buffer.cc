@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "internal/buffer-internal.h"
 #include "internal/layout.h"
 #include "log.h"
 
@@ -88,23 +89,70 @@ int32_t buffer_printf(struct buffer *buffer, const char *format, ...)
 	return result;
 }
 
+char *buffer_claim_text(buffer *b, int32_t length)
+{
+	int32_t room = b->size - b->length;
+	if (length < room) {
+		b->length += length;
+		return b->data + b->length - length;
+	}
+	// On purpose the text is not tried again in the larger buffer, and the buffer does not grow by the
+	// terminating zero: whoever relies on the sizes finds them as they always were.
+	grow(b, int64_t{length} - room);
+	return nullptr;
+}
+
+static int32_t append_text(buffer *b, const char *text, size_t length)
+{
+	if (length > INT32_MAX)
+		return -1; // as formatting it would
+	char *place = buffer_claim_text(b, static_cast<int32_t>(length));
+	if (!place)
+		return -ENOMEM;
+	memcpy(place, text, length);
+	return static_cast<int32_t>(length);
+}
+
+static int first_int(va_list arguments)
+{
+	va_list copy;
+	va_copy(copy, arguments);
+	int number = va_arg(copy, int);
+	va_end(copy);
+	return number;
+}
+
+static const char *first_text(va_list arguments)
+{
+	va_list copy;
+	va_copy(copy, arguments);
+	const char *text = va_arg(copy, const char *);
+	va_end(copy);
+	return text;
+}
+
+static int32_t append_formatted(buffer *b, const char *format, va_list arguments)
+{
+	size_t room = static_cast<size_t>(b->size - b->length);
+	int32_t length = vsnprintf(b->data + b->length, room, format, arguments);
+	if (length < 0)
+		return length;
+	return buffer_claim_text(b, length) ? length : -ENOMEM;
+}
+
+// Formats that need no formatting make most headers of an answer, and would be most of its cost.
 int32_t buffer_vprintf(struct buffer *buffer, const char *format, va_list arguments)
 {
 	if (!buffer)
 		return -1;
-	int32_t room = buffer->size - buffer->length;
-	int32_t length =
-		vsnprintf(buffer->data + buffer->length, static_cast<size_t>(room), format, arguments);
-	if (length < 0)
-		return length;
-	if (length < room) {
-		buffer->length += length;
-		return length;
+	if (!strchr(format, '%'))
+		return append_text(buffer, format, strlen(format));
+	if (strcmp(format, "%d") == 0) {
+		decimal number(first_int(arguments));
+		return append_text(buffer, number.text(), number.length());
 	}
-	// On purpose the text is not tried again in the larger buffer, and the buffer does not grow by the
-	// terminating zero: whoever relies on the sizes finds them as they always were.
-	grow(buffer, int64_t{length} - room);
-	return -ENOMEM;
+	const char *text = strcmp(format, "%s") == 0 ? first_text(arguments) : nullptr;
+	return text ? append_text(buffer, text, strlen(text)) : append_formatted(buffer, format, arguments);
 }
 
 void buffer_consume(struct buffer *buffer, int32_t count)

@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <stddef.h>
 #include <sys/epoll.h>
+#include <syslog.h>
 
 #include "evloop-process.h"
 #include "internal/evloop-internal.h"
@@ -46,6 +47,9 @@ static epoll_event batch[EVLOOP_MAX_EVENTS];
 static int32_t batch_fds[EVLOOP_MAX_EVENTS]; // each watcher's descriptor at the time of the wait
 static int batch_cursor;
 static int batch_pending;
+
+// The time up to which timeouts have been run, and what is set from now on must be later than.
+static int64_t handled_until = -1;
 
 constinit static ring<evloop_timeout> timeouts; // sorted by `expires`, first added first among equals
 
@@ -145,7 +149,7 @@ static bool fetch_batch(int timeout_ms)
 	if (count < 0) {
 		batch_pending = 0;
 		if (errno != EINTR)
-			_log(3, "evloop: epoll error -%d\n", errno);
+			_log(LOG_ERR, "evloop: epoll error -%d\n", errno);
 		return false;
 	}
 	batch_pending = count;
@@ -225,7 +229,10 @@ int evloop_timeout_cancel(struct evloop_timeout *timeout)
 int evloop_timeout_set(struct evloop_timeout *timeout, int64_t delay_ms)
 {
 	evloop_timeout_cancel(timeout);
-	timeout->expires = wrapping_add(time_now(), wrapping_mul(delay_ms, USEC_PER_MSEC));
+	int64_t now = time_now();
+	if (now == handled_until) // the clock's step can be longer than a callback
+		now++;
+	timeout->expires = wrapping_add(now, wrapping_mul(delay_ms, USEC_PER_MSEC));
 	return evloop_timeout_add(timeout);
 }
 
@@ -254,8 +261,9 @@ int32_t evloop_get_next_timeout(void)
 
 void evloop_handle_timeouts(void)
 {
-	// Read once: what a callback sets with a delay of 0 is later than this, and left for the next pass.
+	// Read once: what a callback sets, also with a delay of 0, is later than this and left for the next pass.
 	int64_t now = time_now();
+	handled_until = now;
 	evloop_timeout *first;
 	while ((first = timeouts.first()) && !is_later(first->expires, now)) {
 		evloop_timeout_cancel(first);

@@ -31,8 +31,8 @@ extern "C" {
  *
  * The loop is level-triggered: `cb` is called as long as the descriptor is ready. An error or a
  * hang-up is reported as EVLOOP_READ and EVLOOP_WRITE together, whatever was asked for, so that the
- * next read or write meets it. `cb` may add and delete any watcher, its own included, and release
- * its record after deleting it.
+ * next read or write meets it. `cb` may add and delete any watcher, its own included, and release its
+ * own record after deleting it; for the record of another see evloop_io_delete.
  */
 struct evloop_io {
 	void (*cb)(struct evloop_io *io, unsigned int events);
@@ -49,7 +49,7 @@ struct evloop_io {
 
 /*
  * A one-shot timer, embedded in the record it serves; start from zero bytes and set `cb`.
- * While `pending` the loop links to it: do not move, copy or release it.
+ * While `pending` the loop links to it, sorted: do not move, copy or release it, or change `expires`.
  */
 struct evloop_timeout {
 	struct evloop_timeout *next, *prev;         /* the loop's; null while not pending */
@@ -78,9 +78,13 @@ int evloop_io_add(struct evloop_io *io, unsigned int flags);
  * Stops watching. An event of the descriptor that was fetched and waits for its turn is dropped if
  * its place in the batch is below the number of events that still wait. That bound is kept as it
  * is on purpose: once part of a batch has been dispatched, events towards its end may still reach
- * `io->cb` after this call. A record that is to be released must therefore outlive the current
- * batch, or have its `cb` set to null; streams and connections of this library take care of
- * themselves.
+ * `io->cb` after this call. So where a callback deletes the watcher of another descriptor, set `cb` to
+ * null to have it left alone, and keep the record for EVLOOP_MAX_EVENTS further passes, after which
+ * the batch is over (evloop_run returning does not end it). Streams, connections and listening
+ * sockets of this library take care of themselves.
+ *
+ * The kernel knows watchers by descriptor: delete before closing it, since the number may come back, and
+ * never delete a watcher that was not added, which may take another off the loop.
  *
  * Returns: 0, or -1 with errno set (also when the watcher was never registered).
  */
@@ -152,8 +156,8 @@ int32_t evloop_timeout_remaining(struct evloop_timeout *timeout);
 int32_t evloop_get_next_timeout(void);
 
 /*
- * Runs every timeout that is due at the moment of the call. One that a callback sets again, also
- * with a delay of 0, is left for the next call.
+ * Runs every timeout that is due at the moment of the call. What a callback sets (evloop_timeout_set), also
+ * with a delay of 0, is left for the next call; what it adds with an `expires` in the past is not.
  */
 void evloop_handle_timeouts(void);
 

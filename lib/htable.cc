@@ -282,6 +282,8 @@ static void clear(htable *t, bool notifies)
 		return;
 	}
 	for (int32_t slot = 0; slot < t->slot_count; slot++) {
+		if (t->hashes[slot] == EMPTY)
+			continue;
 		bool was_live = is_live(t, slot);
 		void *key = t->keys[slot];
 		void *value = t->values[slot];
@@ -402,10 +404,19 @@ int32_t htable_size(struct htable *table)
 	return table ? table->live_count : 0;
 }
 
+// Counted anew: while the table is being cleared `live_count` is 0 already, and a destroy function may look.
+static size_t count_live(const htable *t)
+{
+	size_t live_count = 0;
+	for (int32_t slot = 0; slot < t->slot_count; slot++)
+		live_count += is_live(t, slot);
+	return live_count;
+}
+
 // The live slots' items of `array`, which is the table's keys or values.
 static void **live_items(const htable *t, void *const *array, uint32_t *count)
 {
-	size_t live_count = static_cast<size_t>(t->live_count);
+	size_t live_count = count_live(t);
 	void **items = static_cast<void **>(malloc((live_count + 1) * sizeof *items));
 	if (!items)
 		return nullptr;

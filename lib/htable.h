@@ -13,7 +13,8 @@
  * those it has, and tries again at the next change; only a table with no free slot left refuses a
  * new key.
  *
- * The destroy functions may look into the table; they must not change it.
+ * The destroy functions may look into the table; they must not change it. While all entries are being
+ * removed htable_size is 0 from the beginning, and a look-up may miss an entry that is still to go.
  */
 #pragma once
 #include <stddef.h>
@@ -72,9 +73,11 @@ void htable_unref(struct htable *table);
  * Stores `value` under `key`. Of two equal keys htable_insert keeps the stored one and destroys the
  * one passed, htable_replace keeps the one passed; the former value is destroyed in either case.
  *
- * The first value that differs from its key makes the table a map, which it stays. On purpose the
- * values of the entries already stored are carried over only in the first slot_count bytes of the
- * array: the others become null. So do not turn a set that has entries into a map.
+ * The first value that differs from its stored key makes the table a map, which it stays. On purpose
+ * the values of the entries already stored are carried over only in the first slot_count bytes of the
+ * array: the others become null. So do not turn a set that has entries into a map, and add to a set
+ * with htable_add only: htable_insert keeps the stored key, from which the one passed, as the value,
+ * may differ.
  *
  * Returns: 1 if the key was new, 0 if not. When the table is full and memory exhausted, or there is
  *          none for the map's values, key and value are destroyed and the result is 0.

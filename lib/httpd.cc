@@ -22,8 +22,10 @@
 #include <string.h>
 #include <strings.h>
 #include <sys/socket.h>
+#include <syslog.h>
 #include <unistd.h>
 
+#include "internal/buffer-internal.h"
 #include "internal/evloop-internal.h"
 #include "internal/intrusive.h"
 #include "internal/layout.h"
@@ -60,11 +62,14 @@ LAYOUT_SIZE(httpd_conn, 232);
 static constexpr int64_t IDLE_MS = 60000;        // without a byte from the peer
 static constexpr int64_t DRAIN_STALL_MS = 60000; // without a byte of the last answer taken by the peer
 
+static constexpr int32_t RX_KEPT_MAX = 4096; // bytes that an idle connection keeps for its next request
+
 static constexpr ptrdiff_t REQUEST_LINE_MIN = 14; // "GET / HTTP/1.0"
 static constexpr int32_t ABSOLUTE_TARGET_MIN = 8; // "http://h"
 
 // Bytes that a refused peer may have under way: discarded unread, as far as they have come, since closing with
-// unread bytes would reset the connection and could take the answer along.
+// unread bytes resets the connection, which may cost the peer the answer. It lessens that, no more: waiting for
+// the peer to stop would keep the connection.
 static constexpr size_t DISCARD_MAX = 1 << 20;
 
 // A request's end is computed as a signed number.
@@ -126,7 +131,7 @@ static void link_first(httpd_link *head, httpd_link *node)
 
 static void unlink(httpd_link *node)
 {
-	if (!node->next) // httpd_ctx_cleanup did, from inside the handler
+	if (!node->next) // done already, while the handler ran
 		return;
 	node->next->prev = node->prev;
 	node->prev->next = node->next;
@@ -214,6 +219,8 @@ static void teardown(connection *c, ending mode)
 	}
 	if (c->in_handler) {
 		put_off(c, mode);
+		if (mode == ending::immediate)
+			unlink(&c->pub.node); // the server itself may be gone before the handler returns
 		return;
 	}
 	release_request(c);
@@ -240,10 +247,10 @@ static step refuse(connection *c, int version, int code)
 
 static void pause_reading(connection *c)
 {
-	if (c->is_paused)
+	if (c->pub.stream.state & STREAM_READ_DISABLED) // by us, or by the daemon, for good
 		return;
 	c->is_paused = true;
-	stream_pause_read(&c->pub.stream);
+	stream_disable_read(&c->pub.stream);
 }
 
 static void resume_reading(connection *c)
@@ -348,7 +355,10 @@ struct span {
 	template <size_t n>
 	const char *find(const char (&text)[n]) const
 	{
-		return static_cast<const char *>(memmem(pos, length(), text, n - 1));
+		for (span rest = *this; const char *place = rest.find(text[0]); rest.pos = place + 1)
+			if (span{place, end}.starts_with(text))
+				return place;
+		return nullptr;
 	}
 	const char *find(char c) const { return static_cast<const char *>(memchr(pos, c, length())); }
 	void skip_spaces()
@@ -370,13 +380,22 @@ static void store_span(span text, const char **pointer, int32_t *length)
 	*length = static_cast<int32_t>(text.length());
 }
 
-// The six characters that count as white space in a header's value.
+// The six characters that count as white space in a header's value: \t \n \v \f \r and the space.
 static bool is_white(char c)
 {
-	return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+	return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
 static char *decode(span text, int32_t length);
+
+// An idle connection does not keep what a large request took.
+static void shrink_rx(stream *s)
+{
+	if (s->rx->size <= RX_KEPT_MAX)
+		return;
+	buffer_free(s->rx);
+	s->rx = buffer_new();
+}
 
 // IDLE: skips stray line ends. A request begins only while the peer takes the answers to former ones.
 static step state_idle(connection *c)
@@ -392,8 +411,10 @@ static step state_idle(connection *c)
 	while (!rest.is_empty() && (*rest.pos == '\r' || *rest.pos == '\n'))
 		rest.pos++;
 	buffer_consume(conn->stream.rx, static_cast<int32_t>(rest.pos - start));
-	if (rest.is_empty())
+	if (rest.is_empty()) {
+		shrink_rx(&conn->stream);
 		return step::wait;
+	}
 	c->searched_len = 0;
 	conn->state = HTTPD_STATE_REQUEST_LINE;
 	return step::next;
@@ -521,9 +542,8 @@ static bool parse_request_line(httpd_conn *conn)
 // received there are zeros.
 static char *decode_path(const httpd_conn *conn)
 {
-	static const char root[] = "/";
 	if (conn->path_len == 0)
-		return decode({root, root + 1}, 1);
+		return http_alloc_url_decode("/", 1);
 	return decode({conn->path, received(conn).end}, conn->path_len);
 }
 
@@ -603,7 +623,7 @@ static int parse_content_length(httpd_conn *conn, span value)
 		return 500;
 	char *end;
 	unsigned long length = strtoul(digits, &end, 10);
-	bool is_whole = end != digits && static_cast<size_t>(end - digits) == value.length();
+	bool is_whole = static_cast<size_t>(end - digits) == value.length();
 	free(digits);
 	if (!is_whole || length >= HTTPD_REQUEST_BYTES_LIMIT)
 		return 400;
@@ -709,7 +729,7 @@ static step state_done(connection *c)
 	buffer_consume(rx, conn->head_len + static_cast<int32_t>(conn->content_length));
 	forget_request(conn);
 	conn->state = HTTPD_STATE_IDLE;
-	return rx->length > 0 ? step::next : step::wait;
+	return step::next;
 }
 
 static step run_state(connection *c)
@@ -831,9 +851,7 @@ void httpd_ctx_cleanup(struct httpd_ctx *ctx)
 		next = node->next;
 		connection *c = connection_of(owner_of(node, &httpd_conn::node));
 		if (is_deferred(c))
-			_log(2, "BUG: deferred connections around\n");
-		else if (c->in_handler)
-			unlink(node); // its end comes later, when `ctx` may be gone
+			_log(LOG_CRIT, "BUG: deferred connections around\n");
 		teardown(c, ending::immediate);
 	}
 }
@@ -934,23 +952,50 @@ const char *http_code_to_string(int code)
 	}
 }
 
-int32_t http_res_put_status_line(struct buffer *buffer, int version, int code, const char *reason)
+// A literal, without its terminating zero.
+template <size_t n>
+static int32_t put_literal(buffer *b, const char (&text)[n])
 {
-	const char *protocol = version ? "HTTP/1.1" : "HTTP/1.0";
-	int32_t result = buffer_printf(buffer, "%s %d %s\r\n", protocol, code, reason);
-	return result < 0 ? result : 0;
+	return buffer_append(b, text, n - 1);
 }
 
 static int32_t put_text(buffer *b, const char *text)
 {
-	return buffer_write(b, text, static_cast<int32_t>(strlen(text)));
+	return buffer_append(b, text, static_cast<int32_t>(strlen(text)));
+}
+
+static char *put_bytes(char *to, const char *bytes, size_t count)
+{
+	memcpy(to, bytes, count);
+	return to + count;
+}
+
+// Put together by hand, at a fraction of what formatting costs; every answer has one.
+int32_t http_res_put_status_line(struct buffer *buffer, int version, int code, const char *reason)
+{
+	static constexpr size_t PROTOCOL_LENGTH = 9;
+	const char *protocol = version ? "HTTP/1.1 " : "HTTP/1.0 ";
+	decimal number(code);
+	size_t reason_length = strlen(reason);
+	if (!buffer)
+		return -1;
+	char *to = buffer_claim_text(
+		buffer, static_cast<int32_t>(PROTOCOL_LENGTH + number.length() + 1 + reason_length + 2));
+	if (!to)
+		return -ENOMEM;
+	to = put_bytes(to, protocol, PROTOCOL_LENGTH);
+	to = put_bytes(to, number.text(), number.length());
+	*to++ = ' ';
+	to = put_bytes(to, reason, reason_length);
+	put_bytes(to, LINE_END, 2);
+	return 0;
 }
 
 int32_t http_res_put_header(struct buffer *buffer, const char *name, const char *format, ...)
 {
 	int32_t result = put_text(buffer, name);
 	if (result >= 0)
-		result = put_text(buffer, ": ");
+		result = put_literal(buffer, ": ");
 	if (result >= 0) {
 		va_list arguments;
 		va_start(arguments, format);
@@ -958,7 +1003,7 @@ int32_t http_res_put_header(struct buffer *buffer, const char *name, const char 
 		va_end(arguments);
 	}
 	if (result >= 0)
-		result = put_text(buffer, LINE_END);
+		result = put_literal(buffer, LINE_END);
 	return result < 0 ? result : 0;
 }
 
@@ -996,7 +1041,7 @@ int32_t httpd_fail(struct httpd_conn *conn, int version, int code)
 	result = http_res_put_header(conn->res_head, "Content-Length", "%d", body_len);
 	if (result < 0)
 		return result;
-	result = put_text(conn->res_head, LINE_END);
+	result = put_literal(conn->res_head, LINE_END);
 	if (result < 0)
 		return result;
 	if (!send_buffer(conn, conn->res_head) || !send_buffer(conn, conn->res_body))
@@ -1091,9 +1136,10 @@ char *http_alloc_url_encode(const char *bytes, int32_t length)
 	size_t size;
 	if (!bytes || length < 0)
 		return nullptr;
-	if (__builtin_mul_overflow(static_cast<size_t>(length), 3, &size))
+	if (__builtin_mul_overflow(static_cast<size_t>(length), 3, &size) ||
+		__builtin_add_overflow(size, 1, &size))
 		out_of_memory();
-	char *text = static_cast<char *>(xzalloc(size + 1));
+	char *text = static_cast<char *>(xzalloc(size));
 	char *out = text;
 	for (const char *in = bytes; in < bytes + length; in++) {
 		unsigned char byte = static_cast<unsigned char>(*in);
@@ -1123,7 +1169,7 @@ static char *match_parameter(char *piece, const char *end, const char *name)
 	if (!is_match)
 		return nullptr;
 	if (!value)
-		return decode({end, end}, 0);
+		return http_alloc_url_decode("", 0);
 	return decode({value, end}, static_cast<int32_t>(strlen(value)));
 }
 

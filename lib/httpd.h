@@ -17,13 +17,15 @@
  *	listener.user = &ctx;
  *	sock_listen(&listener, NULL, "8080", 16);
  *
- * Limits. A request's head has at most 66,560 bytes, its body 66,560; what a peer sends beyond is
- * answered 400. A connection never holds more than HTTPD_RX_BYTES_MAX received bytes: it stops
- * reading there until requests have been answered. It also stops reading, and answering, while
+ * Limits. A request's head has at most 66,560 bytes, and its body 66,560. The first counts all that has
+ * arrived when the head is parsed: a peer that sends the body, or further requests, in one burst with it
+ * stays below 66,561 bytes in all. What exceeds them is answered 400. A connection never holds more than HTTPD_RX_BYTES_MAX received bytes: it stops
+ * reading there until requests have been answered. (The headers of a request take up to some ten times
+ * the bytes of its head beside that, while it lasts.) It also stops reading, and answering, while
  * HTTPD_TX_BYTES_STALL or more bytes of former answers have not been taken by the peer.
  *
  * What the peer can rely on: 60 seconds without a byte end a connection; a request without
- * "Connection: close" on HTTP/1.1 leaves it open. Header names are compared exactly as sent: only
+ * "Connection: close" on HTTP/1.1 leaves it open, unless it is refused or the handler ends it. Header names are compared exactly as sent: only
  * "Content-Length" and "Connection", in this spelling, mean something to the server.
  */
 #pragma once
@@ -55,7 +57,7 @@ extern "C" {
 /* Bits of a connection's `flags`. */
 #define HTTPD_DEFERRED      128 /* the answer comes later: httpd_defer */
 #define HTTPD_FD_CLOSED     64  /* the descriptor was closed while deferred; writes fail with -EINVAL */
-#define HTTPD_CLOSE_PENDING 32  /* the connection ends with the deferral: there is nobody to answer */
+#define HTTPD_CLOSE_PENDING 32 /* the connection ends with the deferral; the peer may still take the answer */
 
 /* `state` of a connection's parser. */
 #define HTTPD_STATE_IDLE         0
@@ -76,8 +78,9 @@ struct httpd_conn;
  * it returns. It must not call stream_cleanup on the connection's stream, nor run the loop.
  *
  * What a handler writes leaves in one piece with the answers to the requests that wait behind,
- * after it has returned. A handler that writes to the descriptor by itself, or ends the process,
- * calls stream_flush_tx_async first.
+ * after it has returned. Up to 16 KB that wait count as taken, so a peer that has gone meanwhile shows in
+ * no result there, but ends the connection afterwards. A handler that writes to the descriptor by itself, or
+ * ends the process, calls stream_flush_tx_async first.
  */
 typedef int32_t (*httpd_handler)(struct httpd_conn *conn);
 
@@ -97,6 +100,9 @@ struct httpd_ctx {
  * Pointers to `const char` point into `stream.rx`, are not terminated, and hold from the call of
  * the handler until it returns or, if it deferred the answer, until httpd_defer_complete. They are
  * kept right when the receive buffer moves, so read them afresh from here instead of keeping copies.
+ *
+ * Trust none of it: a target ends at a space, so it may contain line ends (do not echo it into a header),
+ * and the decoded path any byte, zeros included.
  */
 struct httpd_conn {
 	struct httpd_ctx *ctx;
@@ -146,22 +152,24 @@ void httpd_ctx_cleanup(struct httpd_ctx *ctx);
 
 /*
  * Takes up a connected descriptor; `ctx` is a `struct httpd_ctx *`. TCP_NODELAY is set on it. The
- * descriptor is closed when memory is exhausted.
+ * descriptor is closed when there is no memory for the connection's record.
  */
 void httpd_accept(int fd, uint32_t arg, void *ctx);
 
 /*
- * Called by a handler that will answer later, before it returns (its result then does not count).
+ * Called by a handler that will answer later, before it returns. Its result then does not count, unless it
+ * has called httpd_defer_complete as well.
  * The request stays as it is, and the next one waits, until httpd_defer_complete; the record stays
- * valid until then, even if the peer goes, which sets HTTPD_CLOSE_PENDING. 60 seconds without
- * input close the descriptor meanwhile. A second call has no effect.
+ * valid until then, even if the peer goes, or sends its last byte, which sets HTTPD_CLOSE_PENDING. 60
+ * seconds without input close the descriptor meanwhile. A second call has no effect.
  */
 void httpd_defer(struct httpd_conn *conn);
 
 /*
  * Ends a deferral, after the answer has been written. The connection goes on as after a handler
- * that returned `keep`, or ends if the peer has gone, so `conn` must not be used afterwards (except by
- * a handler that has not returned yet). Without a deferral it does nothing.
+ * that returned `keep`, or ends if HTTPD_CLOSE_PENDING is set, what has been written going out first. So
+ * `conn` must not be used afterwards, except by a handler that has not returned yet. Without a deferral it
+ * does nothing.
  */
 void httpd_defer_complete(struct httpd_conn *conn, int keep);
 

@@ -36,17 +36,6 @@ static bool initialised;
 static char name_line[64]; // an identity found in STATUS_PATH stays in here
 static const char *application_name;
 
-// errno belongs to the caller of a logging function: it survives, and %m means the caller's error at
-// each destination.
-class errno_keeper
-{
-	int saved_ = errno;
-
-public:
-	~errno_keeper() { restore(); }
-	void restore() const { errno = saved_; }
-};
-
 void log_open(int mask, int facility, const char *ident)
 {
 	destination_mask = mask;
@@ -90,59 +79,57 @@ static void initialise()
 	initialised = true;
 }
 
-__attribute__((format(printf, 2, 0))) static void write_line(
-	FILE *file, const char *format, va_list arguments)
+// errno belongs to the caller of _log: %m means `error` at each destination.
+__attribute__((format(printf, 3, 0))) static void write_line(
+	FILE *file, int error, const char *format, va_list arguments)
 {
 	if (identity)
 		fprintf(file, "%s: ", identity);
+	errno = error;
 	vfprintf(file, format, arguments);
 }
 
-__attribute__((format(printf, 2, 0))) static void write_kmsg(
-	int priority, const char *format, va_list arguments)
+__attribute__((format(printf, 3, 0))) static void write_kmsg(
+	int priority, int error, const char *format, va_list arguments)
 {
-	errno_keeper keeper;
 	FILE *kmsg = fopen(KMSG_PATH, "we");
 	if (!kmsg)
 		return;
 	fprintf(kmsg, "<%u>", static_cast<unsigned>(priority));
-	keeper.restore();
-	write_line(kmsg, format, arguments);
+	write_line(kmsg, error, format, arguments);
 	fclose(kmsg);
 }
 
-__attribute__((format(printf, 2, 0))) static void write_stdio(
-	int priority, const char *format, va_list arguments)
+static FILE *standard_stream(int priority)
 {
-	errno_keeper keeper;
-	// On purpose 7, debug, is not among them.
-	bool is_report = priority == LOG_NOTICE || priority == LOG_INFO;
-	write_line(is_report ? stdout : stderr, format, arguments);
+	// On purpose 7, debug, is not among the reports.
+	return priority == LOG_NOTICE || priority == LOG_INFO ? stdout : stderr;
 }
 
 void _log(int priority, const char *format, ...)
 {
-	errno_keeper keeper;
+	int error = errno;
 	if (!initialised)
 		initialise();
-	keeper.restore();
 
 	va_list arguments;
 	if (destination_mask & LOG_DEST_KMSG) {
 		va_start(arguments, format);
-		write_kmsg(priority, format, arguments);
+		write_kmsg(priority, error, format, arguments);
 		va_end(arguments);
 	}
 	if (destination_mask & LOG_DEST_STDIO) {
 		va_start(arguments, format);
-		write_stdio(priority, format, arguments);
+		write_line(standard_stream(priority), error, format, arguments);
 		va_end(arguments);
 	}
 	if (destination_mask & LOG_DEST_SYSLOG) {
 		va_start(arguments, format);
+		errno = error;
 		vsyslog(priority, format, arguments);
 		va_end(arguments);
 	}
+	errno = error;
 }
 
 void set_app_name(const char *name)
@@ -168,7 +155,7 @@ void out_of_memory(void)
 	abort();
 }
 
-// Unsigned, with the interval's sign extended: a negative interval lies near the end of the range.
+// On purpose unsigned, with the interval's sign extended: a negative one makes the sum wrap, and periods end at once.
 static bool period_has_ended(const ratelimit_state *state, uint64_t now_ms)
 {
 	return state->begin + static_cast<uint64_t>(int64_t{state->interval}) < now_ms;

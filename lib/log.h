@@ -3,7 +3,7 @@
  *
  * One thread, like the whole library. Logging needs no set-up: _log works before and without
  * log_open. Texts handed over (`ident`, `name`) are borrowed for the life of the process, never
- * copied. Nothing here reports an error: what cannot be written is dropped.
+ * copied. What cannot be written is dropped without notice.
  */
 #pragma once
 #include <stddef.h>
@@ -15,21 +15,20 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /* Where messages go; any combination. */
-#define LOG_DEST_KMSG                                                                                        \
-	1 /* the kernel log, /dev/kmsg, opened anew for each message: one message, one record  \
-			 */
+#define LOG_DEST_KMSG   1 /* the kernel log, opened anew for each message: one message, one record */
 #define LOG_DEST_SYSLOG 2 /* syslog */
 #define LOG_DEST_STDIO  4 /* stdout for priorities 5 and 6, stderr for all others (7, debug, included) */
 
 /*
  * Chooses the destinations (LOG_DEST_*), the syslog facility (LOG_USER, LOG_DAEMON, ...) and the
  * identity printed as "ident: " before each line; `ident` may be null. It only stores them: syslog
- * is opened by the first message, once and for good, so a later call moves the other two
- * destinations but not the identity and facility that syslog knows.
+ * is opened by the first message, if it goes there, once and for good, so a later call changes the
+ * destinations, and the identity of the other two, but not what syslog knows; if `ident` is null then,
+ * there is no identity any more. A mask that is negative then stands for the bits it has.
  *
  * A negative `mask` or `facility`, and no call at all, mean: decide at the first message. With a
  * terminal on descriptor 1 that is LOG_DEST_STDIO and LOG_USER, otherwise LOG_DEST_SYSLOG and
- * LOG_DAEMON. A negative `mask` given after the first message means every destination.
+ * LOG_DAEMON.
  *
  * Without an identity the process's own name is used, except when the destinations are
  * LOG_DEST_STDIO alone: a daemon on a terminal prints bare lines. Decided at the first message, too.

@@ -37,7 +37,9 @@ struct sock {
  * initialised. `backlog` connections may wait; one is accepted a pass. An address that a former
  * listener left in TIME_WAIT can be taken again.
  *
- * Connections that cannot be accepted (out of descriptors, say) are tried again on the next pass.
+ * A connection that cannot be accepted is tried again on the next pass: with no descriptor left the
+ * loop stays busy with that until one is closed. Whether the loop could watch the socket is not checked;
+ * `io.registered` says.
  *
  * Returns: 0; -EOPNOTSUPP without SOCK_TCP; what resolving gives: -ENOMEM, -2 (EAI_NONAME, the
  *          resolver's own number) for an unknown name, -EINVAL otherwise; the failure of the last

@@ -57,9 +57,9 @@ static int32_t write_fd(stream *s, const void *bytes, uint32_t count)
 	uint32_t taken = 0;
 	while (taken < count) {
 		ssize_t length = write(s->io.fd, static_cast<const char *>(bytes) + taken, count - taken);
-		if (length >= 0)
+		if (length > 0)
 			taken += static_cast<uint32_t>(length);
-		else if (errno == EAGAIN)
+		else if (length == 0 || errno == EAGAIN)
 			break;
 		else if (errno != EINTR)
 			return -1;
@@ -76,6 +76,8 @@ static void update_watcher(stream *s, bool want_write)
 		flags |= EVLOOP_READ;
 	if (want_write || (!(s->state & STREAM_ERROR) && s->tx->length > 0))
 		flags |= EVLOOP_WRITE;
+	if (flags == 0 && !s->io.registered) // taken off the loop by its owner, or never taken: stay off
+		return;
 	evloop_io_add(&s->io, flags);
 }
 
@@ -200,32 +202,26 @@ static void send_held(stream *s)
 	write_through(s, held_bytes, length);
 }
 
-// Makes room for `count` more bytes to hold; false if they must be written after all.
-static bool can_hold(stream *s, uint32_t count)
+static bool can_hold(const stream *s, uint32_t count)
 {
-	if (held_stream != s || s->tx->length > 0)
-		return false;
-	if (count > HELD_MAX - held_length)
-		send_held(s);
-	return count <= HELD_MAX - held_length && s->tx->length == 0;
+	return held_stream == s && s->tx->length == 0 && count <= HELD_MAX - held_length;
 }
 
 int32_t stream_write(struct stream *stream, const void *bytes, uint32_t count)
 {
 	if (!stream->tx)
 		return -EINVAL;
+	if (!can_hold(stream, count))
+		send_held(stream); // which may fail
 	if ((stream->state & STREAM_ERROR) || !bytes)
 		return 0;
 	if (count > static_cast<uint32_t>(INT32_MAX - stream->tx->length))
 		return -EINVAL;
-	if (can_hold(stream, count)) {
-		memcpy(held_bytes + held_length, bytes, count);
-		held_length += count;
-		return static_cast<int32_t>(count);
-	}
-	if (stream->state & STREAM_ERROR) // sending what was held has failed
-		return 0;
-	return write_through(stream, bytes, count);
+	if (!can_hold(stream, count))
+		return write_through(stream, bytes, count);
+	memcpy(held_bytes + held_length, bytes, count);
+	held_length += count;
+	return static_cast<int32_t>(count);
 }
 
 int32_t stream_printf(struct stream *stream, const char *format, ...)
@@ -258,13 +254,8 @@ void stream_notify_read(struct stream *stream)
 
 void stream_disable_read(struct stream *stream)
 {
-	stream_pause_read(stream);
-}
-
-void stream_pause_read(stream *s)
-{
-	s->state |= STREAM_READ_DISABLED;
-	update_watcher(s, false);
+	stream->state |= STREAM_READ_DISABLED;
+	update_watcher(stream, false);
 }
 
 void stream_resume_read(stream *s)

@@ -24,7 +24,7 @@ extern "C" {
 
 /* Bits of `state`. */
 #define STREAM_EOF           1 /* end of file was read; writing goes on */
-#define STREAM_ERROR         2 /* a read or a write failed; nothing is read or written any more */
+#define STREAM_ERROR         2 /* a read or a write failed; what is written from now on is dropped */
 #define STREAM_READ_DISABLED 4 /* the owner stopped reading */
 
 /*
@@ -55,7 +55,8 @@ struct stream {
 	void (*notify_read)(struct stream *stream); /* `rx` has new bytes; may be null */
 	void (*notify_state)(
 		struct stream *stream); /* `state` gained EOF (once) or ERROR (once); may be null */
-	void (*notify_write)(struct stream *stream); /* `tx` has become empty; may be null */
+	/* `tx` is empty: it has drained, or the descriptor reported a hang-up when it was; may be null */
+	void (*notify_write)(struct stream *stream);
 };
 
 /*
@@ -64,7 +65,11 @@ struct stream {
  * the process.
  *
  * All that arrives is read, in chunks of 1024 bytes until there is no more, so `rx` grows without
- * bound if its owner does not consume it.
+ * bound if its owner does not consume it; beyond INT32_MAX it would be a STREAM_ERROR. A descriptor
+ * that epoll does not take, of a regular file, say, is never read: that is not checked.
+ *
+ * A hang-up makes the stream read once more, whatever it was asked to read, so that its owner hears of the
+ * end or the error; the loop reports it again and again, so clean up soon after notify_state.
  */
 int stream_init(struct stream *stream, int fd);
 
@@ -75,7 +80,7 @@ int stream_init(struct stream *stream, int fd);
  * Returns: the number of bytes sent or queued, normally `count`; 0 once STREAM_ERROR is set (the
  *          bytes are dropped), and for null `bytes`; the negative result of `write` when that fails
  *          now (notify_state follows); -EINVAL after stream_cleanup or before stream_init, and for a
- *          `count` that `tx` could never hold (nothing is written then).
+ *          `count` that does not fit behind what `tx` holds (nothing of it is written then).
  */
 int32_t stream_write(struct stream *stream, const void *bytes, uint32_t count);
 
@@ -93,20 +98,24 @@ int32_t stream_vprintf(struct stream *stream, const char *format, va_list argume
  */
 void stream_notify_read(struct stream *stream);
 
-/* Stops reading for good. What has been received stays in `rx`, what comes stays in the kernel. */
+/*
+ * Stops reading for good, except for a hang-up. What has been received stays in `rx`, what comes stays
+ * in the kernel.
+ */
 void stream_disable_read(struct stream *stream);
 
 /*
  * Calls `callback` once everything written has been taken by the descriptor: before it returns if
  * that is so already, otherwise as `notify_write`, which it replaces. The callback may clean up and
- * release the stream. After an error it is not called (notify_state was).
+ * release the stream. After an error it is called at once, with what was written dropped, if `tx` is
+ * empty, otherwise never: look at `state`, or wait for notify_state.
  */
 void stream_flush_tx_async(struct stream *stream, void (*callback)(struct stream *stream));
 
 /*
  * Takes the stream off the loop and frees both buffers; they become null. What was not sent is
- * lost. The descriptor stays open, and no callback of this stream runs any more. A stream that was
- * cleaned up already is left alone.
+ * lost. The descriptor stays open, and no callback of this stream runs any more; close it afterwards,
+ * not before, when its number may already be another's. A stream that was cleaned up already is left alone.
  */
 void stream_cleanup(struct stream *stream);
 

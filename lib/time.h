@@ -46,9 +46,10 @@ struct timespec *time_to_timespec(struct timespec *result, int64_t time);
 struct timeval *time_to_timeval(struct timeval *result, int64_t time);
 
 /*
- * Shift a count of local wall-clock time to the UTC count, and the other way round: `time` broken
- * down as UTC (time_to_utc) or as local time (time_from_utc), and read back by mktime as local
- * time. Whole seconds of the short range; the microseconds are dropped.
+ * Break `time` down, as UTC (time_to_utc) or as local time (time_from_utc), and have mktime read the
+ * result as local time. The first shifts a count of local wall-clock time to the UTC count; the
+ * second gives `time` again, apart from hours that a change of daylight saving makes doubtful. Whole
+ * seconds; the microseconds are dropped. Of the short range: not for the dates of our days.
  */
 int64_t time_to_utc(int64_t time);
 int64_t time_from_utc(int64_t time);

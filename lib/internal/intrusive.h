@@ -39,5 +39,6 @@ public:
 template <typename T, typename M>
 T *owner_of(M *member, M T::*field)
 {
-	return reinterpret_cast<T *>(reinterpret_cast<char *>(member) - __builtin_bit_cast(ptrdiff_t, field));
+	return static_cast<T *>(
+		static_cast<void *>(reinterpret_cast<char *>(member) - __builtin_bit_cast(ptrdiff_t, field)));
 }

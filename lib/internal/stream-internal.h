@@ -5,8 +5,7 @@
 // The default `read` of a stream, for those who replace it by something that ends in it.
 int32_t stream_read_fd(stream *s, void *bytes, uint32_t count);
 
-// Stop reading, as stream_disable_read does, and go on.
-void stream_pause_read(stream *s);
+// Goes on reading after stream_disable_read.
 void stream_resume_read(stream *s);
 
 // Between the two, what is written to an idle `s` is collected, up to a bound, so that many small

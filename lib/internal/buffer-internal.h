@@ -1,0 +1,44 @@
+// What buffer keeps for the library's own modules.
+#pragma once
+#include <string.h>
+
+#include "../buffer.h"
+
+// A number as text.
+class decimal
+{
+	static constexpr int SIZE = 12; // "-2147483648" and its terminating zero
+	char digits_[SIZE];
+	char *begin_;
+
+public:
+	explicit decimal(int number) : begin_(digits_ + SIZE - 1)
+	{
+		unsigned rest =
+			number < 0 ? 0U - static_cast<unsigned>(number) : static_cast<unsigned>(number);
+		*begin_ = '\0';
+		do
+			*--begin_ = static_cast<char>('0' + rest % 10);
+		while ((rest /= 10) != 0);
+		if (number < 0)
+			*--begin_ = '-';
+	}
+	decimal(const decimal &) = delete;
+	decimal &operator=(const decimal &) = delete;
+	const char *text() const { return begin_; }
+	size_t length() const { return static_cast<size_t>(digits_ + SIZE - 1 - begin_); }
+};
+
+// Room for a text of `length` bytes by the rule of buffer_printf: its place, already counted, or null
+// when it does not fit with a terminating zero, and the buffer has grown.
+char *buffer_claim_text(buffer *b, int32_t length);
+
+// buffer_write, which costs a copy and little else where there is room.
+inline int32_t buffer_append(buffer *b, const char *bytes, int32_t count)
+{
+	if (!b || count > b->size - b->length)
+		return buffer_write(b, bytes, count);
+	memcpy(b->data + b->length, bytes, static_cast<size_t>(count));
+	b->length += count;
+	return count;
+}
