@@ -98,11 +98,13 @@ char *buffer_claim_text(buffer *b, int32_t length)
 	}
 	// On purpose the text is not tried again in the larger buffer, and the buffer does not grow by the
 	// terminating zero: whoever relies on the sizes finds them as they always were.
-	grow(b, int64_t{length} - room);
+	int32_t shortfall = length - room;
+	if (shortfall <= INT32_MAX - b->size)
+		grow(b, shortfall);
 	return nullptr;
 }
 
-static int32_t append_text(buffer *b, const char *text, size_t length)
+int32_t buffer_append_text(buffer *b, const char *text, size_t length)
 {
 	if (length > INT32_MAX)
 		return -1; // as formatting it would
@@ -110,6 +112,7 @@ static int32_t append_text(buffer *b, const char *text, size_t length)
 	if (!place)
 		return -ENOMEM;
 	memcpy(place, text, length);
+	place[length] = '\0';
 	return static_cast<int32_t>(length);
 }
 
@@ -146,13 +149,14 @@ int32_t buffer_vprintf(struct buffer *buffer, const char *format, va_list argume
 	if (!buffer)
 		return -1;
 	if (!strchr(format, '%'))
-		return append_text(buffer, format, strlen(format));
+		return buffer_append_text(buffer, format, strlen(format));
 	if (strcmp(format, "%d") == 0) {
 		decimal number(first_int(arguments));
-		return append_text(buffer, number.text(), number.length());
+		return buffer_append_text(buffer, number.text(), number.length());
 	}
 	const char *text = strcmp(format, "%s") == 0 ? first_text(arguments) : nullptr;
-	return text ? append_text(buffer, text, strlen(text)) : append_formatted(buffer, format, arguments);
+	return text ? buffer_append_text(buffer, text, strlen(text))
+		    : append_formatted(buffer, format, arguments);
 }
 
 void buffer_consume(struct buffer *buffer, int32_t count)

@@ -3,7 +3,11 @@
  *
  * The loop (evloop.h) reaps exited children on every pass, without a signal handler. It reaps every
  * child of the process, watched or not, so a daemon that runs the loop must not wait for children
- * by other means. Records belong to the caller; nothing is allocated. One thread.
+ * by other means. A child is noticed on the loop's next pass: with the next event or timeout, or within
+ * 500 milliseconds when no timeout is set. A daemon with long timeouts (an open HTTP connection has
+ * one) that wants to know at once watches a signalfd of SIGCHLD, just to wake the loop.
+ *
+ * Records belong to the caller; nothing is allocated. One thread.
  * Failures are negated errno values.
  */
 #pragma once

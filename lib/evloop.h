@@ -92,7 +92,7 @@ int evloop_io_delete(struct evloop_io *io);
 
 /*
  * Runs passes until evloop_end; returns 0. It waits no longer than until the next timeout, and no
- * longer than 500 milliseconds when there is none, so that children are noticed. It may be called
+ * longer than 500 milliseconds when there is none, so that children are noticed then. It may be called
  * again later, not from a callback.
  */
 int evloop_run(void);

@@ -1,4 +1,4 @@
-// Open addressing over three parallel arrays: hashes, keys and values. A slot's hash says what it is: 0
+// Open addressing over parallel arrays: hashes, keys and values. A slot's hash says what it is: 0
 // empty, 1 a tombstone, anything else the hash of a live entry, so that probing touches the other two arrays
 // only where hashes agree. Probing is triangular (1, 3, 6, 10, ... slots on), which visits every slot of a
 // power of two once.
@@ -71,30 +71,22 @@ static bool is_live(const htable *t, int32_t slot)
 	return t->hashes[slot] >= FIRST_HASH;
 }
 
+// All arrays lie in one block, which begins with the keys: one allocation where small tables would need three.
 static void free_arrays(htable *t)
 {
-	if (!is_set(t))
-		free(t->values);
 	free(t->keys);
-	free(t->hashes);
 }
 
 // New, zeroed arrays in place of those `t` has; false, with nothing changed, when memory is exhausted.
 static bool renew_arrays(htable *t, size_t slot_count, bool separate_values)
 {
-	uint32_t *hashes = static_cast<uint32_t *>(calloc(slot_count, sizeof *hashes));
-	void **keys = static_cast<void **>(calloc(slot_count, sizeof *keys));
-	void **values = separate_values ? static_cast<void **>(calloc(slot_count, sizeof *values)) : keys;
-	if (!hashes || !keys || !values) {
-		if (separate_values)
-			free(values);
-		free(keys);
-		free(hashes);
+	size_t pointers = separate_values ? 2 : 1;
+	void *block = calloc(slot_count, pointers * sizeof(void *) + sizeof(uint32_t));
+	if (!block)
 		return false;
-	}
-	t->hashes = hashes;
-	t->keys = keys;
-	t->values = values;
+	t->keys = static_cast<void **>(block);
+	t->values = t->keys + (pointers - 1) * slot_count;
+	t->hashes = reinterpret_cast<uint32_t *>(t->keys + pointers * slot_count);
 	return true;
 }
 
@@ -194,11 +186,13 @@ static void notify(const htable *t, void *key, void *value)
 static bool become_map(htable *t)
 {
 	size_t slot_count = static_cast<size_t>(t->slot_count);
-	void **values = static_cast<void **>(calloc(slot_count, sizeof *values));
-	if (!values)
+	htable old = *t;
+	if (!renew_arrays(t, slot_count, true))
 		return false;
-	memcpy(values, t->keys, slot_count);
-	t->values = values;
+	memcpy(t->hashes, old.hashes, slot_count * sizeof *t->hashes);
+	memcpy(t->keys, old.keys, slot_count * sizeof *t->keys);
+	memcpy(t->values, old.keys, slot_count);
+	free_arrays(&old);
 	return true;
 }
 

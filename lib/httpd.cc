@@ -67,9 +67,9 @@ static constexpr int32_t RX_KEPT_MAX = 4096; // bytes that an idle connection ke
 static constexpr ptrdiff_t REQUEST_LINE_MIN = 14; // "GET / HTTP/1.0"
 static constexpr int32_t ABSOLUTE_TARGET_MIN = 8; // "http://h"
 
-// Bytes that a refused peer may have under way: discarded unread, as far as they have come, since closing with
-// unread bytes resets the connection, which may cost the peer the answer. It lessens that, no more: waiting for
-// the peer to stop would keep the connection.
+// Bytes that have come and nobody will read are discarded: closing with unread bytes resets the connection, which
+// may cost the peer the end of the last answer. It lessens that, no more: waiting for the peer to stop would keep
+// the connection.
 static constexpr size_t DISCARD_MAX = 1 << 20;
 
 // A request's end is computed as a signed number.
@@ -101,10 +101,10 @@ struct connection {
 	ending put_off;       // asked for while the handler ran, or while deferred
 	bool in_handler;
 	bool is_draining;
-	bool is_paused;       // reading is
-	bool is_stalled;      // the next request waits for the peer to take former answers
-	bool is_read_empty;   // the last read got less than it asked for
-	bool discards_unread; // the peer may still be sending what was refused
+	bool is_paused;      // reading is
+	bool is_stalled;     // the next request waits for the peer to take former answers
+	bool reads_portions; // what arrives together may be so because the server let it wait
+	bool ends_read;      // the next read has nothing to ask the kernel for
 };
 
 static connection *connection_of(httpd_conn *conn)
@@ -153,10 +153,10 @@ static void finish(connection *c)
 {
 	unlink(&c->pub.node);
 	evloop_timeout_cancel(&c->pub.idle_timer);
-	if (c->discards_unread)
+	if (!(c->pub.flags & HTTPD_FD_CLOSED)) {
 		recv(c->pub.stream.io.fd, nullptr, DISCARD_MAX, MSG_TRUNC | MSG_DONTWAIT);
-	if (!(c->pub.flags & HTTPD_FD_CLOSED))
 		close_stream(c);
+	}
 	buffer_free(c->kept_rx);
 	free(c);
 }
@@ -239,7 +239,6 @@ static step end_gracefully(connection *c)
 static step refuse(connection *c, int version, int code)
 {
 	httpd_fail(&c->pub, version, code);
-	c->discards_unread = true;
 	return end_gracefully(c);
 }
 
@@ -288,27 +287,52 @@ static bool peer_is_gone(int fd)
 	return poll(&query, 1, 0) > 0;
 }
 
-// The stream's `read`. A read that gets less than it asked for has emptied the descriptor: the next answer,
-// that there is nothing, needs no system call.
-static int32_t read_bounded(stream *s, void *bytes, uint32_t count)
+static int32_t max_of(int32_t a, int32_t b)
 {
-	connection *c = connection_of(s);
-	follow_rx(c);
-	if (s->state != 0) // nothing is asked for: a hang-up, or an event fetched before
-		return peer_is_gone(s->io.fd) ? -1 : -EAGAIN;
-	if (c->is_read_empty) {
-		c->is_read_empty = false;
-		return -EAGAIN;
-	}
-	uint32_t room = static_cast<uint32_t>(HTTPD_RX_BYTES_MAX - s->rx->length);
+	return a > b ? a : b;
+}
+
+// What may be in the receive buffer when this read step ends. By the parser's rule a request is refused when too
+// much has arrived with it. Once requests have waited for the peer to take answers, much arrives together because
+// we did not read; from then on it is taken in portions that stay below that.
+static int32_t rx_bound(const connection *c)
+{
+	const httpd_conn *conn = &c->pub;
+	int32_t portion = HTTPD_REQUEST_BYTES_LIMIT - 1;
+	if (conn->state == HTTPD_STATE_BODY)
+		portion = max_of(portion, conn->head_len + static_cast<int32_t>(conn->content_length));
+	return c->reads_portions && conn->stream.rx->length < portion ? portion : HTTPD_RX_BYTES_MAX;
+}
+
+// A read that gets less than it asked for has emptied the descriptor, and one that fills a portion leaves the
+// parser its turn: the next read ends the step without a system call.
+static int32_t read_within(connection *c, void *bytes, uint32_t count)
+{
+	stream *s = &c->pub.stream;
+	uint32_t room = static_cast<uint32_t>(rx_bound(c) - s->rx->length);
 	if (room == 0) {
 		pause_reading(c);
 		return -EAGAIN;
 	}
 	uint32_t wanted = count < room ? count : room;
 	int32_t length = stream_read_fd(s, bytes, wanted);
-	c->is_read_empty = length > 0 && static_cast<uint32_t>(length) < wanted;
+	bool is_emptied = length < static_cast<int32_t>(wanted);
+	c->ends_read = length > 0 && (is_emptied || (c->reads_portions && wanted == room));
 	return length;
+}
+
+// The stream's `read`.
+static int32_t read_bounded(stream *s, void *bytes, uint32_t count)
+{
+	connection *c = connection_of(s);
+	follow_rx(c);
+	if (s->state != 0) // nothing is asked for: a hang-up, or an event fetched before
+		return peer_is_gone(s->io.fd) ? -1 : -EAGAIN;
+	if (c->ends_read) {
+		c->ends_read = false;
+		return -EAGAIN;
+	}
+	return read_within(c, bytes, count);
 }
 
 static void note_progress(connection *c)
@@ -404,6 +428,7 @@ static step state_idle(connection *c)
 	c->is_stalled = conn->stream.tx->length >= HTTPD_TX_BYTES_STALL;
 	if (c->is_stalled) {
 		pause_reading(c);
+		c->reads_portions = true;
 		return step::wait;
 	}
 	span rest = received(conn);
@@ -987,7 +1012,7 @@ int32_t http_res_put_status_line(struct buffer *buffer, int version, int code, c
 	to = put_bytes(to, number.text(), number.length());
 	*to++ = ' ';
 	to = put_bytes(to, reason, reason_length);
-	put_bytes(to, LINE_END, 2);
+	put_bytes(to, LINE_END, sizeof LINE_END);
 	return 0;
 }
 
@@ -1007,12 +1032,26 @@ int32_t http_res_put_header(struct buffer *buffer, const char *name, const char 
 	return result < 0 ? result : 0;
 }
 
+// http_res_put_header of two literals.
+template <size_t n, size_t m>
+static int32_t put_literal_header(buffer *b, const char (&name)[n], const char (&value)[m])
+{
+	int32_t result = put_literal(b, name);
+	if (result >= 0)
+		result = put_literal(b, ": ");
+	if (result >= 0)
+		result = buffer_append_text(b, value, m - 1);
+	if (result >= 0)
+		result = put_literal(b, LINE_END);
+	return result;
+}
+
 int32_t httpd_common_headers(struct httpd_conn *conn)
 {
 	buffer *head = conn->res_head;
-	bool is_done = http_res_put_header(head, "Server", "%s", "kvhttpd") >= 0 &&
-		       http_res_put_header(head, "Pragma", "no-cache") >= 0 &&
-		       http_res_put_header(head, "Expires", "0") >= 0;
+	bool is_done = put_literal_header(head, "Server", "kvhttpd") >= 0 &&
+		       put_literal_header(head, "Pragma", "no-cache") >= 0 &&
+		       put_literal_header(head, "Expires", "0") >= 0;
 	return is_done ? 0 : -1;
 }
 
@@ -1031,7 +1070,7 @@ int32_t httpd_fail(struct httpd_conn *conn, int version, int code)
 	result = httpd_common_headers(conn);
 	if (result < 0)
 		return result;
-	result = http_res_put_header(conn->res_head, "Content-Type", "text/html");
+	result = put_literal_header(conn->res_head, "Content-Type", "text/html");
 	if (result < 0)
 		return result;
 	int32_t body_len = buffer_printf(

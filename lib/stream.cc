@@ -41,6 +41,8 @@ static char held_bytes[HELD_MAX];
 
 int32_t stream_read_fd(stream *s, void *bytes, uint32_t count)
 {
+	if (s->state != 0) // reading has stopped: this is a hang-up, or an event fetched before
+		return -EAGAIN;
 	ssize_t length;
 	do
 		length = read(s->io.fd, bytes, count);

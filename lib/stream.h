@@ -24,7 +24,7 @@ extern "C" {
 
 /* Bits of `state`. */
 #define STREAM_EOF           1 /* end of file was read; writing goes on */
-#define STREAM_ERROR         2 /* a read or a write failed; what is written from now on is dropped */
+#define STREAM_ERROR         2 /* a read or a write failed; nothing is read or written any more */
 #define STREAM_READ_DISABLED 4 /* the owner stopped reading */
 
 /*
@@ -42,7 +42,8 @@ struct stream {
 	/*
 	 * How bytes are read: returns how many (1 to `count`), 0 at end of file, -EAGAIN when there are
 	 * none now, another negative value on an error. Replaceable, by setting it before stream_init;
-	 * the default reads from `io.fd`. It must not clean the stream up.
+	 * the default reads from `io.fd` as long as `state` is 0. A hang-up makes the stream call it also
+	 * when reading has stopped. It must not clean the stream up.
 	 */
 	int32_t (*read)(struct stream *stream, void *bytes, uint32_t count);
 	/*
@@ -68,8 +69,8 @@ struct stream {
  * bound if its owner does not consume it; beyond INT32_MAX it would be a STREAM_ERROR. A descriptor
  * that epoll does not take, of a regular file, say, is never read: that is not checked.
  *
- * A hang-up makes the stream read once more, whatever it was asked to read, so that its owner hears of the
- * end or the error; the loop reports it again and again, so clean up soon after notify_state.
+ * A hang-up is reported by the loop again and again: clean up soon after notify_state, and do not leave a
+ * stream that has stopped reading unattended.
  */
 int stream_init(struct stream *stream, int fd);
 
@@ -99,8 +100,8 @@ int32_t stream_vprintf(struct stream *stream, const char *format, va_list argume
 void stream_notify_read(struct stream *stream);
 
 /*
- * Stops reading for good, except for a hang-up. What has been received stays in `rx`, what comes stays
- * in the kernel.
+ * Stops reading for good. What has been received stays in `rx`, what comes stays in the kernel, and
+ * neither the end of file nor a hang-up is noticed any more.
  */
 void stream_disable_read(struct stream *stream);
 

@@ -54,7 +54,7 @@ int32_t time_now_sec(void)
 struct timespec *time_to_timespec(struct timespec *result, int64_t time)
 {
 	result->tv_sec = low_word(time) / USEC_PER_SEC;
-	result->tv_nsec = static_cast<int32_t>(static_cast<uint64_t>(time) % USEC_PER_SEC) * NSEC_PER_USEC;
+	result->tv_nsec = static_cast<long>(static_cast<uint64_t>(time) % USEC_PER_SEC) * NSEC_PER_USEC;
 	return result;
 }
 
