@@ -1,8 +1,15 @@
 # Compiler and linker flags of the library and of what is built beside it.
 
-set(APBASE_WARNINGS -Wall -Wextra -Wpedantic -Werror -Wshadow -Wundef -Wcast-align -Wformat=2 -Wmissing-declarations)
+include(CheckLinkerFlag)
 
-# What everything in the tree is built with.
+# Not CMake's -O3: flash memory is scarce.
+string(REPLACE -O3 -O2 CMAKE_C_FLAGS_RELEASE "${CMAKE_C_FLAGS_RELEASE}")
+string(REPLACE -O3 -O2 CMAKE_CXX_FLAGS_RELEASE "${CMAKE_CXX_FLAGS_RELEASE}")
+
+set(APBASE_WARNINGS -Wall -Wextra -Wpedantic -Wshadow -Wundef -Wcast-align -Wformat=2 -Wmissing-declarations
+	$<$<BOOL:${APBASE_WERROR}>:-Werror>)
+
+# What everything in the tree is built with. It reaches nobody who links the library.
 add_library(apbase_common INTERFACE)
 target_compile_options(apbase_common INTERFACE ${APBASE_WARNINGS}
 	# Paths in assertions and debug information start at the top of the tree.
@@ -13,17 +20,33 @@ if(APBASE_SANITIZE)
 	target_link_options(apbase_common INTERFACE -fsanitize=${APBASE_SANITIZE})
 endif()
 
+# MIPS linkers know the old hash table of symbols only.
+check_linker_flag(C -Wl,--hash-style=gnu APBASE_LINKER_HAS_GNU_HASH)
+
 # The library: no exceptions, no RTTI, no C++ run-time library, names exported by the map only.
 function(apbase_library_flags target)
 	set(map ${PROJECT_SOURCE_DIR}/lib/apbase.map)
+	set(optimised $<CONFIG:Release,RelWithDebInfo,MinSizeRel>)
 	target_compile_features(${target} PRIVATE cxx_std_20)
 	target_compile_options(${target} PRIVATE
 		-fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-asynchronous-unwind-tables -fno-unwind-tables
 		-fvisibility=hidden -ffunction-sections -fdata-sections
-		-fstack-protector-strong $<$<CONFIG:Release>:-D_FORTIFY_SOURCE=2>)
+		# Every symbol is bound at load time anyway, so calls go through the table of addresses
+		# directly; those from module to module are bound when the library is linked.
+		-fno-plt -fno-semantic-interposition
+		-fstack-protector-strong)
 	target_link_options(${target} PRIVATE
-		-Wl,--version-script=${map} -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--gc-sections
-		$<$<NOT:$<BOOL:${APBASE_SANITIZE}>>:-Wl,--no-undefined>)
+		-Wl,--version-script=${map} -Wl,-Bsymbolic-functions
+		-Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack
+		-Wl,--gc-sections -Wl,--as-needed -Wl,-O1
+		$<$<BOOL:${APBASE_LINKER_HAS_GNU_HASH}>:-Wl,--hash-style=gnu>)
+	if(APBASE_SANITIZE)
+		# The sanitizers' own names are found in the program; fortified calls would bypass their checks.
+	else()
+		target_compile_options(${target} PRIVATE $<${optimised}:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
+		# What 32-bit targets need of libgcc (64-bit division) is taken from its static half.
+		target_link_options(${target} PRIVATE -Wl,--no-undefined -static-libgcc)
+	endif()
 	target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:apbase_common>)
 	set_target_properties(${target} PROPERTIES
 		CXX_EXTENSIONS OFF

@@ -1,0 +1,69 @@
+# Sourced by demo, test and bench: the packages of each, and how they report to whoever runs them.
+
+packages_build="g++ cmake ninja-build pkg-config libjansson-dev"
+packages_demo="$packages_build curl"
+packages_test="$packages_build libgtest-dev libgmock-dev curl python3 clang-format-14 clang-tidy-14
+	g++-mips-linux-gnu g++-mipsel-linux-gnu"
+packages_bench="$packages_build python3 libbenchmark-dev libevent-dev libglib2.0-dev nginx-light wrk valgrind strace"
+
+script_name=scripts/$(basename "$0")
+log_folder=build/logs
+
+# One line that says why this ends here.
+die()
+{
+	printf '%s: %s\n' "$script_name" "$*" >&2
+	exit 1
+}
+
+# A step begins.
+say()
+{
+	printf '==> %s\n' "$*"
+}
+
+# quietly <log name> <command>...: runs a step whose output matters only if it fails.
+quietly()
+{
+	local log=$log_folder/$1.log
+	shift
+	mkdir -p "$log_folder"
+	if ! "$@" </dev/null >"$log" 2>&1; then
+		tail -n 40 "$log" >&2
+		die "failed: $* (all of its output: $log)"
+	fi
+}
+
+# install_packages <package>...: from Debian, those that are not there yet.
+install_packages()
+{
+	local package missing=() as_root=()
+
+	command -v dpkg-query >/dev/null && command -v apt-get >/dev/null ||
+		die "this needs Debian 12 (dpkg-query or apt-get not found)"
+	for package; do
+		[ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
+			missing+=("$package")
+	done
+	[ ${#missing[@]} -gt 0 ] || return 0
+	if [ "$(id -u)" -ne 0 ]; then
+		command -v sudo >/dev/null ||
+			die "run it as root, or install sudo: ${missing[*]} must be installed first"
+		as_root=(sudo)
+	fi
+	say "Installing from Debian: ${missing[*]}"
+	"${as_root[@]}" apt-get update -q </dev/null || die "apt-get update failed"
+	"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends \
+		-o Dpkg::Use-Pty=0 "${missing[@]}" </dev/null || die "apt-get could not install ${missing[*]}"
+}
+
+# build_preset <preset> <folder> <target> [cmake option]...: configures, and builds with progress shown.
+build_preset()
+{
+	local preset=$1 folder=$2 target=$3
+	shift 3
+	say "Configuring $folder"
+	quietly "configure-$preset" cmake --preset "$preset" -B "$folder" "$@"
+	say "Building $folder"
+	cmake --build "$folder" --target "$target" </dev/null || die "$folder does not build"
+}

@@ -1,0 +1,25 @@
+"""Runs Debian 12's clang-tidy, as .clang-tidy sets it up, over one source; no finding is accepted."""
+
+import argparse
+import re
+
+import house
+
+parser = argparse.ArgumentParser()
+parser.add_argument("--tree", required=True)
+parser.add_argument("source")
+arguments = parser.parse_args()
+
+if arguments.source.endswith(".c"):
+    language = ["-std=c11", "-D_DEFAULT_SOURCE"]
+else:
+    language = ["-std=c++20", "-fno-exceptions", "-fno-rtti"]
+result = house.attempt(
+    ["clang-tidy-14", "--quiet", arguments.source, "--", *language, "-O2", f"-I{arguments.tree}"],
+    cwd=arguments.tree,
+)
+findings = re.findall(r"^(\S+:\d+:\d+): (?:error|warning): (.*)$", result.stdout, flags=re.MULTILINE)
+if result.returncode != 0 or findings:
+    print(result.stdout, result.stderr)
+    place, text = findings[0] if findings else (arguments.source, "clang-tidy fails")
+    house.fail(f"{len(findings)} findings, the first: {place}: {text}")
