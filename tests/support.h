@@ -1,0 +1,507 @@
+// What the test programs share: owned descriptors, sockets, the loop driven until something holds, checks
+// for what a test leaves behind, and children for tests that change the state of a whole process.
+#pragma once
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "lib/evloop.h"
+
+namespace support
+{
+
+// Long enough for a noisy machine under sanitizers; a test that gets here has failed.
+inline constexpr int deadline_ms = 30'000;
+
+inline int64_t now_ms()
+{
+	timespec now{};
+	clock_gettime(CLOCK_MONOTONIC, &now);
+	return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
+
+// A descriptor that is closed with its owner.
+class owned_fd
+{
+	int fd_;
+
+public:
+	explicit owned_fd(int fd = -1) : fd_(fd) {}
+	owned_fd(owned_fd &&from) noexcept : fd_(from.give()) {}
+	owned_fd &operator=(owned_fd &&from) noexcept
+	{
+		reset(from.give());
+		return *this;
+	}
+	~owned_fd() { reset(); }
+	int get() const { return fd_; }
+	[[nodiscard]] int give() { return std::exchange(fd_, -1); }
+	void reset(int fd = -1)
+	{
+		int saved_errno = errno;
+		if (fd_ >= 0)
+			close(fd_);
+		fd_ = fd;
+		errno = saved_errno;
+	}
+};
+
+inline void set_nonblocking(int fd)
+{
+	fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+}
+
+inline bool is_open(int fd)
+{
+	return fcntl(fd, F_GETFD) >= 0;
+}
+
+inline bool is_nonblocking(int fd)
+{
+	return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0;
+}
+
+inline bool is_closed_on_exec(int fd)
+{
+	return (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
+}
+
+// A connected pair of Unix sockets, blocking.
+struct socket_pair {
+	owned_fd near, far;
+
+	explicit socket_pair(int type = SOCK_STREAM)
+	{
+		int fds[2] = {-1, -1};
+		EXPECT_EQ(socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, fds), 0) << strerror(errno);
+		near.reset(fds[0]);
+		far.reset(fds[1]);
+	}
+};
+
+struct pipe_pair {
+	owned_fd read_end, write_end;
+
+	pipe_pair()
+	{
+		int fds[2] = {-1, -1};
+		EXPECT_EQ(pipe2(fds, O_CLOEXEC), 0) << strerror(errno);
+		read_end.reset(fds[0]);
+		write_end.reset(fds[1]);
+	}
+};
+
+// Waits until `fd` reports one of `events` of poll; false at the deadline.
+inline bool wait_for(int fd, short events, int timeout_ms = deadline_ms)
+{
+	pollfd entry{fd, events, 0};
+	int64_t end_ms = now_ms() + timeout_ms;
+	for (;;) {
+		int64_t left_ms = std::max<int64_t>(end_ms - now_ms(), 0);
+		int count = poll(&entry, 1, static_cast<int>(left_ms));
+		if (count > 0)
+			return true;
+		if (count == 0 || errno != EINTR)
+			return false;
+	}
+}
+
+// Writes all of `bytes` to a blocking or non-blocking descriptor; false if that fails.
+inline bool write_all(int fd, const std::string &bytes)
+{
+	size_t done = 0;
+	while (done < bytes.size()) {
+		ssize_t count = write(fd, bytes.data() + done, bytes.size() - done);
+		if (count > 0)
+			done += static_cast<size_t>(count);
+		else if (count < 0 && errno == EAGAIN && wait_for(fd, POLLOUT))
+			continue;
+		else if (count >= 0 || errno != EINTR)
+			return false;
+	}
+	return true;
+}
+
+// What can be read now, without waiting for more: up to `count_max` bytes.
+inline std::string read_available(int fd, size_t count_max = SIZE_MAX)
+{
+	std::string bytes;
+	char chunk[4096];
+	while (bytes.size() < count_max && wait_for(fd, POLLIN, 0)) {
+		ssize_t count = read(fd, chunk, std::min(sizeof(chunk), count_max - bytes.size()));
+		if (count <= 0)
+			break;
+		bytes.append(chunk, static_cast<size_t>(count));
+	}
+	return bytes;
+}
+
+// Everything up to the end of file, or to an error or the deadline.
+inline std::string read_all(int fd)
+{
+	std::string bytes;
+	char chunk[4096];
+	for (;;) {
+		if (!wait_for(fd, POLLIN)) {
+			ADD_FAILURE() << "no end of file on descriptor " << fd;
+			return bytes;
+		}
+		ssize_t count = read(fd, chunk, sizeof(chunk));
+		if (count > 0)
+			bytes.append(chunk, static_cast<size_t>(count));
+		else if (count == 0 || (errno != EINTR && errno != EAGAIN))
+			return bytes;
+	}
+}
+
+inline std::string read_file(const std::string &path)
+{
+	owned_fd fd{open(path.c_str(), O_RDONLY | O_CLOEXEC)};
+	std::string bytes;
+	char chunk[4096];
+	ssize_t count;
+	while ((count = read(fd.get(), chunk, sizeof(chunk))) > 0)
+		bytes.append(chunk, static_cast<size_t>(count));
+	return bytes;
+}
+
+inline bool write_file(const std::string &path, const std::string &bytes)
+{
+	owned_fd fd{open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)};
+	return fd.get() >= 0 && write_all(fd.get(), bytes);
+}
+
+// The descriptors open in this process.
+inline std::set<int> open_descriptors()
+{
+	std::set<int> fds;
+	DIR *directory = opendir("/proc/self/fd");
+	if (!directory)
+		return fds;
+	while (dirent *entry = readdir(directory))
+		if (entry->d_name[0] != '.')
+			fds.insert(atoi(entry->d_name));
+	fds.erase(dirfd(directory));
+	closedir(directory);
+	return fds;
+}
+
+// What a descriptor is open on, as the kernel names it.
+inline std::string descriptor_target(int fd)
+{
+	char target[PATH_MAX];
+	ssize_t length = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof(target));
+	return length < 0 ? std::string() : std::string(target, static_cast<size_t>(length));
+}
+
+// The loop's epoll descriptor, or -1 before evloop_init. The test programs have no other.
+inline int epoll_descriptor()
+{
+	for (int fd : open_descriptors())
+		if (descriptor_target(fd) == "anon_inode:[eventpoll]")
+			return fd;
+	return -1;
+}
+
+// The descriptors in the loop's epoll set, as the kernel has them.
+inline std::set<int> watched_descriptors()
+{
+	std::set<int> fds;
+	std::string text = read_file("/proc/self/fdinfo/" + std::to_string(epoll_descriptor()));
+	for (size_t at = text.find("tfd:"); at != std::string::npos; at = text.find("tfd:", at + 1))
+		fds.insert(atoi(text.c_str() + at + 4));
+	return fds;
+}
+
+// One pass of the loop, as evloop_run makes it, except that it waits at most `wait_max_ms`.
+inline void run_pass(int wait_max_ms = 0)
+{
+	evloop_handle_timeouts();
+	int next_ms = evloop_get_next_timeout();
+	evloop_handle_ios(next_ms < 0 ? wait_max_ms : std::min(next_ms, wait_max_ms));
+}
+
+inline void run_passes(int count)
+{
+	while (count-- > 0)
+		run_pass();
+}
+
+// Passes of the loop until `condition` holds; false at the deadline. Children are left alone.
+inline bool run_until(const std::function<bool()> &condition, int timeout_ms = deadline_ms)
+{
+	int64_t end_ms = now_ms() + timeout_ms;
+	while (!condition()) {
+		if (now_ms() > end_ms)
+			return false;
+		run_pass(10);
+	}
+	return true;
+}
+
+// Waits for `condition` without running the loop; for what the kernel or another process does.
+inline bool eventually(const std::function<bool()> &condition, int timeout_ms = deadline_ms)
+{
+	int64_t end_ms = now_ms() + timeout_ms;
+	while (!condition()) {
+		if (now_ms() > end_ms)
+			return false;
+		poll(nullptr, 0, 1);
+	}
+	return true;
+}
+
+// A fixture that fails a test which leaves a descriptor open.
+class descriptor_test : public testing::Test
+{
+	std::set<int> before_;
+
+protected:
+	void SetUp() override { before_ = open_descriptors(); }
+	void TearDown() override
+	{
+		for (int fd : open_descriptors())
+			EXPECT_TRUE(before_.count(fd)) << "left open: " << fd << " " << descriptor_target(fd);
+		for (int fd : before_)
+			EXPECT_TRUE(is_open(fd)) << "closed though not its own: " << fd;
+	}
+};
+
+// A fixture over an initialised loop, which must be left without timeouts, watchers, children and
+// descriptors.
+class loop_test : public descriptor_test
+{
+protected:
+	void SetUp() override
+	{
+		ASSERT_EQ(evloop_init(), 0);
+		descriptor_test::SetUp();
+	}
+	void TearDown() override
+	{
+		// Events fetched for a descriptor that a test has closed since must not meet the next test.
+		for (int turn = 0; turn < EVLOOP_MAX_EVENTS; ++turn)
+			evloop_handle_ios(0);
+		EXPECT_EQ(evloop_get_next_timeout(), -1) << "a timeout is left pending";
+		evloop_clean_timeouts();
+		EXPECT_EQ(watched_descriptors(), std::set<int>());
+		EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
+		descriptor_test::TearDown();
+	}
+};
+
+// Records of the loop that call a function object and count. The function object may release its record.
+struct watcher : evloop_io {
+	std::function<void(watcher *, unsigned int)> on_events;
+	std::vector<unsigned int> seen; // the events of each call
+
+	explicit watcher(int watched_fd, std::function<void(watcher *, unsigned int)> call = nullptr)
+		: evloop_io{}, on_events(std::move(call))
+	{
+		fd = watched_fd;
+		cb = [](evloop_io *io, unsigned int events) {
+			watcher *self = static_cast<watcher *>(io);
+			self->seen.push_back(events);
+			if (auto copy = self->on_events)
+				copy(self, events);
+		};
+	}
+	watcher(const watcher &) = delete;
+	watcher &operator=(const watcher &) = delete;
+	size_t calls() const { return seen.size(); }
+};
+
+struct timer : evloop_timeout {
+	std::function<void(timer *)> on_fire;
+	int calls = 0;
+
+	explicit timer(std::function<void(timer *)> call = nullptr)
+		: evloop_timeout{}, on_fire(std::move(call))
+	{
+		cb = [](evloop_timeout *timeout) {
+			timer *self = static_cast<timer *>(timeout);
+			++self->calls;
+			if (auto copy = self->on_fire)
+				copy(self);
+		};
+	}
+	timer(const timer &) = delete;
+	timer &operator=(const timer &) = delete;
+};
+
+inline sockaddr_in loopback_address(uint16_t port, uint32_t address = INADDR_LOOPBACK)
+{
+	sockaddr_in name{};
+	name.sin_family = AF_INET;
+	name.sin_port = htons(port);
+	name.sin_addr.s_addr = htonl(address);
+	return name;
+}
+
+inline uint16_t local_port(int fd)
+{
+	sockaddr_in name{};
+	socklen_t length = sizeof(name);
+	if (getsockname(fd, reinterpret_cast<sockaddr *>(&name), &length) < 0)
+		return 0;
+	return ntohs(name.sin_port);
+}
+
+// A socket that listens on a free port of 127.0.0.1; independent of the library.
+struct loopback_listener {
+	owned_fd fd;
+	uint16_t port = 0;
+
+	explicit loopback_listener(int backlog = 16)
+	{
+		fd.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+		sockaddr_in name = loopback_address(0);
+		EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&name), sizeof(name)), 0);
+		EXPECT_EQ(listen(fd.get(), backlog), 0);
+		port = local_port(fd.get());
+	}
+	owned_fd accept_one() const
+	{
+		return owned_fd{
+			wait_for(fd.get(), POLLIN) ? accept4(fd.get(), nullptr, nullptr, SOCK_CLOEXEC) : -1};
+	}
+};
+
+// A blocking socket connected to `port` of 127.0.0.1; -1 inside on failure.
+inline owned_fd connect_to(uint16_t port, uint32_t address = INADDR_LOOPBACK)
+{
+	owned_fd fd{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+	sockaddr_in name = loopback_address(port, address);
+	if (connect(fd.get(), reinterpret_cast<sockaddr *>(&name), sizeof(name)) < 0)
+		fd.reset();
+	return fd;
+}
+
+// A port of 127.0.0.1 on which nothing listens: it was free a moment ago.
+inline uint16_t free_port()
+{
+	owned_fd fd{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+	sockaddr_in name = loopback_address(0);
+	EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&name), sizeof(name)), 0);
+	return local_port(fd.get());
+}
+
+// How a child of run_child ended, and all that it wrote.
+struct child_result {
+	int status = -1; // as waitpid gives it
+	std::string out, err;
+
+	bool exited_with(int code) const { return WIFEXITED(status) && WEXITSTATUS(status) == code; }
+	bool killed_by(int number) const { return WIFSIGNALED(status) && WTERMSIG(status) == number; }
+	std::string report() const
+	{
+		return "wait status " + std::to_string(status) + "\nstdout:\n" + out + "\nstderr:\n" + err;
+	}
+};
+
+// Runs `body` in a forked child with stdout and stderr collected; for what changes the state of a whole
+// process (limits, namespaces, logging) or ends it. It exits with 0, or with 1 if an expectation failed in
+// it.
+inline child_result run_child(const std::function<void()> &body)
+{
+	pipe_pair out, err;
+	fflush(nullptr);
+	child_result result;
+	pid_t pid = fork();
+	if (pid < 0) {
+		ADD_FAILURE() << "fork: " << strerror(errno);
+		return result;
+	}
+	if (pid == 0) {
+		alarm(static_cast<unsigned>(deadline_ms * 2 / 1000));
+		dup2(out.write_end.get(), 1);
+		dup2(err.write_end.get(), 2);
+		for (owned_fd *fd : {&out.read_end, &out.write_end, &err.read_end, &err.write_end})
+			fd->reset();
+		body();
+		fflush(nullptr);
+		_exit(testing::Test::HasFailure() ? 1 : 0);
+	}
+	out.write_end.reset();
+	err.write_end.reset();
+	bool out_open = true, err_open = true;
+	auto take = [](int fd, std::string *into) {
+		char chunk[4096];
+		ssize_t count = read(fd, chunk, sizeof(chunk));
+		if (count > 0)
+			into->append(chunk, static_cast<size_t>(count));
+		return count > 0 || (count < 0 && errno == EINTR);
+	};
+	while (out_open || err_open) {
+		pollfd entries[2] = {{out_open ? out.read_end.get() : -1, POLLIN, 0},
+			{err_open ? err.read_end.get() : -1, POLLIN, 0}};
+		if (poll(entries, 2, -1) < 0)
+			continue;
+		if (entries[0].revents)
+			out_open = take(out.read_end.get(), &result.out);
+		if (entries[1].revents)
+			err_open = take(err.read_end.get(), &result.err);
+	}
+	while (waitpid(pid, &result.status, 0) < 0 && errno == EINTR)
+		;
+	return result;
+}
+
+// Runs `body` with its expectations in a child; what fails there fails here.
+inline void expect_in_child(const std::function<void()> &body)
+{
+	child_result result = run_child(body);
+	EXPECT_TRUE(result.exited_with(0)) << result.report();
+}
+
+// Moves this process (a child of run_child) into mount and network namespaces of its own, the latter with
+// nothing but a loopback interface. Needs root.
+inline bool enter_private_namespaces()
+{
+	if (unshare(CLONE_NEWNS | CLONE_NEWNET) < 0)
+		return false;
+	if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) < 0)
+		return false;
+	owned_fd fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+	ifreq request{};
+	memcpy(request.ifr_name, "lo", sizeof("lo"));
+	request.ifr_flags = IFF_UP | IFF_RUNNING;
+	return ioctl(fd.get(), SIOCSIFFLAGS, &request) == 0;
+}
+
+// Only in a private mount namespace: `path` now reads as `text`, until the process ends.
+inline bool replace_file(const std::string &path, const std::string &text)
+{
+	char name[] = "/tmp/apbase-test-XXXXXX";
+	owned_fd fd{mkostemp(name, O_CLOEXEC)};
+	bool done = write_all(fd.get(), text) && fchmod(fd.get(), 0644) == 0 &&
+		    mount(name, path.c_str(), nullptr, MS_BIND, nullptr) == 0;
+	unlink(name);
+	return done;
+}
+
+} // namespace support
