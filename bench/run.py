@@ -1,0 +1,487 @@
+#!/usr/bin/env python3
+"""Measures, and prints tables of ratios in Markdown on stdout; progress goes to stderr.
+
+Run it through scripts/bench, which installs and builds what this needs.
+"""
+
+import argparse
+import datetime
+import json
+import os
+import platform
+import re
+import resource
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+
+import servers
+from servers import ANSWER_BYTES, HERE, TITLES, Client, Failure, IdleConnections, Line
+
+IDLE_COUNT = 5000
+RESIDENT_COUNT = 2000
+
+
+class Aims:
+    """What was aimed for, and what came of it."""
+
+    def __init__(self):
+        self.rows = []
+
+    def at_least(self, text, value, limit):
+        self.rows.append((text, value, f"≥ {limit:,}", value >= limit))
+
+    def at_most(self, text, value, limit):
+        self.rows.append((text, value, f"≤ {limit:,}", value <= limit))
+
+    def table(self):
+        rows = [[text, number(value), aim, "yes" if met else "**no**"] for text, value, aim, met in self.rows]
+        return markdown(["", "measured", "aim", "reached"], rows)
+
+
+class Bench:
+    """What every section needs."""
+
+    def __init__(self, binaries, scratch, quick):
+        self.binaries = binaries
+        self.scratch = scratch
+        self.quick = quick
+        self.aims = Aims()
+        usable = sorted(os.sched_getaffinity(0))
+        self.cpu = usable[-1]  # the server's and wrk's; this program keeps to the others
+        if len(usable) > 1:
+            os.sched_setaffinity(0, usable[:-1])
+        has_daemon = os.path.exists(servers.apstatd_program(binaries))
+        self.ours = "apstatd" if has_daemon else "apbase"
+        self.kinds = ["bare", *(["apstatd"] if has_daemon else []), "apbase", "nginx", "evhttp"]
+
+    def line(self, kinds=None, **options):
+        return Line(kinds or self.kinds, self.binaries, self.scratch, **options)
+
+    def pick(self, quick, full):
+        return quick if self.quick else full
+
+
+def say(text):
+    print(f"bench: {text}", file=sys.stderr, flush=True)
+
+
+def number(value):
+    if value >= 1000:
+        return f"{value:,.0f}"
+    return f"{value:.2f}" if value < 100 else f"{value:.0f}"
+
+
+def spread(values):
+    """The middle half of many, all of a few."""
+    low, high = min(values), max(values)
+    if len(values) >= 8:
+        low, _, high = statistics.quantiles(values, n=4)
+    return f"{low:.2f} to {high:.2f}"
+
+
+def markdown(head, rows):
+    """The first column is text, the others are numbers."""
+    lines = ["| " + " | ".join(head) + " |"]
+    lines.append("|" + "|".join([" --- "] + [" ---: "] * (len(head) - 1)) + "|")
+    lines += ["| " + " | ".join(row) + " |" for row in rows]
+    return "\n".join(lines) + "\n"
+
+
+def children_cpu_seconds():
+    """Of the ended ones."""
+    usage = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return usage.ru_utime + usage.ru_stime
+
+
+def wrk(bench, server, seconds, *, depth=1, connections=10, close=False):
+    """One run of the load generator. Requests, and the seconds of CPU time that server and wrk used for them.
+
+    The two share one CPU and keep it busy, so on a machine with nothing else to do that is the time it took;
+    on any other it leaves out what others took.
+    """
+    before = server.cpu_seconds() + children_cpu_seconds()
+    command = ["taskset", "-c", str(bench.cpu), "wrk", "-t1", f"-c{connections}", f"-d{seconds}s"]
+    command += ["-s", os.path.join(HERE, "wrk.lua")]
+    command += ["-H", "Host: 127.0.0.1"]
+    if close:
+        command += ["-H", "Connection: close"]
+    result = subprocess.run([*command, server.url(), "--", str(depth)], capture_output=True, text=True)
+    counted = re.search(r"^counted (\d+) (\d+)$", result.stdout, re.M)
+    if not counted:
+        raise Failure("wrk: " + (result.stderr.strip() or result.stdout.strip() or "no result").splitlines()[-1])
+    requests, errors = (int(text) for text in counted.groups())
+    if errors or not requests:
+        raise Failure(f"{server.kind}: {errors} errors and {requests} answers counted by wrk")
+    return requests, server.cpu_seconds() + children_cpu_seconds() - before
+
+
+def rotated(items, turns):
+    turns %= len(items)
+    return items[turns:] + items[:turns]
+
+
+def ends_as_wrk_expects(server, close=False, **_):
+    """wrk sends on unless the answer says that the connection ends with it."""
+    if not close or b"\r\nConnection: close\r\n" in server.answer(close):
+        return True
+    say(f"{server.kind} is left out: its answers do not announce the end of the connection")
+    return False
+
+
+def rates(bench, title, **mode):
+    """Requests per second of CPU time of every server, in rounds in which each has its turn."""
+    rounds, seconds = bench.pick(3, 9), bench.pick(1, 3)
+    line = bench.line(close=mode.get("close", False), cpu=bench.cpu)
+    running = line.start_all()
+    try:
+        kinds = [kind for kind in line.kinds if ends_as_wrk_expects(running[kind], **mode)]
+        result = {kind: [] for kind in kinds}
+        for kind in kinds:
+            wrk(bench, running[kind], 1, **mode)
+        for turn in range(rounds):
+            say(f"{title}: round {turn + 1} of {rounds}")
+            for kind in rotated(kinds, turn):
+                requests, cpu_seconds = wrk(bench, running[kind], seconds, **mode)
+                result[kind].append(requests / cpu_seconds)
+    finally:
+        servers.stop_all(running)
+    return result
+
+
+def rate_table(result):
+    """Ratios are taken within a round."""
+    ratios = {kind: [a / b for a, b in zip(values, result["bare"])] for kind, values in result.items()}
+    rows = []
+    for kind in sorted(result, key=lambda kind: -statistics.median(ratios[kind])):
+        rate, ratio = statistics.median(result[kind]), statistics.median(ratios[kind])
+        rows.append([TITLES[kind], f"{rate:,.0f}", f"{ratio:.2f}", spread(ratios[kind])])
+    return markdown(["server", "requests a CPU second", "ratio to bare", "spread"], rows)
+
+
+def relative(result, kind, other):
+    return statistics.median(a / b for a, b in zip(result[kind], result[other]))
+
+
+def section_keep_alive(bench):
+    result = rates(bench, "keep-alive")
+    ours = bench.ours
+    bench.aims.at_least("keep-alive: of the bare server", relative(result, ours, "bare"), 0.87)
+    bench.aims.at_least("keep-alive: of nginx", relative(result, ours, "nginx"), 1.0)
+    bench.aims.at_least("keep-alive: of evhttp", relative(result, ours, "evhttp"), 1.7)
+    return "Keep-alive, 10 connections", rate_table(result)
+
+
+def section_close(bench):
+    result = rates(bench, "a connection per request", close=True)
+    ours = bench.ours if bench.ours in result else "apbase"
+    bench.aims.at_least("a connection per request: of the bare server", relative(result, ours, "bare"), 0.93)
+    return "A connection per request, 10 at a time", rate_table(result)
+
+
+def section_pipelined(bench):
+    result = rates(bench, "pipelined", depth=16)
+    bench.aims.at_least("pipelined 16 deep: of the bare server", relative(result, bench.ours, "bare"), 0.6)
+    bench.aims.at_least("pipelined 16 deep: of nginx", relative(result, bench.ours, "nginx"), 4.0)
+    return "Pipelined 16 deep, 10 connections", rate_table(result)
+
+
+def cpu_per_request(bench, server, seconds):
+    before = server.cpu_seconds()
+    requests, _ = wrk(bench, server, seconds)
+    return (server.cpu_seconds() - before) * 1e6 / requests
+
+
+def section_idle(bench):
+    rounds, seconds = bench.pick(3, 9), bench.pick(1, 3)
+    line = bench.line(cpu=bench.cpu)
+    running = line.start_all()
+    alone = {kind: [] for kind in line.kinds}
+    beside = {kind: [] for kind in line.kinds}
+    try:
+        for server in running.values():
+            wrk(bench, server, 1)
+        for turn in range(rounds):
+            say(f"idle connections: round {turn + 1} of {rounds}")
+            for kind in rotated(line.kinds, turn):
+                server = running[kind]
+                # The two in turns, so that neither always comes first.
+                if turn % 2 == 0:
+                    alone[kind].append(cpu_per_request(bench, server, seconds))
+                with IdleConnections(server, IDLE_COUNT) as idle:
+                    beside[kind].append(cpu_per_request(bench, server, seconds))
+                    if idle.still_open() != IDLE_COUNT:
+                        raise Failure(f"{kind} has closed idle connections")
+                if turn % 2 == 1:
+                    alone[kind].append(cpu_per_request(bench, server, seconds))
+    finally:
+        servers.stop_all(running)
+    rows = []
+    for kind in line.kinds:
+        ratios = [b / a for a, b in zip(alone[kind], beside[kind])]
+        rows.append([TITLES[kind], number(statistics.median(alone[kind])), number(statistics.median(beside[kind]))])
+        rows[-1] += [f"{statistics.median(ratios):.2f}", spread(ratios)]
+        if kind == bench.ours:
+            bench.aims.at_most(f"CPU a request with {IDLE_COUNT:,} idle connections", statistics.median(ratios), 1.05)
+    head = ["server", "CPU µs a request", f"with {IDLE_COUNT:,} idle", "ratio", "spread"]
+    return f"{IDLE_COUNT:,} idle keep-alive connections beside 10 busy ones", markdown(head, rows)
+
+
+def section_memory(bench):
+    line = bench.line()
+    result = {}
+    for kind in line.kinds:
+        say(f"resident memory: {kind}")
+        result[kind] = []
+        for _ in range(3):
+            with line.start(kind) as server:
+                before = server.resident_bytes()
+                with IdleConnections(server, RESIDENT_COUNT):
+                    result[kind].append((server.resident_bytes() - before) / RESIDENT_COUNT)
+    median = {kind: statistics.median(values) for kind, values in result.items()}
+    rows = []
+    for kind in line.kinds:
+        ratios = [value / median["evhttp"] for value in result[kind]]
+        rows.append([TITLES[kind], number(median[kind]), f"{median[kind] / median['evhttp']:.2f}", spread(ratios)])
+    ours = median[bench.ours] / median["evhttp"]
+    bench.aims.at_most("resident memory an idle connection: of evhttp", ours, 1.3)
+    text = markdown(["server", "bytes a connection", "ratio to evhttp", "spread"], rows)
+    return f"Resident memory of {RESIDENT_COUNT:,} idle connections", text
+
+
+def per_request(line, kind, wrapper, read, fewer, more):
+    """Runs a server twice, with different numbers of requests on one connection: what counts is the difference."""
+    counted = []
+    for requests in (fewer, more):
+        with line.start(kind, wrapper=wrapper) as server:
+            client = Client(server.port)
+            client.ask_again(server.request(), ANSWER_BYTES, requests)
+            client.close()
+        counted.append(read())
+    names = set(counted[0]) | set(counted[1])
+    return {name: (counted[1].get(name, 0) - counted[0].get(name, 0)) / (more - fewer) for name in names}
+
+
+def section_syscalls(bench):
+    line = bench.line()
+    report = os.path.join(bench.scratch, "strace")
+
+    def read():
+        with open(report) as file:
+            rows = [row.split() for row in file]
+        return {row[1]: int(row[0]) for row in rows if len(row) == 2 and row[0].isdigit() and row[1] != "total"}
+
+    rows = []
+    for kind in line.kinds:
+        say(f"system calls: {kind}")
+        wrapper = ["strace", "-f", "-c", "-U", "calls,name", "-o", report]
+        calls = per_request(line, kind, wrapper, read, 1000, bench.pick(2000, 5000))
+        listed = sorted(((count, name) for name, count in calls.items() if count >= 0.005), reverse=True)
+        rows.append([TITLES[kind], f"{sum(calls.values()):.2f}", ", ".join(f"{n} {c:.2f}" for c, n in listed)])
+        if kind == bench.ours:
+            bench.aims.at_most("system calls a keep-alive request", round(sum(calls.values()), 2), 5)
+    return "System calls of a keep-alive request on one connection", markdown(["server", "calls", "which"], rows)
+
+
+def section_instructions(bench):
+    kinds = [kind for kind in bench.kinds if kind != "nginx"]  # would need a valgrind for its worker
+    line = bench.line(kinds)
+    profile = os.path.join(bench.scratch, "callgrind")
+    log = os.path.join(bench.scratch, "memcheck")
+
+    def read_instructions():
+        with open(profile) as file:
+            return {"": int(re.search(r"^(?:summary|totals): (\d+)", file.read(), re.M)[1])}
+
+    def read_allocations():
+        with open(log) as file:
+            return {"": int(re.search(r"total heap usage: ([\d,]+) allocs", file.read())[1].replace(",", ""))}
+
+    rows = []
+    for kind in kinds:
+        say(f"instructions and allocations: {kind}")
+        wrapper = ["valgrind", "--quiet", "--tool=callgrind", f"--callgrind-out-file={profile}"]
+        instructions = per_request(line, kind, wrapper, read_instructions, 500, bench.pick(1500, 5500))[""]
+        wrapper = ["valgrind", "--tool=memcheck", "--leak-check=no", f"--log-file={log}"]
+        allocations = per_request(line, kind, wrapper, read_allocations, 500, 1500)[""]
+        rows.append([TITLES[kind], number(instructions), f"{allocations:.2f}"])
+        if kind == bench.ours:
+            bench.aims.at_most("user instructions a keep-alive request", instructions, 3500)
+    head = ["server", "instructions", "allocations"]
+    return "User instructions and allocations of a keep-alive request on one connection", markdown(head, rows)
+
+
+class Micro:
+    """The results of one program of micro-benchmarks: nanoseconds by group, implementation and size, of several
+    rounds in which those that are compared run one right after the other."""
+
+    def __init__(self, bench, program):
+        self.times = {}
+        rounds = bench.pick(5, 21)
+        for turn in range(rounds):
+            say(f"{program}: round {turn + 1} of {rounds}")
+            self._round(bench, program)
+
+    def _round(self, bench, program):
+        report = os.path.join(bench.scratch, f"{program}.json")
+        command = ["taskset", "-c", str(bench.cpu), os.path.join(bench.binaries, "bench", program)]
+        command += [f"--benchmark_out={report}", "--benchmark_out_format=json"]
+        command += [f"--benchmark_min_time={bench.pick(0.02, 0.05)}"]
+        result = subprocess.run(command, capture_output=True, text=True)
+        if result.returncode != 0:
+            raise Failure(f"{program}: {(result.stderr.strip() or 'failed').splitlines()[-1]}")
+        with open(report) as file:
+            runs = json.load(file)["benchmarks"]
+        for run in runs:
+            if run.get("error_occurred"):
+                raise Failure(f"{program}: {run['name']}: {run['error_message']}")
+            group, implementation, size = run["run_name"].split("/")[:3]
+            self.times.setdefault((group, implementation, int(size)), []).append(1e9 / run["items_per_second"])
+
+    def groups(self):
+        return list(dict.fromkeys(group for group, _, _ in self.times))
+
+    def implementations(self, group):
+        return list(dict.fromkeys(name for g, name, _ in self.times if g == group))
+
+    def sizes(self, group):
+        return sorted({size for g, _, size in self.times if g == group})
+
+    def ratios(self, group, size, reference, implementation="apbase"):
+        """Within each round. The reference is another implementation, or another size of the same one."""
+        other = (group, reference, size) if isinstance(reference, str) else (group, implementation, reference)
+        return [a / b for a, b in zip(self.times[group, implementation, size], self.times[other])]
+
+    def ratio(self, *arguments):
+        return statistics.median(self.ratios(*arguments))
+
+    def table(self, reference, size_title):
+        """Nanoseconds an operation, and the ratio of apbase's to the reference."""
+        text = ""
+        for group in self.groups():
+            names = self.implementations(group)
+            head = [f"{group}: {size_title}", *(f"{name}, ns" for name in names)]
+            if reference in names:
+                head += [f"apbase : {reference}", "spread"]
+            rows = []
+            for size in self.sizes(group):
+                medians = [statistics.median(self.times[group, name, size]) for name in names]
+                rows.append([f"{size:,}", *(number(median) for median in medians)])
+                if reference in names:
+                    rows[-1] += [f"{self.ratio(group, size, reference):.2f}", spread(self.ratios(group, size, reference))]
+            text += markdown(head, rows) + "\n"
+        return text
+
+
+def section_timers(bench):
+    micro = Micro(bench, "timer_bench")
+    for group in ("rearm the oldest", "rearm any"):
+        slowest = max(micro.ratio(group, size, 10) for size in micro.sizes(group))
+        bench.aims.at_most(f"timers, {group}: slowest of 10 to 10,000, of 10", slowest, 1.15)
+        worst = max(micro.ratio(group, size, "libevent") for size in micro.sizes(group))
+        bench.aims.at_most(f"timers, {group}: of libevent", worst, 1.15)
+    ratio = micro.ratio("immediate beside idle ones", 10000, 0)
+    bench.aims.at_most("immediate timer beside 10,000 idle ones: of none", ratio, 1.15)
+    return "Timers", micro.table("libevent", "timers")
+
+
+def section_dispatch(bench):
+    micro = Micro(bench, "loop_bench")
+    ratio = micro.ratio("read and write a byte", 1, "bare epoll")
+    bench.aims.at_most("event dispatch, a byte read and written: of a bare loop", ratio, 1.3)
+    return "Dispatch of an event", micro.table("bare epoll", "ready at once")
+
+
+def section_htable(bench):
+    micro = Micro(bench, "htable_bench")
+    limits = {"hits": 0.9, "deletions": 0.55, "insertions": 0.7}
+    for group in micro.groups():
+        worst = max(micro.ratio(group, size, "GHashTable") for size in micro.sizes(group))
+        text = f"hash table, {group}, worst of 10 to 10,000 entries: of GHashTable"
+        bench.aims.at_most(text, worst, limits[group.split(",")[0]])
+    return "Hash table", micro.table("GHashTable", "entries")
+
+
+def section_buffer(bench):
+    return "Byte buffer, pieces of 200 bytes", Micro(bench, "buffer_bench").table("libevent", "pieces")
+
+
+def section_size(bench):
+    library = os.path.realpath(os.path.join(bench.binaries, "libapbase.so"))
+    stripped = os.path.join(bench.scratch, "stripped.so")
+    subprocess.run(["strip", "-o", stripped, library], check=True)
+    sizes = subprocess.run(["size", stripped], capture_output=True, text=True, check=True).stdout.splitlines()[1]
+    text_bytes, data_bytes, bss_bytes = (int(word) for word in sizes.split()[:3])
+    row = [f"{size:,}" for size in (os.path.getsize(stripped), text_bytes, data_bytes, bss_bytes)]
+    return "The stripped library, bytes", markdown(["", "file", "text", "data", "bss"], [["libapbase.so", *row]])
+
+
+SECTIONS = {
+    "keep-alive": section_keep_alive,
+    "close": section_close,
+    "pipelined": section_pipelined,
+    "idle": section_idle,
+    "memory": section_memory,
+    "syscalls": section_syscalls,
+    "instructions": section_instructions,
+    "timers": section_timers,
+    "dispatch": section_dispatch,
+    "htable": section_htable,
+    "buffer": section_buffer,
+    "size": section_size,
+}
+
+
+def first_line(*command):
+    try:
+        result = subprocess.run(command, capture_output=True, text=True)
+    except FileNotFoundError:
+        return "?"
+    return (result.stdout.strip() or result.stderr.strip() or "?").splitlines()[0]
+
+
+def machine():
+    with open("/proc/cpuinfo") as file:
+        models = re.findall(r"^model name\s*:\s*(.+)$", file.read(), re.M) or [platform.machine()]
+    with open("/etc/os-release") as file:
+        system = re.search(r'^PRETTY_NAME="?([^"\n]+)', file.read(), re.M)[1]
+    nginx = first_line(servers.nginx_program() or "nginx", "-v").removeprefix("nginx version: ")
+    libraries = {name: first_line("pkg-config", "--modversion", name) for name in ("libevent", "glib-2.0")}
+    facts = [
+        f"{os.cpu_count()} x {models[0]}, {platform.machine()}; {system}, Linux {platform.release()}",
+        f"{first_line('c++', '--version')}; {', '.join(f'{name} {text}' for name, text in libraries.items())}",
+        f"{nginx}; {' '.join(first_line('wrk', '-v').split()[:2])}; {first_line('valgrind', '--version')}",
+        f"{datetime.date.today()}, load average {os.getloadavg()[0]:.2f} at the start",
+    ]
+    return "\n".join(f"- {fact}" for fact in facts) + "\n"
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="scripts/bench", description="Prints tables of ratios in Markdown.")
+    parser.add_argument("--quick", action="store_true", help="few and short rounds: a first look")
+    parser.add_argument("--binaries", default=os.path.join(HERE, "../build/release-bench"), help=argparse.SUPPRESS)
+    parser.add_argument("section", nargs="*", metavar="section", help="one of: " + ", ".join(SECTIONS) + "; default all")
+    options = parser.parse_args()
+    for name in options.section:
+        if name not in SECTIONS:
+            parser.error(f"no section {name}; there are: {', '.join(SECTIONS)}")
+    servers.raise_descriptor_limit()
+    print(machine(), flush=True)
+    scratch = tempfile.mkdtemp(prefix="apbase-bench-")
+    try:
+        bench = Bench(os.path.abspath(options.binaries), scratch, options.quick)
+        for name in options.section or SECTIONS:
+            title, text = SECTIONS[name](bench)
+            print(f"### {title}\n\n{text}", flush=True)
+        if bench.aims.rows:
+            print(f"### Aims\n\n{bench.aims.table()}", flush=True)
+    except Failure as failure:
+        sys.exit(f"bench: {failure}")
+    finally:
+        shutil.rmtree(scratch)
+
+
+if __name__ == "__main__":
+    main()
