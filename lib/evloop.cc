@@ -48,8 +48,9 @@ static int32_t batch_fds[EVLOOP_MAX_EVENTS]; // each watcher's descriptor at the
 static int batch_cursor;
 static int batch_pending;
 
-// The time up to which timeouts have been run, and what is set from now on must be later than.
-static int64_t handled_until = -1;
+// While due timeouts are run, the time up to which they are due: what is set meanwhile must be later.
+static constexpr int64_t NOT_HANDLING = -1;
+static int64_t handled_until = NOT_HANDLING;
 
 constinit static ring<evloop_timeout> timeouts; // sorted by `expires`, first added first among equals
 
@@ -263,6 +264,7 @@ void evloop_handle_timeouts(void)
 {
 	// Read once: what a callback sets, also with a delay of 0, is later than this and left for the next pass.
 	int64_t now = time_now();
+	int64_t outer = handled_until;
 	handled_until = now;
 	evloop_timeout *first;
 	while ((first = timeouts.first()) && !is_later(first->expires, now)) {
@@ -270,6 +272,7 @@ void evloop_handle_timeouts(void)
 		if (first->cb)
 			first->cb(first);
 	}
+	handled_until = outer;
 }
 
 void evloop_clean_timeouts(void)
