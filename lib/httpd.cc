@@ -104,6 +104,7 @@ struct connection {
 	bool is_paused;      // reading is
 	bool is_stalled;     // the next request waits for the peer to take former answers
 	bool reads_portions; // what arrives together may be so because the server let it wait
+	bool leaves_unread;  // the peer may have sent what nobody will read
 	bool ends_read;      // the next read has nothing to ask the kernel for
 };
 
@@ -153,10 +154,10 @@ static void finish(connection *c)
 {
 	unlink(&c->pub.node);
 	evloop_timeout_cancel(&c->pub.idle_timer);
-	if (!(c->pub.flags & HTTPD_FD_CLOSED)) {
+	if (c->leaves_unread)
 		recv(c->pub.stream.io.fd, nullptr, DISCARD_MAX, MSG_TRUNC | MSG_DONTWAIT);
+	if (!(c->pub.flags & HTTPD_FD_CLOSED))
 		close_stream(c);
-	}
 	buffer_free(c->kept_rx);
 	free(c);
 }
@@ -181,7 +182,13 @@ static void on_drain_stalled(evloop_timeout *timeout)
 static void drain(connection *c)
 {
 	stream *s = &c->pub.stream;
+	stream_release(s);
+	if (s->tx->length == 0) {
+		finish(c);
+		return;
+	}
 	c->is_draining = true;
+	c->leaves_unread = true;
 	s->notify_read = nullptr;
 	s->notify_state = on_drain_state;
 	c->pub.idle_timer.cb = on_drain_stalled;
@@ -239,6 +246,7 @@ static step end_gracefully(connection *c)
 static step refuse(connection *c, int version, int code)
 {
 	httpd_fail(&c->pub, version, code);
+	c->leaves_unread = true;
 	return end_gracefully(c);
 }
 
@@ -1131,10 +1139,8 @@ public:
 // On purpose an escape counts as one of `length`, although it takes three bytes: what follows the input is
 // decoded as far as that leads.
 template <typename reader>
-static char *decode_from(reader in, int32_t length)
+static void decode_into(char *out, reader in, int32_t length) // `out` has room for a terminating zero
 {
-	char *text = static_cast<char *>(xzalloc(static_cast<size_t>(length) + 1));
-	char *out = text;
 	for (int32_t left = length; left > 0; left--) {
 		char c = in.at(0);
 		if (c != '%') {
@@ -1147,6 +1153,14 @@ static char *decode_from(reader in, int32_t length)
 			in.skip(1);
 		}
 	}
+	*out = '\0';
+}
+
+template <typename reader>
+static char *decode_from(reader in, int32_t length)
+{
+	char *text = static_cast<char *>(xzalloc(static_cast<size_t>(length) + 1));
+	decode_into(text, in, length);
 	return text;
 }
 
@@ -1202,10 +1216,9 @@ static char *match_parameter(char *piece, const char *end, const char *name)
 	char *value = strchr(piece, '=');
 	if (value)
 		*value++ = '\0';
-	char *decoded_name = decode({piece, end}, static_cast<int32_t>(strlen(piece)));
-	bool is_match = strcasecmp(decoded_name, name) == 0;
-	free(decoded_name);
-	if (!is_match)
+	// In place: what is decoded is never ahead of what is read.
+	decode_into(piece, padded_reader{{piece, end}}, static_cast<int32_t>(strlen(piece)));
+	if (strcasecmp(piece, name) != 0)
 		return nullptr;
 	if (!value)
 		return http_alloc_url_decode("", 0);

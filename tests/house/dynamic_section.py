@@ -8,14 +8,14 @@ import house
 parser = argparse.ArgumentParser()
 parser.add_argument("--readelf", required=True)
 parser.add_argument("--nm", required=True)
-parser.add_argument("--library", required=True)
+parser.add_argument("--library", dest="shared_object", required=True)
 parser.add_argument("--soname", required=True)
 parser.add_argument("--fortified", action="store_true", help="an optimised build")
 arguments = parser.parse_args()
 
 
 def readelf(option):
-    return house.run([arguments.readelf, "-W", option, arguments.library], "the library cannot be read")
+    return house.run([arguments.readelf, "-W", option, arguments.shared_object], "the library cannot be read")
 
 
 problems = []
@@ -51,7 +51,7 @@ start_up = re.search(r"\(INIT_ARRAYSZ\)\s+(\d+)", dynamic)
 check(not start_up or int(start_up[1]) <= entry_bytes, "a constructor runs when the library is loaded")
 
 undefined = house.run(
-    [arguments.nm, "-D", "--undefined-only", "--without-symbol-versions", arguments.library],
+    [arguments.nm, "-D", "--undefined-only", "--without-symbol-versions", arguments.shared_object],
     "the library's symbols cannot be read",
 )
 undefined = set(re.findall(r"\S+$", undefined, flags=re.MULTILINE))
@@ -63,4 +63,4 @@ if arguments.fortified:
     check(not plain, f"{', '.join(sorted(plain))} is called without _FORTIFY_SOURCE's check")
 
 if problems:
-    house.fail(f"{arguments.library}: {'; '.join(problems)}")
+    house.fail(f"{arguments.shared_object}: {'; '.join(problems)}")

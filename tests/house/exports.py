@@ -142,7 +142,7 @@ parser = argparse.ArgumentParser()
 parser.add_argument("--tree", required=True)
 parser.add_argument("--compiler", required=True)
 parser.add_argument("--nm", required=True)
-parser.add_argument("--library", required=True)
+parser.add_argument("--library", dest="shared_object", required=True)
 parser.add_argument("--self-test", action="store_true")
 arguments = parser.parse_args()
 
@@ -151,7 +151,7 @@ compared = (
     names_in_map(pathlib.Path(arguments.tree, "lib/apbase.map").read_text()),
     names_in_headers(public_headers, arguments.tree, arguments.compiler),
     names_in_library(
-        house.run([arguments.nm, "-D", "--defined-only", arguments.library], "the library cannot be read")
+        house.run([arguments.nm, "-D", "--defined-only", arguments.shared_object], "the library cannot be read")
     ),
 )
 if not all(compared):

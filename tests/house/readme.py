@@ -16,7 +16,7 @@ parser = argparse.ArgumentParser()
 parser.add_argument("--tree", required=True)
 parser.add_argument("--scratch", required=True)
 parser.add_argument("--compiler", required=True)
-parser.add_argument("--library", required=True)
+parser.add_argument("--library", dest="shared_object", required=True)
 parser.add_argument("--include", required=True, help="the folder that has apbase/")
 parser.add_argument("--sanitize", default="")
 arguments = parser.parse_args()
@@ -34,7 +34,7 @@ if line_count > 30:
 command = [arguments.compiler, "-std=c11", "-Wall", "-Wextra", "-Werror", f"-I{arguments.include}"]
 if arguments.sanitize:
     command.append(f"-fsanitize={arguments.sanitize}")
-library_folder = os.path.dirname(arguments.library)
+library_folder = os.path.dirname(arguments.shared_object)
 command += ["-o", scratch / "hello", scratch / "hello.c", f"-L{library_folder}", "-lapbase"]
 house.run(command, "README.md's daemon does not compile")
 
