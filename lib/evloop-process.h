@@ -49,10 +49,9 @@ int evloop_process_delete(struct evloop_process *process);
 
 /*
  * Sends SIGKILL to `process->pid` and stops watching it; the loop reaps the child later. For a pending
- * watcher only: it signals in any case, and once the child has been reaped its pid may be another's. A pid of 0
- * or less, which would name a whole group of processes, is not signalled. Null ends the process
- * with an assertion.
- * Returns: as evloop_process_delete.
+ * watcher only: it signals in any case, and once the child has been reaped its pid may be another's. A pid
+ * of 0 or less, which would name a whole group of processes, is not signalled. Null ends the process with
+ * an assertion. Returns: as evloop_process_delete.
  */
 int evloop_process_kill_and_delete(struct evloop_process *process);
 

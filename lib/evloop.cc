@@ -262,7 +262,8 @@ int32_t evloop_get_next_timeout(void)
 
 void evloop_handle_timeouts(void)
 {
-	// Read once: what a callback sets, also with a delay of 0, is later than this and left for the next pass.
+	// Read once: what a callback sets, also with a delay of 0, is later than this and left for the next
+	// pass.
 	int64_t now = time_now();
 	int64_t outer = handled_until;
 	handled_until = now;

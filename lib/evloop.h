@@ -156,8 +156,8 @@ int32_t evloop_timeout_remaining(struct evloop_timeout *timeout);
 int32_t evloop_get_next_timeout(void);
 
 /*
- * Runs every timeout that is due at the moment of the call. What a callback sets (evloop_timeout_set), also
- * with a delay of 0, is left for the next call; what it adds with an `expires` in the past is not.
+ * Runs every timeout that is due at the moment of the call. What a callback sets with a delay of 0
+ * or more (evloop_timeout_set) is left for the next call; what it adds with an `expires` in the past is not.
  */
 void evloop_handle_timeouts(void);
 

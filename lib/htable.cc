@@ -71,7 +71,8 @@ static bool is_live(const htable *t, int32_t slot)
 	return t->hashes[slot] >= FIRST_HASH;
 }
 
-// All arrays lie in one block, which begins with the keys: one allocation where small tables would need three.
+// All arrays lie in one block, which begins with the keys: one allocation where small tables would need
+// three.
 static void free_arrays(htable *t)
 {
 	free(t->keys);

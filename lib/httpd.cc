@@ -64,12 +64,14 @@ static constexpr int64_t DRAIN_STALL_MS = 60000; // without a byte of the last a
 
 static constexpr int32_t RX_KEPT_MAX = 4096; // bytes that an idle connection keeps for its next request
 
+static constexpr int32_t PROBES_MAX = 512; // steps to find a header's place in its table
+
 static constexpr ptrdiff_t REQUEST_LINE_MIN = 14; // "GET / HTTP/1.0"
 static constexpr int32_t ABSOLUTE_TARGET_MIN = 8; // "http://h"
 
-// Bytes that have come and nobody will read are discarded: closing with unread bytes resets the connection, which
-// may cost the peer the end of the last answer. It lessens that, no more: waiting for the peer to stop would keep
-// the connection.
+// Bytes that have come and nobody will read are discarded: closing with unread bytes resets the connection,
+// which may cost the peer the end of the last answer. It lessens that, no more: waiting for the peer to
+// stop would keep the connection.
 static constexpr size_t DISCARD_MAX = 1 << 20;
 
 // A request's end is computed as a signed number.
@@ -92,20 +94,18 @@ enum class step {
 	gone, // the connection has been torn down; do not touch it
 };
 
-// A connection, behind what the daemon sees of it.
+// A connection, behind what the daemon sees of it. There may be thousands: it is kept small.
 struct connection {
 	httpd_conn pub;
 	uintptr_t rx_base;    // where `rx` was when the request's pointers were right
-	buffer *kept_rx;      // holds the deferred request after the stream was cleaned up
 	int32_t searched_len; // bytes of `rx` known to hold no blank line
 	ending put_off;       // asked for while the handler ran, or while deferred
-	bool in_handler;
-	bool is_draining;
-	bool is_paused;      // reading is
-	bool is_stalled;     // the next request waits for the peer to take former answers
-	bool reads_portions; // what arrives together may be so because the server let it wait
-	bool leaves_unread;  // the peer may have sent what nobody will read
-	bool ends_read;      // the next read has nothing to ask the kernel for
+	bool in_handler : 1;
+	bool is_draining : 1;
+	bool is_paused : 1;      // reading is
+	bool is_stalled : 1;     // the next request waits for the peer to take former answers
+	bool reads_portions : 1; // what arrives together may be so because the server let it wait
+	bool ends_read : 1;      // the next read has nothing to ask the kernel for
 };
 
 static connection *connection_of(httpd_conn *conn)
@@ -154,11 +154,11 @@ static void finish(connection *c)
 {
 	unlink(&c->pub.node);
 	evloop_timeout_cancel(&c->pub.idle_timer);
-	if (c->leaves_unread)
+	if (!(c->pub.flags & HTTPD_FD_CLOSED)) {
 		recv(c->pub.stream.io.fd, nullptr, DISCARD_MAX, MSG_TRUNC | MSG_DONTWAIT);
-	if (!(c->pub.flags & HTTPD_FD_CLOSED))
 		close_stream(c);
-	buffer_free(c->kept_rx);
+	}
+	buffer_free(c->pub.stream.rx); // of one that was closed while deferred
 	free(c);
 }
 
@@ -188,7 +188,6 @@ static void drain(connection *c)
 		return;
 	}
 	c->is_draining = true;
-	c->leaves_unread = true;
 	s->notify_read = nullptr;
 	s->notify_state = on_drain_state;
 	c->pub.idle_timer.cb = on_drain_stalled;
@@ -246,7 +245,6 @@ static step end_gracefully(connection *c)
 static step refuse(connection *c, int version, int code)
 {
 	httpd_fail(&c->pub, version, code);
-	c->leaves_unread = true;
 	return end_gracefully(c);
 }
 
@@ -300,9 +298,9 @@ static int32_t max_of(int32_t a, int32_t b)
 	return a > b ? a : b;
 }
 
-// What may be in the receive buffer when this read step ends. By the parser's rule a request is refused when too
-// much has arrived with it. Once requests have waited for the peer to take answers, much arrives together because
-// we did not read; from then on it is taken in portions that stay below that.
+// What may be in the receive buffer when this read step ends. By the parser's rule a request is refused
+// when too much has arrived with it. Once requests have waited for the peer to take answers, much arrives
+// together because we did not read; from then on it is taken in portions that stay below that.
 static int32_t rx_bound(const connection *c)
 {
 	const httpd_conn *conn = &c->pub;
@@ -633,17 +631,42 @@ static char *normalised_value(span value)
 	return copy;
 }
 
+static uint32_t hash_name(const void *name)
+{
+	return fnv_32_str(static_cast<const char *>(name), 0); // on purpose not the usual basis
+}
+
+// True for a name whose place in the table would be found after so many steps only that it, and those
+// before it, were chosen to collide: anybody can compute the hash. The table never gets full enough for
+// this by chance.
+static bool is_made_to_collide(const htable *headers, const char *name)
+{
+	if (headers->live_count < PROBES_MAX)
+		return false;
+	uint32_t slot = hash_name(name) % headers->prime_mod;
+	for (uint32_t step = 1; step <= uint32_t{PROBES_MAX}; step++) {
+		if (headers->hashes[slot] == 0)
+			return false;
+		slot = (slot + step) & headers->mask;
+	}
+	return true;
+}
+
+// The result is 0 or the status code to refuse the request with.
 // A header without memory for its name is dropped; one without memory for its value reads as absent.
-static void store_header(httpd_conn *conn, span name, span value)
+static int store_header(httpd_conn *conn, span name, span value)
 {
 	char *name_copy = strndup(name.pos, name.length());
-	char *value_copy = normalised_value(value);
-	if (name_copy && conn->headers) {
-		htable_insert(conn->headers, name_copy, value_copy);
-		return;
+	if (!name_copy || !conn->headers) {
+		free(name_copy);
+		return 0;
 	}
-	free(name_copy);
-	free(value_copy);
+	if (is_made_to_collide(conn->headers, name_copy)) {
+		free(name_copy);
+		return 400;
+	}
+	htable_insert(conn->headers, name_copy, normalised_value(value));
+	return 0;
 }
 
 // The numbers of strtoul, signs included, but nothing behind them. The result is 0 or a status code.
@@ -686,8 +709,7 @@ static int parse_header(httpd_conn *conn, span line)
 		return parse_content_length(conn, value);
 	if (name.is("Connection"))
 		return parse_connection(conn, value);
-	store_header(conn, name, value);
-	return 0;
+	return store_header(conn, name, value);
 }
 
 // HEADERS: takes all header lines; they have arrived.
@@ -792,7 +814,8 @@ static step run_parser(connection *c)
 	return result;
 }
 
-// Everything that could be parsed has been. With no more to come that is the end; otherwise there is room again.
+// Everything that could be parsed has been. With no more to come that is the end; otherwise there is room
+// again.
 static void settle(connection *c)
 {
 	if (is_deferred(c) || c->is_stalled)
@@ -832,8 +855,8 @@ static void on_state_while_deferred(connection *c)
 	evloop_forget(&s->io);
 }
 
-// A peer that has sent its last byte still gets what has been written, and the answers to the requests that wait
-// for it to take former ones.
+// A peer that has sent its last byte still gets what has been written, and the answers to the requests that
+// wait for it to take former ones.
 static void on_state(stream *s)
 {
 	connection *c = connection_of(s);
@@ -853,18 +876,14 @@ static void on_idle(evloop_timeout *timeout)
 		teardown(c, ending::graceful);
 		return;
 	}
-	c->kept_rx = conn->stream.rx; // the request still points into it
+	buffer *rx = conn->stream.rx; // the request still points into it
 	conn->stream.rx = nullptr;
 	close_stream(c);
+	conn->stream.rx = rx;
 	conn->flags |= HTTPD_CLOSE_PENDING | HTTPD_FD_CLOSED;
 }
 
 // --- The server
-
-static uint32_t hash_name(const void *name)
-{
-	return fnv_32_str(static_cast<const char *>(name), 0); // on purpose not the usual basis
-}
 
 static int equal_names(const void *stored, const void *name)
 {
@@ -1209,8 +1228,8 @@ char *http_alloc_url_encode(const char *bytes, int32_t length)
 	return text;
 }
 
-// The value of one "name=value", decoded, if it has the name asked for. `end` is the end of the text that `piece`,
-// terminated, lies in.
+// The value of one "name=value", decoded, if it has the name asked for. `end` is the end of the text that
+// `piece`, terminated, lies in.
 static char *match_parameter(char *piece, const char *end, const char *name)
 {
 	char *value = strchr(piece, '=');

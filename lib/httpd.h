@@ -19,14 +19,20 @@
  *
  * Limits. A request's head has at most 66,560 bytes, and its body 66,560. The first counts all that has
  * arrived when the head is parsed: a peer that sends the body, or further requests, in one burst with it
- * stays below 66,561 bytes in all. What exceeds them is answered 400. A connection never holds more than HTTPD_RX_BYTES_MAX received bytes: it stops
- * reading there until requests have been answered. (The headers of a request take up to some ten times
- * the bytes of its head beside that, while it lasts.) It also stops reading, and answering, while
- * HTTPD_TX_BYTES_STALL or more bytes of former answers have not been taken by the peer.
+ * stays below 66,561 bytes in all. What exceeds them is answered 400.
  *
- * What the peer can rely on: 60 seconds without a byte end a connection; a request without
- * "Connection: close" on HTTP/1.1 leaves it open, unless it is refused or the handler ends it. Header names are compared exactly as sent: only
- * "Content-Length" and "Connection", in this spelling, mean something to the server.
+ * A connection never holds more than HTTPD_RX_BYTES_MAX received bytes: it stops reading there until
+ * requests have been answered. (The headers of a request take up to some ten times the bytes of its head
+ * beside that, while it lasts.) It also stops reading, and answering, while HTTPD_TX_BYTES_STALL or more
+ * bytes of former answers have not been taken by the peer.
+ *
+ * The names of a request's headers are kept in a hash table. Names chosen to collide in it, by the hundred,
+ * which would cost the time of all other peers, are answered 400.
+ *
+ * What the peer can rely on: 60 seconds without a byte from it, or, while answers wait for it, without one
+ * taken by it, end a connection; a request without "Connection: close" on HTTP/1.1 leaves it open, unless
+ * it is refused or the handler ends it. Header names are compared exactly as sent: only "Content-Length"
+ * and "Connection", in this spelling, mean something to the server.
  */
 #pragma once
 #include <stdarg.h>

@@ -155,7 +155,8 @@ void out_of_memory(void)
 	abort();
 }
 
-// On purpose unsigned, with the interval's sign extended: a negative one makes the sum wrap, and periods end at once.
+// On purpose unsigned, with the interval's sign extended: a negative one makes the sum wrap, and periods
+// end at once, or never while the sum lies below the clock's zero.
 static bool period_has_ended(const ratelimit_state *state, uint64_t now_ms)
 {
 	return state->begin + static_cast<uint64_t>(int64_t{state->interval}) < now_ms;

@@ -41,7 +41,7 @@ static char held_bytes[HELD_MAX];
 
 int32_t stream_read_fd(stream *s, void *bytes, uint32_t count)
 {
-	if (s->state != 0) // reading has stopped: this is a hang-up, or an event fetched before
+	if (s->state & (STREAM_ERROR | STREAM_READ_DISABLED)) // a hang-up, or an event fetched before
 		return -EAGAIN;
 	ssize_t length;
 	do

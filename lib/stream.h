@@ -42,8 +42,8 @@ struct stream {
 	/*
 	 * How bytes are read: returns how many (1 to `count`), 0 at end of file, -EAGAIN when there are
 	 * none now, another negative value on an error. Replaceable, by setting it before stream_init;
-	 * the default reads from `io.fd` as long as `state` is 0. A hang-up makes the stream call it also
-	 * when reading has stopped. It must not clean the stream up.
+	 * the default reads from `io.fd`. A hang-up makes the stream call it also when reading has stopped;
+	 * the default then finds nothing. It must not clean the stream up.
 	 */
 	int32_t (*read)(struct stream *stream, void *bytes, uint32_t count);
 	/*

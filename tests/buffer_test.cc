@@ -134,7 +134,8 @@ void expect_out_of_memory(const std::function<void()> &body)
 	EXPECT_EQ(result.out, "");
 }
 
-// Appends "ab" and then the formatted text to a buffer with `room` bytes left, and holds the result to snprintf.
+// Appends "ab" and then the formatted text to a buffer with `room` bytes left, and holds the result to
+// snprintf.
 template <typename... arguments>
 void expect_as_snprintf(int32_t room, const char *format, arguments... values)
 {

@@ -501,6 +501,35 @@ TEST_F(httpd_headers, a_refusal_carries_the_version_of_the_request)
 	EXPECT_EQ(ask("GET / HTTP/1.1\r\nHost\r\n\r\n"), bad_request_1_1);
 }
 
+TEST_F(httpd_headers, as_many_as_a_head_holds_are_kept)
+{
+	client far = connect();
+	std::string head = "GET / HTTP/1.1\r\n";
+	int count = 0;
+	for (; head.size() < HTTPD_REQUEST_BYTES_LIMIT - 20; ++count)
+		head += "n" + std::to_string(count) + ":1\r\n";
+	int32_t kept = 0;
+	on_request = [&](httpd_conn *conn) { return kept = htable_size(conn->headers); };
+	far.send(head + "\r\n");
+	EXPECT_GT(count, 6000);
+	EXPECT_EQ(kept, count);
+}
+
+TEST_F(httpd_headers, names_made_to_collide_are_refused)
+{
+	std::string lines;
+	int count = 0;
+	for (int i = 0; count < 600; ++i) {
+		std::string name = "n" + std::to_string(i);
+		if (fnv_32_str(name.c_str(), 0) % 1021 != 7) // their slot while the table has 1024
+			continue;
+		lines += name + ":1\r\n";
+		++count;
+	}
+	EXPECT_EQ(ask(with_headers(lines)), bad_request_1_1);
+	EXPECT_THAT(requests, IsEmpty());
+}
+
 TEST_F(httpd_headers, of_a_repeated_name_the_last_value_counts)
 {
 	EXPECT_THAT(only_request(with_headers("A: 1\r\nB: x\r\nA: 2\r\n")).headers,
@@ -2066,6 +2095,20 @@ TEST_F(httpd_connection, a_refused_peer_is_not_reset_for_what_came_meanwhile)
 	ASSERT_TRUE(support::wait_for(newest()->stream.io.fd, POLLIN));
 	EXPECT_TRUE(poll_until([&] { return far.receive(), far.ended(); }));
 	EXPECT_EQ(far.got, bad_request_1_0);
+	EXPECT_FALSE(far.was_reset());
+}
+
+TEST_F(httpd_connection, a_peer_that_sent_more_than_its_last_request_is_not_reset)
+{
+	client far = connect_tcp();
+	far.send_some("GET / HTTP/1.0\r\n\r\n");
+	ASSERT_TRUE(support::wait_for(newest()->stream.io.fd, POLLIN));
+	evloop_handle_ios(0); // read, and not looked at yet
+	ASSERT_GT(newest()->stream.rx->length, 0);
+	far.send_some("\r\n");
+	ASSERT_TRUE(support::wait_for(newest()->stream.io.fd, POLLIN));
+	EXPECT_TRUE(poll_until([&] { return far.receive(), far.ended(); }));
+	EXPECT_EQ(requests.size(), 1u);
 	EXPECT_FALSE(far.was_reset());
 }
 

@@ -896,6 +896,32 @@ TEST_F(stream_printf_test, formats_and_writes)
 	EXPECT_EQ(s.state, 0);
 }
 
+TEST_F(stream_printf_test, takes_its_arguments_as_a_list_as_well)
+{
+	// In the style of a daemon's own wrapper.
+	struct wrapper {
+		__attribute__((format(printf, 2, 3))) static int32_t write(stream *s, const char *format, ...)
+		{
+			va_list arguments;
+			va_start(arguments, format);
+			int32_t result = stream_vprintf(s, format, arguments);
+			va_end(arguments);
+			return result;
+		}
+	};
+	socket_pair pair;
+	test_stream s(pair.near.get());
+	EXPECT_EQ(wrapper::write(&s, "%s-%d", "text", -7), 7);
+	EXPECT_EQ(read_available(pair.far.get()), "text--7");
+	s.write = [](stream *, const void *, uint32_t) -> int32_t { return -5; };
+	EXPECT_EQ(wrapper::write(&s, "%d", 1), -5);
+	EXPECT_EQ(wrapper::write(&s, "%d", 1), 0);
+	stream_cleanup(&s);
+	EXPECT_EQ(wrapper::write(&s, "%d", 1), 0); // the error comes first
+	stream never{};
+	EXPECT_EQ(wrapper::write(&never, "%d", 1), -EINVAL);
+}
+
 TEST_F(stream_printf_test, writes_texts_of_any_length)
 {
 	socket_pair pair;

@@ -143,8 +143,8 @@ static int path_is(const struct httpd_conn *conn, const char *path)
 /* ---- Answers: they return what a handler returns, 1 to keep the connection and 0 to close it ---- */
 
 /*
- * Sends an error page instead of whatever was composed. The page would be taken for the next answer by whoever asked with
- * HEAD, so only the two methods that are understood keep their connection.
+ * Sends an error page instead of whatever was composed. The page would be taken for the next answer by whoever
+ * asked with HEAD, so only the two methods that are understood keep their connection.
  */
 static int32_t answer_error(struct httpd_conn *conn, int code)
 {
