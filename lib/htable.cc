@@ -39,6 +39,23 @@ static constexpr uint32_t PRIMES[SHIFT_MAX + 1] = {1, 2, 3, 7, 13, 31, 61, 127, 
 	8191, 16381, 32749, 65521, 131071, 262139, 524287, 1048573, 2097143, 4194301, 8388593, 16777213,
 	33554393, 67108859, 134217689, 268435399, 536870909, 1073741789};
 
+// For dividing by the primes with a multiplication: 2^32 * (2^shift - prime) / prime + 1.
+struct reciprocal_table {
+	uint32_t of_shift[SHIFT_MAX + 1];
+};
+
+static constexpr reciprocal_table make_reciprocals()
+{
+	reciprocal_table table = {};
+	for (int shift = SHIFT_MIN; shift <= SHIFT_MAX; shift++) {
+		uint64_t excess = (uint64_t{1} << shift) - PRIMES[shift];
+		table.of_shift[shift] = static_cast<uint32_t>((excess << 32) / PRIMES[shift] + 1);
+	}
+	return table;
+}
+
+static constexpr reciprocal_table RECIPROCALS = make_reciprocals();
+
 uint32_t fnv_32_buf(const void *bytes, size_t length, uint32_t hash)
 {
 	const unsigned char *byte = static_cast<const unsigned char *>(bytes);
@@ -91,6 +108,15 @@ static bool renew_arrays(htable *t, size_t slot_count, bool separate_values)
 	return true;
 }
 
+// hash % prime_mod, which as a division would take as long as all the rest of a look-up.
+static uint32_t first_slot(const htable *t, uint32_t hash)
+{
+	int shift = 31 - __builtin_clz(static_cast<uint32_t>(t->slot_count));
+	uint32_t high = static_cast<uint32_t>((uint64_t{hash} * RECIPROCALS.of_shift[shift]) >> 32);
+	uint32_t quotient = (high + ((hash - high) >> 1)) >> (shift - 1);
+	return hash - quotient * t->prime_mod;
+}
+
 static uint32_t hash_of(const htable *t, const void *key)
 {
 	uint32_t hash = t->hash_fn(key);
@@ -107,7 +133,7 @@ static bool holds_key(const htable *t, int32_t slot, const void *key)
 static int32_t find_slot(const htable *t, const void *key, uint32_t hash)
 {
 	int32_t tombstone = NO_SLOT;
-	uint32_t slot = hash % t->prime_mod;
+	uint32_t slot = first_slot(t, hash);
 	for (uint32_t step = 1; step <= static_cast<uint32_t>(t->slot_count); step++) {
 		int32_t index = static_cast<int32_t>(slot);
 		uint32_t state = t->hashes[slot];
@@ -133,7 +159,7 @@ static int32_t find_entry(const htable *t, const void *key)
 
 static void reinsert(htable *t, uint32_t hash, void *key, void *value)
 {
-	uint32_t slot = hash % t->prime_mod;
+	uint32_t slot = first_slot(t, hash);
 	for (uint32_t step = 1; t->hashes[slot] != EMPTY; step++)
 		slot = (slot + step) & t->mask;
 	t->hashes[slot] = hash;
