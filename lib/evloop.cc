@@ -18,6 +18,7 @@
 #include "internal/evloop-internal.h"
 #include "internal/intrusive.h"
 #include "internal/layout.h"
+#include "internal/units.h"
 #include "internal/wrap.h"
 #include "log.h"
 #include "time.h"
@@ -33,8 +34,6 @@ LAYOUT_SIZE(evloop_timeout, 24);
 
 static constexpr int EPOLL_SIZE_HINT = 32;
 static constexpr int32_t IDLE_WAIT_MS = 500; // the pace at which children are noticed when no timeout is set
-static constexpr int32_t USEC_PER_SEC = 1000000;
-static constexpr int32_t USEC_PER_MSEC = 1000;
 
 static constexpr uint32_t FAILURE_EVENTS = EPOLLERR | EPOLLHUP | EPOLLRDHUP;
 static constexpr uint32_t KNOWN_EVENTS = EPOLLIN | EPOLLOUT | FAILURE_EVENTS;

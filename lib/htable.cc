@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "internal/htable-internal.h"
 #include "internal/layout.h"
 
 LAYOUT_FIELD(htable, prime_mod, 4);
@@ -148,6 +149,19 @@ static int32_t find_slot(const htable *t, const void *key, uint32_t hash)
 		slot = (slot + step) & t->mask;
 	}
 	return tombstone;
+}
+
+bool htable_is_crowded(const htable *t, const void *key, int32_t probes_max)
+{
+	if (t->used_count < probes_max)
+		return false;
+	uint32_t slot = first_slot(t, hash_of(t, key));
+	for (int32_t step = 1; step <= probes_max; step++) {
+		if (t->hashes[slot] == EMPTY)
+			return false;
+		slot = (slot + static_cast<uint32_t>(step)) & t->mask;
+	}
+	return true;
 }
 
 // The slot of the live entry with an equal key, or NO_SLOT.

@@ -27,6 +27,7 @@
 
 #include "internal/buffer-internal.h"
 #include "internal/evloop-internal.h"
+#include "internal/htable-internal.h"
 #include "internal/intrusive.h"
 #include "internal/layout.h"
 #include "internal/stream-internal.h"
@@ -631,29 +632,9 @@ static char *normalised_value(span value)
 	return copy;
 }
 
-static uint32_t hash_name(const void *name)
-{
-	return fnv_32_str(static_cast<const char *>(name), 0); // on purpose not the usual basis
-}
-
-// True for a name whose place in the table would be found after so many steps only that it, and those
-// before it, were chosen to collide: anybody can compute the hash. The table never gets full enough for
-// this by chance.
-static bool is_made_to_collide(const htable *headers, const char *name)
-{
-	if (headers->live_count < PROBES_MAX)
-		return false;
-	uint32_t slot = hash_name(name) % headers->prime_mod;
-	for (uint32_t step = 1; step <= uint32_t{PROBES_MAX}; step++) {
-		if (headers->hashes[slot] == 0)
-			return false;
-		slot = (slot + step) & headers->mask;
-	}
-	return true;
-}
-
-// The result is 0 or the status code to refuse the request with.
-// A header without memory for its name is dropped; one without memory for its value reads as absent.
+// A header without memory for its name is dropped; one without memory for its value reads as absent. Names
+// that pile up in one place of the table were chosen to: anybody can compute the hash, and the table never
+// gets full enough for it by chance. The result is 0 or the status code to refuse the request with.
 static int store_header(httpd_conn *conn, span name, span value)
 {
 	char *name_copy = strndup(name.pos, name.length());
@@ -661,7 +642,7 @@ static int store_header(httpd_conn *conn, span name, span value)
 		free(name_copy);
 		return 0;
 	}
-	if (is_made_to_collide(conn->headers, name_copy)) {
+	if (htable_is_crowded(conn->headers, name_copy, PROBES_MAX)) {
 		free(name_copy);
 		return 400;
 	}
@@ -884,6 +865,11 @@ static void on_idle(evloop_timeout *timeout)
 }
 
 // --- The server
+
+static uint32_t hash_name(const void *name)
+{
+	return fnv_32_str(static_cast<const char *>(name), 0); // on purpose not the usual basis
+}
 
 static int equal_names(const void *stored, const void *name)
 {

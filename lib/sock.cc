@@ -4,7 +4,6 @@
 #include "sock.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <stddef.h>
@@ -14,6 +13,7 @@
 #include "internal/evloop-internal.h"
 #include "internal/intrusive.h"
 #include "internal/layout.h"
+#include "internal/nonblocking.h"
 #include "internal/owned.h"
 
 LAYOUT_FIELD(sock, accept_cb, 12);
@@ -29,11 +29,6 @@ struct attempt {
 };
 
 using owned_addresses = owned<addrinfo *, nullptr, freeaddrinfo>;
-
-static void set_nonblocking(int fd)
-{
-	fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-}
 
 // Accepts one connection; the loop comes back for the next, and after a failure.
 static void on_connection(evloop_io *io, unsigned int)
@@ -53,7 +48,7 @@ static int start_listening(const attempt *a, const addrinfo *address, owned_fd f
 	setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
 	if (bind(fd.get(), address->ai_addr, address->ai_addrlen) < 0 || listen(fd.get(), a->backlog) < 0)
 		return -errno;
-	set_nonblocking(fd.get());
+	make_nonblocking(fd.get());
 	a->sock->io.fd = fd.give();
 	a->sock->io.cb = on_connection;
 	evloop_io_add(&a->sock->io, EVLOOP_READ);

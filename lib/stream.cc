@@ -5,7 +5,6 @@
 #include "stream.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -15,6 +14,7 @@
 #include "internal/evloop-internal.h"
 #include "internal/intrusive.h"
 #include "internal/layout.h"
+#include "internal/nonblocking.h"
 #include "internal/stream-internal.h"
 
 LAYOUT_FIELD(stream, state_timer, 16);
@@ -147,13 +147,6 @@ static void on_read_timer(evloop_timeout *timeout)
 	stream *s = owner_of(timeout, &stream::read_timer);
 	if (s->notify_read)
 		s->notify_read(s);
-}
-
-static void make_nonblocking(int fd)
-{
-	int flags = fcntl(fd, F_GETFL);
-	if (!(flags & O_NONBLOCK))
-		fcntl(fd, F_SETFL, flags | O_NONBLOCK);
 }
 
 int stream_init(struct stream *stream, int fd)

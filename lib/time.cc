@@ -3,11 +3,8 @@
 
 #include "time.h"
 
+#include "internal/units.h"
 #include "internal/wrap.h"
-
-static constexpr int32_t USEC_PER_SEC = 1000000;
-static constexpr int32_t USEC_PER_MSEC = 1000;
-static constexpr int32_t NSEC_PER_USEC = 1000;
 
 int64_t time_from_timespec(const struct timespec *time)
 {
