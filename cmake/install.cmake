@@ -3,6 +3,16 @@
 
 include(CMakePackageConfigHelpers)
 
+# With the stand-in of the message bus, which is not installed, the copy finds it, and its headers, where it was
+# built: good for trying things out on that machine.
+set(APBASE_PC_CFLAGS "")
+set(APBASE_PACKAGE_INCLUDE_DIRS "")
+if(APBASE_BUS STREQUAL host)
+	set_target_properties(apbase PROPERTIES INSTALL_RPATH $<TARGET_FILE_DIR:ubus>)
+	set(APBASE_PC_CFLAGS " -isystem ${APBASE_BUS_INCLUDE_DIRS}")
+	set(APBASE_PACKAGE_INCLUDE_DIRS ${APBASE_BUS_INCLUDE_DIRS})
+endif()
+
 install(TARGETS apbase EXPORT apbase-targets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES ${APBASE_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/apbase)
 

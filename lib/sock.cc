@@ -1,5 +1,5 @@
 // Both kinds of socket are opened by one walk over the resolver's addresses; what differs is the step that
-// makes a fresh socket listen or connect.
+// makes a fresh socket listen or connect. A stable connection is a timer around two functions of the daemon's.
 
 #include "sock.h"
 
@@ -15,11 +15,19 @@
 #include "internal/layout.h"
 #include "internal/nonblocking.h"
 #include "internal/owned.h"
+#include "log.h"
 
 LAYOUT_FIELD(sock, accept_cb, 12);
 LAYOUT_FIELD(sock, user, 16);
 LAYOUT_FIELD(sock, flags, 20);
 LAYOUT_SIZE(sock, 24);
+
+LAYOUT_FIELD(stable_connection, on_connected, 4);
+LAYOUT_FIELD(stable_connection, connected, 8);
+LAYOUT_FIELD(stable_connection, retry_pending, 9);
+LAYOUT_FIELD(stable_connection, timer, 16);
+LAYOUT_FIELD(stable_connection, retry_delay, 40);
+LAYOUT_SIZE(stable_connection, 48);
 
 // What one attempt needs besides the address.
 struct attempt {
@@ -146,4 +154,46 @@ int sock_close(struct sock *sock)
 	evloop_io_delete(&sock->io);
 	evloop_forget(&sock->io);
 	return close(sock->io.fd);
+}
+
+static void retry_later(stable_connection *c)
+{
+	c->retry_pending = 1;
+	evloop_timeout_set(&c->timer, c->retry_delay);
+}
+
+static void on_retry(evloop_timeout *timer)
+{
+	stable_connection *c = owner_of(timer, &stable_connection::timer);
+	c->retry_pending = 0;
+	start_stable_connection(c);
+}
+
+void init_stable_connection(struct stable_connection *c, int retry_delay_ms)
+{
+	c->retry_delay = retry_delay_ms;
+	c->timer.cb = on_retry;
+}
+
+int start_stable_connection(struct stable_connection *c)
+{
+	if (!c->connect) {
+		_log(3, "stable_connection: start w/ NULL connect cb, abort\n"); // on purpose: nothing aborts
+		return -EINVAL;
+	}
+	if (c->retry_pending) // on purpose not cleared
+		evloop_timeout_cancel(&c->timer);
+	if (c->connect() != 0) {
+		retry_later(c);
+		return -EAGAIN;
+	}
+	c->connected = 1;
+	return c->on_connected ? c->on_connected() : 0;
+}
+
+int stable_connection_lost(struct stable_connection *c)
+{
+	c->connected = 0;
+	retry_later(c);
+	return 0;
 }

@@ -1,8 +1,8 @@
 /*
- * sock - listening and connecting TCP sockets over IPv4.
+ * sock - listening and connecting TCP sockets over IPv4, and a connection of any kind that comes back.
  *
- * The record belongs to the caller; start from zero bytes and set `flags`. Errors are returned,
- * never logged; after one, the record is as it was before. One thread.
+ * The records belong to the caller; start from zero bytes. Errors of sockets are returned, never
+ * logged; after one, the record is as it was before. One thread.
  */
 #pragma once
 #include <stdint.h>
@@ -18,6 +18,7 @@ extern "C" {
 #define SOCK_KEEP_ON_EXEC 1 /* leave the listening, connected and accepted descriptors open on exec */
 #define SOCK_TCP          2 /* required: TCP is the only kind there is */
 
+/* A socket; set `flags`. */
 struct sock {
 	struct evloop_io io; /* `io.fd` is the socket after success; its `cb` accepts, when listening */
 	/*
@@ -62,6 +63,43 @@ int sock_connect(struct sock *sock, const char *host, const char *service, int t
  * errno set.
  */
 int sock_close(struct sock *sock);
+
+/*
+ * Keeps a daemon connected to a service. The daemon says how to connect, and when the connection has
+ * gone; between attempts always the same delay passes. Start from zero bytes, set `connect` and perhaps
+ * `on_connected`, and call init_stable_connection. Nothing is allocated; a daemon that gives up cancels
+ * `timer` itself, and keeps the record until then.
+ */
+struct stable_connection {
+	int (*connect)(void);      /* connects: 0, or anything else for a failure */
+	int (*on_connected)(void); /* called when that went well; may be null */
+	uint8_t connected;         /* set by a successful connect, cleared by stable_connection_lost */
+	uint8_t retry_pending; /* a retry is due; see start_stable_connection for when it is out of date */
+	struct evloop_timeout timer; /* the retry */
+	int32_t retry_delay;         /* milliseconds */
+};
+
+/* Sets the delay before a retry, in milliseconds, and prepares the timer. */
+void init_stable_connection(struct stable_connection *c, int retry_delay_ms);
+
+/*
+ * Connects now, in the caller's time, instead of the retry that may be due. On purpose it leaves
+ * `retry_pending` set in that case, although no timer runs any more if it succeeds; the timer's own
+ * attempts clear it. Failures are not logged.
+ *
+ * Returns:   what `on_connected` returns, 0 without one; -EAGAIN if `connect` failed, which will be
+ *            tried again after the delay; -EINVAL, logged, without a `connect`: nothing is tried, and
+ *            nothing else changes.
+ * Callbacks: both run inside, and may call stable_connection_lost. `on_connected` may also release the
+ *            record.
+ */
+int start_stable_connection(struct stable_connection *c);
+
+/*
+ * The connection has gone: `connect` will be called after the full delay, even if a retry was due
+ * earlier. Never calls back. Returns 0.
+ */
+int stable_connection_lost(struct stable_connection *c);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

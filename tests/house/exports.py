@@ -32,7 +32,7 @@ def names_in_map(text):
     return set(names)
 
 
-def names_in_headers(headers, include, compiler):
+def names_in_headers(headers, include, system_includes, compiler):
     """Functions and objects with external linkage declared by `headers`, system headers left aside."""
     folder = str(pathlib.Path(headers[0]).parent)
     program = "".join(f'#include "{header}"\n' for header in headers)
@@ -40,7 +40,7 @@ def names_in_headers(headers, include, compiler):
         source = pathlib.Path(scratch, "headers.c")
         prototypes = pathlib.Path(scratch, "prototypes")
         source.write_text(program)
-        flags = ["-std=c11", f"-I{include}"]
+        flags = ["-std=c11", f"-I{include}", *(f"-isystem{folder}" for folder in system_includes)]
         house.run(
             [compiler, *flags, "-fsyntax-only", "-aux-info", prototypes, source],
             "the public headers do not compile together",
@@ -131,7 +131,7 @@ def self_test(three, tree, compiler):
             "extern int object;\n"
             "extern const struct record table[2] __attribute__((aligned(8)));\n"
         )
-        found = names_in_headers([header], folder, compiler)
+        found = names_in_headers([header], folder, [], compiler)
         if found != {"plain", "pointer_result", "object", "table"}:
             house.fail(f"the names of an example header were read as {sorted(found)}")
     if names_in_library(f"00 A {VERSION}\n01 T name@@{VERSION}\n02 D object@@{VERSION}\n") != {"name", "object"}:
@@ -143,13 +143,14 @@ parser.add_argument("--tree", required=True)
 parser.add_argument("--compiler", required=True)
 parser.add_argument("--nm", required=True)
 parser.add_argument("--library", dest="shared_object", required=True)
+parser.add_argument("--system-include", nargs="*", default=[], help="folders of other libraries' headers")
 parser.add_argument("--self-test", action="store_true")
 arguments = parser.parse_args()
 
 public_headers = sorted(pathlib.Path(arguments.tree, "lib").glob("*.h"))
 compared = (
     names_in_map(pathlib.Path(arguments.tree, "lib/apbase.map").read_text()),
-    names_in_headers(public_headers, arguments.tree, arguments.compiler),
+    names_in_headers(public_headers, arguments.tree, arguments.system_include, arguments.compiler),
     names_in_library(
         house.run([arguments.nm, "-D", "--defined-only", arguments.shared_object], "the library cannot be read")
     ),

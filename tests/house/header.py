@@ -11,6 +11,7 @@ parser.add_argument("--cxx", required=True)
 parser.add_argument("--language", choices=["c11", "c++20"], required=True)
 parser.add_argument("--header", required=True, help="with its quotes or angle brackets")
 parser.add_argument("--include", required=True)
+parser.add_argument("--system-include", nargs="*", default=[], help="folders of other libraries' headers")
 arguments = parser.parse_args()
 
 as_c = arguments.language == "c11"
@@ -21,6 +22,7 @@ command = [
     f"-std={arguments.language}",
     *("-Wall", "-Wextra", "-Wpedantic", "-Werror", "-fsyntax-only"),
     f"-I{arguments.include}",
+    *(f"-isystem{folder}" for folder in arguments.system_include),
     "/dev/stdin",
 ]
 # The declaration behind keeps -Wpedantic from finding the file empty if the header declares nothing.

@@ -7,15 +7,19 @@ import house
 
 parser = argparse.ArgumentParser()
 parser.add_argument("--tree", required=True)
-parser.add_argument("source")
+parser.add_argument("--system-include", nargs="*", default=[], help="folders of other libraries' headers")
+parser.add_argument("--source", required=True)
 arguments = parser.parse_args()
 
 if arguments.source.endswith(".c"):
     language = ["-std=c11", "-D_DEFAULT_SOURCE"]
+elif "/host/" in arguments.source:
+    language = ["-std=c++20"]
 else:
     language = ["-std=c++20", "-fno-exceptions", "-fno-rtti"]
+includes = [f"-I{arguments.tree}", *(f"-isystem{folder}" for folder in arguments.system_include)]
 result = house.attempt(
-    ["clang-tidy-14", "--quiet", arguments.source, "--", *language, "-O2", f"-I{arguments.tree}"],
+    ["clang-tidy-14", "--quiet", arguments.source, "--", *language, "-O2", *includes],
     cwd=arguments.tree,
 )
 findings = re.findall(r"^(\S+:\d+:\d+): (?:error|warning): (.*)$", result.stdout, flags=re.MULTILINE)

@@ -1,0 +1,93 @@
+/*
+ * What the parts of the library share: messages under construction, the socket, requests, and the messages
+ * that the daemon sends on its own account.
+ */
+#pragma once
+#include <libubus.h>
+
+#pragma GCC visibility push(hidden)
+
+/* A message under construction: appends to it cannot fail singly, a failed one makes it unsendable. */
+struct ubus_message {
+	struct blob_buf buf;
+	bool complete;
+};
+
+void ubus_message_init(struct ubus_message *message);
+void ubus_message_put(struct ubus_message *message, int id, const void *data, size_t len);
+void ubus_message_put_u8(struct ubus_message *message, int id, uint8_t value);
+void ubus_message_put_u32(struct ubus_message *message, int id, uint32_t value);
+void ubus_message_put_string(struct ubus_message *message, int id, const char *text);
+void ubus_message_put_children(struct ubus_message *message, int id, const struct blob_attr *parent);
+
+/* Sends and releases it. False when it is incomplete or too long, or when the write fails (then `eof`). */
+bool ubus_message_send(
+	struct ubus_context *ctx, struct ubus_message *message, int type, uint16_t seq, uint32_t peer);
+
+/* Stores the attributes of a message by their id; what does not fit its type is missing. */
+void ubus_parse_msg(struct blob_attr *msg, struct blob_attr *attrs[UBUS_ATTR_MAX]);
+
+/* Unlinks the first item of a list that is not empty. */
+static inline struct list_head *ubus_list_take(struct list_head *head)
+{
+	struct list_head *first = head->next;
+	head->next = first->next;
+	first->next->prev = head;
+	return first;
+}
+
+/* A connected, blocking socket, or -1; `path` may be null. */
+int ubus_socket_open(const char *path);
+
+/* Waits for the daemon's first message, which has the client's id in its header. */
+bool ubus_socket_read_hello(int fd, struct ubus_msghdr *header);
+
+/* Waits until there is something to read, or until `end_ms` (negative: for ever); false when time is over. */
+bool ubus_socket_wait(int fd, int64_t end_ms);
+
+int64_t ubus_now_ms(void);
+
+enum ubus_received {
+	UBUS_RECEIVED_MESSAGE,
+	UBUS_RECEIVED_NOTHING, /* there is nothing to read, or the message is none that this end understands */
+	UBUS_RECEIVED_EOF,     /* or an error: the connection is lost */
+};
+
+/* Reads one message into `ctx->msgbuf`. */
+enum ubus_received ubus_receive(struct ubus_context *ctx);
+
+/*
+ * Synchronous calls and handlers run between these two: the daemon's own messages that arrive meanwhile are
+ * queued. The last ubus_leave works the queue off.
+ */
+void ubus_enter(struct ubus_context *ctx);
+void ubus_leave(struct ubus_context *ctx);
+void ubus_work_off_queue(struct ubus_context *ctx);
+
+/* Processes the message that was received. */
+void ubus_process_received(struct ubus_context *ctx);
+
+/* The end of the connection was met: ends all requests, then calls `connection_lost`, and nothing else. */
+void ubus_lose_connection(struct ubus_context *ctx);
+
+/* Makes `req` the next request of the context. */
+void ubus_request_init(struct ubus_context *ctx, struct ubus_request *req, uint32_t peer);
+
+/* Sends the request and releases the message; 0, or UBUS_STATUS_INVALID_ARGUMENT. */
+int ubus_request_send(
+	struct ubus_context *ctx, struct ubus_request *req, int type, struct ubus_message *message);
+
+/* STATUS and DATA; and the end of the connection, which ends all linked requests. */
+void ubus_process_reply(struct ubus_context *ctx, const struct ubus_msghdr *header, struct blob_attr *msg);
+void ubus_fail_requests(struct ubus_context *ctx);
+
+/* INVOKE, NOTIFY and UNSUBSCRIBE. */
+void ubus_process_object_message(struct ubus_context *ctx, const struct ubus_msghdr_buf *msg);
+
+void ubus_objects_init(struct ubus_context *ctx);
+void ubus_objects_add_again(struct ubus_context *ctx);
+
+/* Whether `obj` belongs to a subscriber, and then that one. */
+struct ubus_subscriber *ubus_object_subscriber(struct ubus_object *obj);
+
+#pragma GCC visibility pop

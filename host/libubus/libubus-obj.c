@@ -1,0 +1,332 @@
+/*
+ * Objects: adding and removing them, and what the daemon sends to them. A handler may remove its own object
+ * and release it, so a call's answer is made from what was noted of the object before.
+ */
+#include <libubus.h>
+
+#include <limits.h>
+
+#include "../libubox/layout.h"
+#include "libubus-internal.h"
+
+LAYOUT_FIELD(struct ubus_method, name, 0, 0);
+LAYOUT_FIELD(struct ubus_method, handler, 8, 4);
+LAYOUT_FIELD(struct ubus_method, mask, 16, 8);
+LAYOUT_FIELD(struct ubus_method, tags, 24, 12);
+LAYOUT_FIELD(struct ubus_method, policy, 32, 16);
+LAYOUT_FIELD(struct ubus_method, n_policy, 40, 20);
+LAYOUT_SIZE(struct ubus_method, 48, 24);
+
+LAYOUT_FIELD(struct ubus_object_type, name, 0, 0);
+LAYOUT_FIELD(struct ubus_object_type, id, 8, 4);
+LAYOUT_FIELD(struct ubus_object_type, methods, 16, 8);
+LAYOUT_FIELD(struct ubus_object_type, n_methods, 24, 12);
+LAYOUT_SIZE(struct ubus_object_type, 32, 16);
+
+LAYOUT_FIELD(struct ubus_object, avl, 0, 0);
+LAYOUT_FIELD(struct ubus_object, name, 56, 28);
+LAYOUT_FIELD(struct ubus_object, id, 64, 32);
+LAYOUT_FIELD(struct ubus_object, path, 72, 36);
+LAYOUT_FIELD(struct ubus_object, type, 80, 40);
+LAYOUT_FIELD(struct ubus_object, subscribe_cb, 88, 44);
+LAYOUT_FIELD(struct ubus_object, has_subscribers, 96, 48);
+LAYOUT_FIELD(struct ubus_object, methods, 104, 52);
+LAYOUT_FIELD(struct ubus_object, n_methods, 112, 56);
+LAYOUT_SIZE(struct ubus_object, 120, 60);
+
+LAYOUT_FIELD(struct ubus_acl_key, user, 0, 0);
+LAYOUT_FIELD(struct ubus_acl_key, group, 8, 4);
+LAYOUT_FIELD(struct ubus_acl_key, object, 16, 8);
+LAYOUT_SIZE(struct ubus_acl_key, 24, 12);
+
+LAYOUT_FIELD(struct ubus_request_data, object, 0, 0);
+LAYOUT_FIELD(struct ubus_request_data, peer, 4, 4);
+LAYOUT_FIELD(struct ubus_request_data, seq, 8, 8);
+LAYOUT_FIELD(struct ubus_request_data, acl, 16, 12);
+LAYOUT_FIELD(struct ubus_request_data, deferred, 40, 24);
+LAYOUT_FIELD(struct ubus_request_data, fd, 44, 28);
+LAYOUT_FIELD(struct ubus_request_data, req_fd, 48, 32);
+LAYOUT_SIZE(struct ubus_request_data, 56, 36);
+
+/* What the answer to an addition or a removal tells; 0: nothing. */
+struct answer {
+	uint32_t id;
+	uint32_t type_id;
+};
+
+static int compare_ids(const void *key1, const void *key2, void *ptr)
+{
+	(void)ptr;
+	uint32_t id1 = *(const uint32_t *)key1, id2 = *(const uint32_t *)key2;
+	return (id1 > id2) - (id1 < id2);
+}
+
+void ubus_objects_init(struct ubus_context *ctx)
+{
+	avl_init(&ctx->objects, compare_ids, false, NULL);
+}
+
+static struct ubus_object *find_object(struct ubus_context *ctx, uint32_t id)
+{
+	struct ubus_object *obj = NULL;
+	return avl_find_element(&ctx->objects, &id, obj, avl);
+}
+
+static bool argument_is_announced(const struct ubus_method *method, int index)
+{
+	int bits = (int)sizeof(method->mask) * CHAR_BIT;
+	return !method->mask || (index < bits && (method->mask >> index & 1));
+}
+
+static bool put_method(struct blob_buf *buf, const struct ubus_method *method)
+{
+	void *table = blobmsg_open_table(buf, method->name);
+	if (!table)
+		return false;
+	for (int index = 0; index < method->n_policy; ++index) {
+		const struct blobmsg_policy *argument = &method->policy[index];
+		if (argument_is_announced(method, index) &&
+			blobmsg_add_u32(buf, argument->name, (uint32_t)argument->type) != 0)
+			return false;
+	}
+	blobmsg_close_table(buf, table);
+	return true;
+}
+
+static bool put_signature(struct blob_buf *buf, const struct ubus_object_type *type)
+{
+	void *signature = blob_nest_start(buf, UBUS_ATTR_SIGNATURE);
+	if (!signature)
+		return false;
+	for (int index = 0; index < type->n_methods; ++index)
+		if (!put_method(buf, &type->methods[index]))
+			return false;
+	blob_nest_end(buf, signature);
+	return true;
+}
+
+static void put_object(struct ubus_message *message, const struct ubus_object *obj)
+{
+	if (!obj->name || !obj->type)
+		return;
+	ubus_message_put_string(message, UBUS_ATTR_OBJPATH, obj->name);
+	if (obj->type->id)
+		ubus_message_put_u32(message, UBUS_ATTR_OBJTYPE, obj->type->id);
+	else
+		message->complete = message->complete && put_signature(&message->buf, obj->type);
+}
+
+static void on_answer(struct ubus_request *req, int type, struct blob_attr *msg)
+{
+	(void)type;
+	struct answer *answer = req->priv;
+	struct blob_attr *attrs[UBUS_ATTR_MAX];
+	ubus_parse_msg(msg, attrs);
+	if (attrs[UBUS_ATTR_OBJID])
+		answer->id = blob_get_u32(attrs[UBUS_ATTR_OBJID]);
+	if (attrs[UBUS_ATTR_OBJTYPE])
+		answer->type_id = blob_get_u32(attrs[UBUS_ATTR_OBJTYPE]);
+}
+
+/* Sends an addition or a removal and waits for the answer, which must name the object. */
+static int ask(struct ubus_context *ctx, int type, struct ubus_message *message, struct answer *answer)
+{
+	struct ubus_request req;
+	ubus_request_init(ctx, &req, 0);
+	int status = ubus_request_send(ctx, &req, type, message);
+	if (status != UBUS_STATUS_OK)
+		return status;
+	req.raw_data_cb = on_answer;
+	req.priv = answer;
+	status = ubus_complete_request(ctx, &req, 0);
+	return status == UBUS_STATUS_OK && !answer->id ? UBUS_STATUS_NO_DATA : status;
+}
+
+static int link_object(struct ubus_context *ctx, struct ubus_object *obj, const struct answer *answer)
+{
+	obj->id = answer->id;
+	obj->avl.key = &obj->id;
+	if (avl_insert(&ctx->objects, &obj->avl) != 0) {
+		/* The daemon never gives an id twice. */
+		obj->id = 0;
+		return UBUS_STATUS_UNKNOWN_ERROR;
+	}
+	if (obj->type && answer->type_id)
+		obj->type->id = answer->type_id;
+	return UBUS_STATUS_OK;
+}
+
+int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj)
+{
+	struct ubus_message message;
+	struct answer answer = {0, 0};
+	ubus_message_init(&message);
+	put_object(&message, obj);
+
+	/* Calls that arrive before this returns find the object linked. */
+	ubus_enter(ctx);
+	int status = ask(ctx, UBUS_MSG_ADD_OBJECT, &message, &answer);
+	if (status == UBUS_STATUS_OK)
+		status = link_object(ctx, obj, &answer);
+	ubus_leave(ctx);
+	return status;
+}
+
+static void unlink_object(struct ubus_context *ctx, struct ubus_object *obj, const struct answer *answer)
+{
+	if (find_object(ctx, obj->id) == obj)
+		avl_delete(&ctx->objects, &obj->avl);
+	obj->id = 0;
+	if (obj->type && answer->type_id)
+		obj->type->id = 0;
+}
+
+int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj)
+{
+	struct ubus_message message;
+	struct answer answer = {0, 0};
+	ubus_message_init(&message);
+	ubus_message_put_u32(&message, UBUS_ATTR_OBJID, obj->id);
+
+	/* What still arrives for the object finds it unlinked. */
+	ubus_enter(ctx);
+	int status = ask(ctx, UBUS_MSG_REMOVE_OBJECT, &message, &answer);
+	if (status == UBUS_STATUS_OK)
+		unlink_object(ctx, obj, &answer);
+	ubus_leave(ctx);
+	return status;
+}
+
+/* Moves all objects from the tree, which is empty then, to `list`; to the daemon they are unknown. */
+static void take_objects(struct ubus_context *ctx, struct list_head *list)
+{
+	struct ubus_object *obj, *after;
+	INIT_LIST_HEAD(list);
+	avl_for_each_element_safe(&ctx->objects, obj, avl, after)
+	{
+		avl_delete(&ctx->objects, &obj->avl);
+		list_add_tail(&obj->avl.list, list);
+		obj->id = 0;
+		if (obj->type)
+			obj->type->id = 0;
+	}
+}
+
+void ubus_objects_add_again(struct ubus_context *ctx)
+{
+	struct list_head objects;
+	struct ubus_object *obj, *after;
+	ubus_enter(ctx);
+	take_objects(ctx, &objects);
+	list_for_each_entry_safe(obj, after, &objects, avl.list)
+	{
+		ubus_add_object(ctx, obj);
+	}
+	ubus_leave(ctx);
+}
+
+int ubus_send_reply(struct ubus_context *ctx, struct ubus_request_data *req, struct blob_attr *msg)
+{
+	struct ubus_message message;
+	ubus_message_init(&message);
+	ubus_message_put_u32(&message, UBUS_ATTR_OBJID, req->object);
+	ubus_message_put_children(&message, UBUS_ATTR_DATA, msg);
+	bool sent = ubus_message_send(ctx, &message, UBUS_MSG_DATA, req->seq, req->peer);
+	return sent ? UBUS_STATUS_OK : UBUS_STATUS_NO_DATA;
+}
+
+void ubus_complete_deferred_request(struct ubus_context *ctx, struct ubus_request_data *req, int ret)
+{
+	struct ubus_message message;
+	ubus_message_init(&message);
+	ubus_message_put_u32(&message, UBUS_ATTR_STATUS, (uint32_t)ret);
+	ubus_message_put_u32(&message, UBUS_ATTR_OBJID, req->object);
+	ubus_message_send(ctx, &message, UBUS_MSG_STATUS, req->seq, req->peer);
+}
+
+static const struct ubus_method *find_method(const struct ubus_object *obj, const char *name)
+{
+	for (int index = 0; index < obj->n_methods; ++index) {
+		const struct ubus_method *method = &obj->methods[index];
+		if (!method->name || strcmp(method->name, name) == 0)
+			return method;
+	}
+	return NULL;
+}
+
+static const char *text_of(const struct blob_attr *attr)
+{
+	return attr ? blob_get_string(attr) : NULL;
+}
+
+/* Calls the handler; its result, or what the call is refused with. */
+static int serve_call(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
+	struct blob_attr **attrs)
+{
+	if (!obj)
+		return UBUS_STATUS_NOT_FOUND;
+	if (!attrs[UBUS_ATTR_METHOD] || !attrs[UBUS_ATTR_DATA])
+		return UBUS_STATUS_INVALID_ARGUMENT;
+	const char *name = blob_get_string(attrs[UBUS_ATTR_METHOD]);
+	const struct ubus_method *method = find_method(obj, name);
+	if (!method)
+		return UBUS_STATUS_METHOD_NOT_FOUND;
+
+	req->acl.user = text_of(attrs[UBUS_ATTR_USER]);
+	req->acl.group = text_of(attrs[UBUS_ATTR_GROUP]);
+	req->acl.object = obj->name;
+	bool no_reply = attrs[UBUS_ATTR_NO_REPLY] && blob_get_u8(attrs[UBUS_ATTR_NO_REPLY]);
+	int status = method->handler(ctx, obj, req, name, attrs[UBUS_ATTR_DATA]);
+	/* Nobody waits for the result: it is as if the handler had put it off for ever. */
+	req->deferred |= no_reply;
+	return status;
+}
+
+static void process_invoke(struct ubus_context *ctx, struct ubus_object *obj,
+	const struct ubus_msghdr *header, struct blob_attr **attrs)
+{
+	struct ubus_request_data req = {
+		.object = obj ? obj->id : 0,
+		.peer = be32_to_cpu(header->peer),
+		.seq = be16_to_cpu(header->seq),
+		.fd = -1,
+		.req_fd = -1,
+	};
+	int status = serve_call(ctx, obj, &req, attrs);
+	if (!req.deferred)
+		ubus_complete_deferred_request(ctx, &req, status);
+}
+
+static void process_notify(struct ubus_context *ctx, struct ubus_object *obj, struct blob_attr **attrs)
+{
+	if (!obj || !attrs[UBUS_ATTR_ACTIVE])
+		return;
+	obj->has_subscribers = blob_get_u8(attrs[UBUS_ATTR_ACTIVE]) != 0;
+	if (obj->subscribe_cb)
+		obj->subscribe_cb(ctx, obj);
+}
+
+static void process_unsubscribe(struct ubus_context *ctx, struct ubus_object *obj, struct blob_attr **attrs)
+{
+	struct ubus_subscriber *subscriber = obj ? ubus_object_subscriber(obj) : NULL;
+	if (subscriber && subscriber->remove_cb && attrs[UBUS_ATTR_TARGET])
+		subscriber->remove_cb(ctx, subscriber, blob_get_u32(attrs[UBUS_ATTR_TARGET]));
+}
+
+void ubus_process_object_message(struct ubus_context *ctx, const struct ubus_msghdr_buf *msg)
+{
+	struct blob_attr *attrs[UBUS_ATTR_MAX];
+	ubus_parse_msg(msg->data, attrs);
+	struct ubus_object *obj =
+		attrs[UBUS_ATTR_OBJID] ? find_object(ctx, blob_get_u32(attrs[UBUS_ATTR_OBJID])) : NULL;
+
+	/* Not ubus_leave: the callers work off the queue in a loop, instead of one message inside the other. */
+	ubus_enter(ctx);
+	if (msg->hdr.type == UBUS_MSG_INVOKE)
+		process_invoke(ctx, obj, &msg->hdr, attrs);
+	else if (msg->hdr.type == UBUS_MSG_NOTIFY)
+		process_notify(ctx, obj, attrs);
+	else
+		process_unsubscribe(ctx, obj, attrs);
+	--ctx->stack_depth;
+}

@@ -1,0 +1,499 @@
+/*
+ * Requests. A linked one ends once: by the daemon's STATUS, by the end of the connection, or by being aborted;
+ * it is unlinked before its callback learns of that, and not touched afterwards. While one of its data
+ * callbacks runs it is blocked: what else arrives for it, its end included, waits for the callback.
+ */
+#include <libubus.h>
+
+#include "../libubox/layout.h"
+#include "libubus-internal.h"
+
+LAYOUT_FIELD(struct ubus_request, list, 0, 0);
+LAYOUT_FIELD(struct ubus_request, pending, 16, 8);
+LAYOUT_FIELD(struct ubus_request, status_code, 32, 16);
+LAYOUT_FIELD(struct ubus_request, status_msg, 36, 20);
+LAYOUT_FIELD(struct ubus_request, blocked, 37, 21);
+LAYOUT_FIELD(struct ubus_request, cancelled, 38, 22);
+LAYOUT_FIELD(struct ubus_request, notify, 39, 23);
+LAYOUT_FIELD(struct ubus_request, peer, 40, 24);
+LAYOUT_FIELD(struct ubus_request, seq, 44, 28);
+LAYOUT_FIELD(struct ubus_request, raw_data_cb, 48, 32);
+LAYOUT_FIELD(struct ubus_request, data_cb, 56, 36);
+LAYOUT_FIELD(struct ubus_request, fd_cb, 64, 40);
+LAYOUT_FIELD(struct ubus_request, complete_cb, 72, 44);
+LAYOUT_FIELD(struct ubus_request, fd, 80, 48);
+LAYOUT_FIELD(struct ubus_request, ctx, 88, 52);
+LAYOUT_FIELD(struct ubus_request, priv, 96, 56);
+LAYOUT_SIZE(struct ubus_request, 104, 60);
+
+LAYOUT_FIELD(struct ubus_notify_request, req, 0, 0);
+LAYOUT_FIELD(struct ubus_notify_request, status_cb, 104, 60);
+LAYOUT_FIELD(struct ubus_notify_request, complete_cb, 112, 64);
+LAYOUT_FIELD(struct ubus_notify_request, data_cb, 120, 68);
+LAYOUT_FIELD(struct ubus_notify_request, pending, 128, 72);
+LAYOUT_FIELD(struct ubus_notify_request, id, 132, 76);
+LAYOUT_SIZE(struct ubus_notify_request, 200, 144);
+
+LAYOUT_FIELD(struct ubus_object_data, id, 0, 0);
+LAYOUT_FIELD(struct ubus_object_data, type_id, 4, 4);
+LAYOUT_FIELD(struct ubus_object_data, path, 8, 8);
+LAYOUT_FIELD(struct ubus_object_data, signature, 16, 12);
+LAYOUT_SIZE(struct ubus_object_data, 24, 16);
+
+/* DATA for a blocked request. */
+struct kept_data {
+	struct list_head list;
+	int type;
+	struct blob_attr *msg;
+};
+
+static struct ubus_notify_request *notify_request(struct ubus_request *req)
+{
+	return container_of(req, struct ubus_notify_request, req);
+}
+
+void ubus_request_init(struct ubus_context *ctx, struct ubus_request *req, uint32_t peer)
+{
+	memset(req, 0, sizeof(*req));
+	INIT_LIST_HEAD(&req->list);
+	INIT_LIST_HEAD(&req->pending);
+	req->fd = -1;
+	req->ctx = ctx;
+	req->peer = peer;
+	req->seq = ++ctx->request_seq;
+}
+
+int ubus_request_send(
+	struct ubus_context *ctx, struct ubus_request *req, int type, struct ubus_message *message)
+{
+	bool sent = ubus_message_send(ctx, message, type, req->seq, req->peer);
+	return sent ? UBUS_STATUS_OK : UBUS_STATUS_INVALID_ARGUMENT;
+}
+
+void ubus_complete_request_async(struct ubus_context *ctx, struct ubus_request *req)
+{
+	if (list_empty(&req->list))
+		list_add(&req->list, &ctx->requests);
+}
+
+static struct kept_data *take_kept(struct ubus_request *req)
+{
+	return container_of(ubus_list_take(&req->pending), struct kept_data, list);
+}
+
+static void release_kept(struct kept_data *kept)
+{
+	free(kept->msg);
+	free(kept);
+}
+
+void ubus_abort_request(struct ubus_context *ctx, struct ubus_request *req)
+{
+	(void)ctx; /* may be gone */
+	if (list_empty(&req->list))
+		return;
+	req->cancelled = true;
+	list_del_init(&req->list);
+	while (!list_empty(&req->pending))
+		release_kept(take_kept(req));
+}
+
+/* The callbacks may release the request. */
+static void call_complete(struct ubus_request *req)
+{
+	int status = req->status_code;
+	ubus_complete_handler_t complete_cb = req->complete_cb;
+	req->complete_cb = NULL;
+	if (req->notify && notify_request(req)->complete_cb)
+		notify_request(req)->complete_cb(notify_request(req), 0, status);
+	if (complete_cb)
+		complete_cb(req, status);
+}
+
+/* What is behind a request that is blocked happens when its callback has returned. */
+static void end_request(struct ubus_request *req, int status)
+{
+	list_del_init(&req->list);
+	req->status_msg = true;
+	req->status_code = status;
+	if (!req->blocked)
+		call_complete(req);
+}
+
+/* Stands in for the callback of a request that is waited for: the waiting call makes that call itself. */
+static void wake_waiting_call(struct ubus_request *req, int status)
+{
+	(void)req;
+	(void)status;
+}
+
+static bool is_waited_for(const struct ubus_request *req)
+{
+	return req->complete_cb == wake_waiting_call;
+}
+
+/* Those linked now get their result, so that they are told from those which callbacks link meanwhile. */
+static void mark_requests_failed(struct ubus_context *ctx)
+{
+	struct ubus_request *req;
+	list_for_each_entry(req, &ctx->requests, list)
+	{
+		req->status_msg = true;
+		req->status_code = is_waited_for(req) ? UBUS_STATUS_CONNECTION_FAILED : UBUS_STATUS_TIMEOUT;
+	}
+}
+
+static struct ubus_request *first_marked_request(struct ubus_context *ctx)
+{
+	struct ubus_request *req;
+	list_for_each_entry(req, &ctx->requests, list)
+	{
+		if (req->status_msg)
+			return req;
+	}
+	return NULL;
+}
+
+void ubus_fail_requests(struct ubus_context *ctx)
+{
+	mark_requests_failed(ctx);
+	struct ubus_request *req;
+	while ((req = first_marked_request(ctx)))
+		end_request(req, req->status_code);
+}
+
+/* The place of a peer that has yet to answer a notification; -1: none. */
+static int notify_index(struct ubus_notify_request *req, uint32_t peer)
+{
+	for (int index = 0; index <= UBUS_MAX_NOTIFY_PEERS; ++index)
+		if ((req->pending & (1U << index)) && req->id[index] == peer)
+			return index;
+	return -1;
+}
+
+static bool answers(struct ubus_request *req, uint16_t seq, uint32_t peer)
+{
+	if (req->seq != seq)
+		return false;
+	return req->notify ? notify_index(notify_request(req), peer) >= 0 : req->peer == peer;
+}
+
+static struct ubus_request *find_request(struct ubus_context *ctx, uint16_t seq, uint32_t peer)
+{
+	struct ubus_request *req;
+	list_for_each_entry(req, &ctx->requests, list)
+	{
+		if (answers(req, seq, peer))
+			return req;
+	}
+	return NULL;
+}
+
+/* The daemon's list of subscribers: the first of them are waited for. */
+static void wait_for_subscribers(struct ubus_notify_request *req, struct blob_attr *subscribers)
+{
+	int index = 0;
+	struct blob_attr *subscriber;
+	size_t left;
+	blob_for_each_attr(subscriber, subscribers, left)
+	{
+		if (blob_len(subscriber) != sizeof(uint32_t))
+			continue;
+		if (++index > UBUS_MAX_NOTIFY_PEERS)
+			return;
+		req->id[index] = blob_get_u32(subscriber);
+		req->pending |= 1U << index;
+	}
+}
+
+static void process_notify_status(struct ubus_notify_request *req, uint32_t peer, struct blob_attr **attrs)
+{
+	int index = notify_index(req, peer);
+	int status = attrs[UBUS_ATTR_STATUS] ? (int)blob_get_u32(attrs[UBUS_ATTR_STATUS])
+					     : UBUS_STATUS_INVALID_ARGUMENT;
+	if (index == 0)
+		wait_for_subscribers(req, attrs[UBUS_ATTR_SUBSCRIBERS]);
+	req->pending &= ~(1U << index);
+
+	bool ended = req->pending == 0;
+	if (index > 0 && req->status_cb)
+		req->status_cb(req, index, status);
+	if (ended)
+		end_request(&req->req, UBUS_STATUS_OK);
+}
+
+static void process_status(struct ubus_request *req, uint32_t peer, struct blob_attr *msg)
+{
+	struct blob_attr *attrs[UBUS_ATTR_MAX];
+	ubus_parse_msg(msg, attrs);
+	if (req->notify) {
+		process_notify_status(notify_request(req), peer, attrs);
+		return;
+	}
+	req->peer = peer;
+	end_request(req, attrs[UBUS_ATTR_STATUS] ? (int)blob_get_u32(attrs[UBUS_ATTR_STATUS])
+						 : UBUS_STATUS_INVALID_ARGUMENT);
+}
+
+static bool has_data_cb(struct ubus_request *req)
+{
+	return req->notify ? notify_request(req)->data_cb != NULL : req->data_cb != NULL;
+}
+
+static void call_data_cb(struct ubus_request *req, int type, struct blob_attr *data)
+{
+	if (req->notify)
+		notify_request(req)->data_cb(notify_request(req), type, data);
+	else
+		req->data_cb(req, type, data);
+}
+
+/* A synchronous call in the first callback may read other messages into the buffer that `msg` lies in. */
+static void deliver_raw_and_data(struct ubus_request *req, int type, struct blob_attr *msg)
+{
+	struct blob_attr *attrs[UBUS_ATTR_MAX];
+	struct blob_attr *copy = blob_memdup(msg);
+	if (!copy)
+		return;
+	ubus_parse_msg(copy, attrs);
+	req->raw_data_cb(req, type, copy);
+	if (!req->cancelled && attrs[UBUS_ATTR_DATA] && has_data_cb(req))
+		call_data_cb(req, type, attrs[UBUS_ATTR_DATA]);
+	free(copy);
+}
+
+static void deliver(struct ubus_request *req, int type, struct blob_attr *msg)
+{
+	struct blob_attr *attrs[UBUS_ATTR_MAX];
+	if (req->raw_data_cb && has_data_cb(req)) {
+		deliver_raw_and_data(req, type, msg);
+	} else if (req->raw_data_cb) {
+		req->raw_data_cb(req, type, msg);
+	} else {
+		ubus_parse_msg(msg, attrs);
+		if (attrs[UBUS_ATTR_DATA])
+			call_data_cb(req, type, attrs[UBUS_ATTR_DATA]);
+	}
+}
+
+static void keep(struct ubus_request *req, int type, struct blob_attr *msg)
+{
+	struct kept_data *kept = malloc(sizeof(*kept));
+	struct blob_attr *copy = blob_memdup(msg);
+	if (!kept || !copy) {
+		free(kept);
+		free(copy);
+		return;
+	}
+	kept->type = type;
+	kept->msg = copy;
+	list_add(&kept->list, &req->pending);
+}
+
+static void deliver_kept(struct ubus_request *req)
+{
+	while (!list_empty(&req->pending)) {
+		struct kept_data *kept = take_kept(req);
+		if (req->raw_data_cb || has_data_cb(req))
+			deliver(req, kept->type, kept->msg);
+		release_kept(kept);
+	}
+}
+
+static void process_data(struct ubus_request *req, int type, struct blob_attr *msg)
+{
+	if (!req->raw_data_cb && !has_data_cb(req))
+		return;
+	if (req->blocked) {
+		keep(req, type, msg);
+		return;
+	}
+	req->blocked = true;
+	deliver(req, type, msg);
+	deliver_kept(req);
+	req->blocked = false;
+	if (req->status_msg && !req->cancelled)
+		call_complete(req);
+}
+
+void ubus_process_reply(struct ubus_context *ctx, const struct ubus_msghdr *header, struct blob_attr *msg)
+{
+	uint32_t peer = be32_to_cpu(header->peer);
+	struct ubus_request *req = find_request(ctx, be16_to_cpu(header->seq), peer);
+	if (!req)
+		return;
+	if (header->type == UBUS_MSG_STATUS)
+		process_status(req, peer, msg);
+	else
+		process_data(req, header->type, msg);
+}
+
+static bool has_ended(const struct ubus_request *req)
+{
+	return req->status_msg || req->cancelled;
+}
+
+/* Until the request has ended, the time is over, or the connection is lost. */
+static void serve_until_ended(struct ubus_context *ctx, struct ubus_request *req, int64_t end_ms)
+{
+	while (!has_ended(req) && ubus_socket_wait(ctx->sock.fd, end_ms)) {
+		enum ubus_received received = ubus_receive(ctx);
+		if (received == UBUS_RECEIVED_MESSAGE)
+			ubus_process_received(ctx);
+		else if (received == UBUS_RECEIVED_EOF)
+			ubus_lose_connection(ctx);
+	}
+}
+
+/* The result of a request that was waited for; one that has not ended is given up. */
+static int result_of(struct ubus_request *req)
+{
+	if (req->cancelled)
+		return UBUS_STATUS_NO_DATA;
+	if (req->status_msg)
+		return req->status_code;
+	list_del_init(&req->list);
+	return UBUS_STATUS_TIMEOUT;
+}
+
+int ubus_complete_request(struct ubus_context *ctx, struct ubus_request *req, int timeout_ms)
+{
+	ubus_complete_handler_t complete_cb = req->complete_cb;
+	ubus_complete_request_async(ctx, req);
+	req->complete_cb = wake_waiting_call;
+
+	ubus_enter(ctx);
+	serve_until_ended(ctx, req, timeout_ms > 0 ? ubus_now_ms() + timeout_ms : -1);
+	ctx->cancel_poll = true;
+	--ctx->stack_depth;
+
+	int status = result_of(req);
+	bool cancelled = req->cancelled;
+	req->complete_cb = NULL;
+	if (complete_cb && !cancelled)
+		complete_cb(req, status);
+	ubus_work_off_queue(ctx);
+	return status;
+}
+
+int ubus_invoke_async_fd(struct ubus_context *ctx, uint32_t obj, const char *method, struct blob_attr *msg,
+	struct ubus_request *req, int fd)
+{
+	ubus_request_init(ctx, req, obj);
+	req->fd = fd;
+	if (fd >= 0)
+		return UBUS_STATUS_NOT_SUPPORTED;
+
+	struct ubus_message message;
+	ubus_message_init(&message);
+	ubus_message_put_u32(&message, UBUS_ATTR_OBJID, obj);
+	ubus_message_put_string(&message, UBUS_ATTR_METHOD, method);
+	ubus_message_put_children(&message, UBUS_ATTR_DATA, msg);
+	return ubus_request_send(ctx, req, UBUS_MSG_INVOKE, &message);
+}
+
+int ubus_invoke_fd(struct ubus_context *ctx, uint32_t obj, const char *method, struct blob_attr *msg,
+	ubus_data_handler_t cb, void *priv, int timeout, int fd)
+{
+	struct ubus_request req;
+	int status = ubus_invoke_async_fd(ctx, obj, method, msg, &req, fd);
+	if (status != UBUS_STATUS_OK)
+		return status;
+	req.data_cb = cb;
+	req.priv = priv;
+	return ubus_complete_request(ctx, &req, timeout);
+}
+
+static int lookup(struct ubus_context *ctx, const char *path, ubus_data_handler_t on_data, void *priv)
+{
+	struct ubus_request req;
+	struct ubus_message message;
+	ubus_message_init(&message);
+	if (path)
+		ubus_message_put_string(&message, UBUS_ATTR_OBJPATH, path);
+	ubus_request_init(ctx, &req, 0);
+	int status = ubus_request_send(ctx, &req, UBUS_MSG_LOOKUP, &message);
+	if (status != UBUS_STATUS_OK)
+		return status;
+	req.raw_data_cb = on_data;
+	req.priv = priv;
+	return ubus_complete_request(ctx, &req, 0);
+}
+
+struct lookup_caller {
+	ubus_lookup_handler_t cb;
+	void *priv;
+};
+
+static void on_object_found(struct ubus_request *req, int type, struct blob_attr *msg)
+{
+	(void)type;
+	struct lookup_caller *caller = req->priv;
+	struct blob_attr *attrs[UBUS_ATTR_MAX];
+	ubus_parse_msg(msg, attrs);
+	if (!attrs[UBUS_ATTR_OBJID] || !attrs[UBUS_ATTR_OBJPATH])
+		return;
+	struct ubus_object_data found = {
+		.id = blob_get_u32(attrs[UBUS_ATTR_OBJID]),
+		.type_id = attrs[UBUS_ATTR_OBJTYPE] ? blob_get_u32(attrs[UBUS_ATTR_OBJTYPE]) : 0,
+		.path = blob_get_string(attrs[UBUS_ATTR_OBJPATH]),
+		.signature = attrs[UBUS_ATTR_SIGNATURE],
+	};
+	caller->cb(req->ctx, &found, caller->priv);
+}
+
+int ubus_lookup(struct ubus_context *ctx, const char *path, ubus_lookup_handler_t cb, void *priv)
+{
+	struct lookup_caller caller = {cb, priv};
+	return lookup(ctx, path, on_object_found, &caller);
+}
+
+static void on_id_found(struct ubus_request *req, int type, struct blob_attr *msg)
+{
+	(void)type;
+	uint32_t *id = req->priv;
+	struct blob_attr *attrs[UBUS_ATTR_MAX];
+	ubus_parse_msg(msg, attrs);
+	if (attrs[UBUS_ATTR_OBJID])
+		*id = blob_get_u32(attrs[UBUS_ATTR_OBJID]);
+}
+
+int ubus_lookup_id(struct ubus_context *ctx, const char *path, uint32_t *id)
+{
+	return lookup(ctx, path, on_id_found, id);
+}
+
+static int send_notification(struct ubus_context *ctx, struct ubus_object *obj, const char *type,
+	struct blob_attr *msg, struct ubus_notify_request *req, bool reply)
+{
+	memset(req, 0, sizeof(*req));
+	ubus_request_init(ctx, &req->req, obj->id);
+	req->req.notify = true;
+	req->id[0] = obj->id;
+	req->pending = 1;
+
+	struct ubus_message message;
+	ubus_message_init(&message);
+	ubus_message_put_u32(&message, UBUS_ATTR_OBJID, obj->id);
+	ubus_message_put_string(&message, UBUS_ATTR_METHOD, type);
+	ubus_message_put_children(&message, UBUS_ATTR_DATA, msg);
+	if (!reply)
+		ubus_message_put_u8(&message, UBUS_ATTR_NO_REPLY, 1);
+	return ubus_request_send(ctx, &req->req, UBUS_MSG_NOTIFY, &message);
+}
+
+int ubus_notify_async(struct ubus_context *ctx, struct ubus_object *obj, const char *type,
+	struct blob_attr *msg, struct ubus_notify_request *req)
+{
+	return send_notification(ctx, obj, type, msg, req, true);
+}
+
+int ubus_notify(struct ubus_context *ctx, struct ubus_object *obj, const char *type, struct blob_attr *msg,
+	int timeout)
+{
+	struct ubus_notify_request req;
+	int status = send_notification(ctx, obj, type, msg, &req, timeout >= 0);
+	if (timeout < 0)
+		return UBUS_STATUS_OK;
+	return status == UBUS_STATUS_OK ? ubus_complete_request(ctx, &req.req, timeout) : status;
+}

@@ -1,0 +1,250 @@
+/*
+ * The connection, and the order in which messages are processed. Replies are processed wherever they are
+ * read; what the daemon sends on its own account runs the program's handlers, and these never run inside one
+ * another: while a handler or a synchronous call is active (`stack_depth`), such messages wait in a queue.
+ */
+#include <libubus.h>
+
+#include <fcntl.h>
+#include <stddef.h>
+#include <unistd.h>
+
+#include "../libubox/layout.h"
+#include "libubus-internal.h"
+
+LAYOUT_FIELD(struct ubus_msghdr, version, 0, 0);
+LAYOUT_FIELD(struct ubus_msghdr, type, 1, 1);
+LAYOUT_FIELD(struct ubus_msghdr, seq, 2, 2);
+LAYOUT_FIELD(struct ubus_msghdr, peer, 4, 4);
+LAYOUT_SIZE(struct ubus_msghdr, 8, 8);
+_Static_assert(_Alignof(struct ubus_msghdr) == 4, "struct ubus_msghdr");
+
+LAYOUT_FIELD(struct ubus_msghdr_buf, data, 8, 8);
+LAYOUT_SIZE(struct ubus_msghdr_buf, 16, 12);
+
+LAYOUT_FIELD(struct ubus_context, requests, 0, 0);
+LAYOUT_FIELD(struct ubus_context, objects, 16, 8);
+LAYOUT_FIELD(struct ubus_context, pending, 64, 36);
+LAYOUT_FIELD(struct ubus_context, sock, 80, 44);
+LAYOUT_FIELD(struct ubus_context, pending_timer, 96, 56);
+LAYOUT_FIELD(struct ubus_context, local_id, 144, 80);
+LAYOUT_FIELD(struct ubus_context, request_seq, 148, 84);
+LAYOUT_FIELD(struct ubus_context, cancel_poll, 150, 86);
+LAYOUT_FIELD(struct ubus_context, stack_depth, 152, 88);
+LAYOUT_FIELD(struct ubus_context, connection_lost, 160, 92);
+LAYOUT_FIELD(struct ubus_context, monitor_cb, 168, 96);
+LAYOUT_FIELD(struct ubus_context, msgbuf, 176, 100);
+LAYOUT_FIELD(struct ubus_context, msgbuf_data_len, 192, 112);
+LAYOUT_FIELD(struct ubus_context, msgbuf_reduction_counter, 196, 116);
+LAYOUT_FIELD(struct ubus_context, auto_subscribers, 200, 120);
+LAYOUT_FIELD(struct ubus_context, auto_subscribe_event_handler, 216, 128);
+LAYOUT_FIELD(struct ubus_context, request_handler, 200, 120);
+LAYOUT_SIZE(struct ubus_context, 344, 192);
+
+/* A message of the daemon's own that waits in `ctx->pending`. */
+struct queued_message {
+	struct list_head list;
+	struct ubus_msghdr_buf msg;
+};
+
+const char *ubus_strerror(int error)
+{
+	static const char *const texts[__UBUS_STATUS_LAST] = {
+		[UBUS_STATUS_OK] = "Success",
+		[UBUS_STATUS_INVALID_COMMAND] = "Invalid command",
+		[UBUS_STATUS_INVALID_ARGUMENT] = "Invalid argument",
+		[UBUS_STATUS_METHOD_NOT_FOUND] = "Method not found",
+		[UBUS_STATUS_NOT_FOUND] = "Not found",
+		[UBUS_STATUS_NO_DATA] = "No response",
+		[UBUS_STATUS_PERMISSION_DENIED] = "Permission denied",
+		[UBUS_STATUS_TIMEOUT] = "Request timed out",
+		[UBUS_STATUS_NOT_SUPPORTED] = "Operation not supported",
+		[UBUS_STATUS_UNKNOWN_ERROR] = "Unknown error",
+		[UBUS_STATUS_CONNECTION_FAILED] = "Connection failed",
+		[UBUS_STATUS_NO_MEMORY] = "Out of memory",
+		[UBUS_STATUS_PARSE_ERROR] = "Parsing message data failed",
+		[UBUS_STATUS_SYSTEM_ERROR] = "System error",
+	};
+	static char unknown[32];
+
+	if (error >= 0 && error < __UBUS_STATUS_LAST)
+		return texts[error];
+	snprintf(unknown, sizeof(unknown), "Unknown error: %d", error);
+	return unknown;
+}
+
+static void queue_received(struct ubus_context *ctx)
+{
+	struct queued_message *queued = malloc(sizeof(*queued));
+	struct blob_attr *data = blob_memdup(ctx->msgbuf.data);
+	if (!queued || !data) {
+		free(queued);
+		free(data);
+		return;
+	}
+	queued->msg.hdr = ctx->msgbuf.hdr;
+	queued->msg.data = data;
+	list_add_tail(&queued->list, &ctx->pending);
+}
+
+static struct queued_message *take_queued(struct ubus_context *ctx)
+{
+	return container_of(ubus_list_take(&ctx->pending), struct queued_message, list);
+}
+
+static void release_queued(struct queued_message *queued)
+{
+	free(queued->msg.data);
+	free(queued);
+}
+
+void ubus_work_off_queue(struct ubus_context *ctx)
+{
+	while (ctx->stack_depth == 0 && !list_empty(&ctx->pending)) {
+		struct queued_message *queued = take_queued(ctx);
+		ubus_process_object_message(ctx, &queued->msg);
+		release_queued(queued);
+	}
+}
+
+void ubus_enter(struct ubus_context *ctx)
+{
+	++ctx->stack_depth;
+}
+
+void ubus_leave(struct ubus_context *ctx)
+{
+	--ctx->stack_depth;
+	ubus_work_off_queue(ctx);
+}
+
+/* A handler keeps its message across synchronous calls, so these get another buffer meanwhile. */
+static void process_with_own_buffer(struct ubus_context *ctx)
+{
+	struct ubus_msghdr_buf own = ctx->msgbuf;
+	uint32_t own_len = ctx->msgbuf_data_len;
+	ctx->msgbuf.data = NULL;
+	ctx->msgbuf_data_len = 0;
+
+	ubus_process_object_message(ctx, &own);
+
+	free(ctx->msgbuf.data);
+	ctx->msgbuf = own;
+	ctx->msgbuf_data_len = own_len;
+}
+
+void ubus_process_received(struct ubus_context *ctx)
+{
+	switch (ctx->msgbuf.hdr.type) {
+	case UBUS_MSG_STATUS:
+	case UBUS_MSG_DATA:
+		ubus_process_reply(ctx, &ctx->msgbuf.hdr, ctx->msgbuf.data);
+		break;
+	case UBUS_MSG_INVOKE:
+	case UBUS_MSG_NOTIFY:
+	case UBUS_MSG_UNSUBSCRIBE:
+		if (ctx->stack_depth == 0)
+			process_with_own_buffer(ctx);
+		else
+			queue_received(ctx);
+		break;
+	default:
+		break;
+	}
+}
+
+void ubus_lose_connection(struct ubus_context *ctx)
+{
+	ctx->sock.eof = true;
+	ubus_fail_requests(ctx);
+	ctx->connection_lost(ctx);
+}
+
+/* The context may be gone when this has met the end of the connection. */
+static void on_readable(struct uloop_fd *sock, unsigned int events)
+{
+	(void)events;
+	struct ubus_context *ctx = container_of(sock, struct ubus_context, sock);
+	do {
+		ubus_work_off_queue(ctx);
+		enum ubus_received received = ubus_receive(ctx);
+		if (received == UBUS_RECEIVED_EOF) {
+			ubus_lose_connection(ctx);
+			return;
+		}
+		if (received == UBUS_RECEIVED_NOTHING)
+			break;
+		ubus_process_received(ctx);
+	} while (!ctx->cancel_poll);
+	ubus_work_off_queue(ctx);
+}
+
+/* Without this the loop would spin on a descriptor that stays readable. */
+static void end_loop(struct ubus_context *ctx)
+{
+	if (ctx->sock.registered)
+		uloop_end();
+}
+
+/* Connects and reads the daemon's greeting. */
+static int connect_to(struct ubus_context *ctx, const char *path)
+{
+	struct ubus_msghdr hello;
+	uloop_init();
+	ctx->sock.fd = ubus_socket_open(path);
+	if (ctx->sock.fd < 0)
+		return UBUS_STATUS_CONNECTION_FAILED;
+	if (!ubus_socket_read_hello(ctx->sock.fd, &hello)) {
+		close(ctx->sock.fd);
+		return UBUS_STATUS_UNKNOWN_ERROR;
+	}
+	ctx->local_id = hello.peer;
+	ctx->sock.eof = false;
+	fcntl(ctx->sock.fd, F_SETFL, fcntl(ctx->sock.fd, F_GETFL) | O_NONBLOCK);
+	return UBUS_STATUS_OK;
+}
+
+/* What came over the connection and was not processed goes with it. */
+static void disconnect(struct ubus_context *ctx)
+{
+	uloop_fd_delete(&ctx->sock);
+	if (ctx->sock.fd >= 0)
+		close(ctx->sock.fd);
+	ctx->sock.fd = -1;
+	while (!list_empty(&ctx->pending))
+		release_queued(take_queued(ctx));
+}
+
+struct ubus_context *ubus_connect(const char *path)
+{
+	struct ubus_context *ctx = calloc(1, sizeof(*ctx));
+	if (!ctx)
+		return NULL;
+	INIT_LIST_HEAD(&ctx->requests);
+	INIT_LIST_HEAD(&ctx->pending);
+	INIT_LIST_HEAD(&ctx->auto_subscribers);
+	ubus_objects_init(ctx);
+	ctx->sock.cb = on_readable;
+	ctx->connection_lost = end_loop;
+	if (connect_to(ctx, path) != UBUS_STATUS_OK) {
+		free(ctx);
+		return NULL;
+	}
+	return ctx;
+}
+
+int ubus_reconnect(struct ubus_context *ctx, const char *path)
+{
+	disconnect(ctx);
+	int status = connect_to(ctx, path);
+	if (status == UBUS_STATUS_OK)
+		ubus_objects_add_again(ctx);
+	return status;
+}
+
+void ubus_free(struct ubus_context *ctx)
+{
+	disconnect(ctx);
+	free(ctx->msgbuf.data);
+	free(ctx);
+}

@@ -1,0 +1,110 @@
+// One connection: what has come and is not yet understood, what goes out and is not yet taken, and who it is
+// at the other end. It knows nothing of objects; what it sends on one side and hands over on the other are
+// messages.
+//
+// The socket never blocks. What its peer does not read is queued up to a bound, and dropped beyond it: a
+// peer that reads too slowly misses messages and costs nobody else anything. Nobody is made to wait for
+// reading either: a peer that sends many requests before it reads an answer would wait for ever.
+#pragma once
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "../../lib/internal/owned.h"
+#include "wire.h"
+
+namespace ubusd
+{
+
+struct object;
+
+// What may wait for one client: as much as one message of the greatest length.
+inline constexpr size_t queue_bytes_max = UBUS_MAX_MSGLEN;
+// A look-up goes on while less than this waits for its client; the rest of the queue is for other messages.
+inline constexpr size_t lookup_queue_bytes = size_t{64} * 1024;
+// What is read at once. One read each turn: then it is the other clients' turn.
+inline constexpr size_t read_bytes_max = size_t{64} * 1024;
+
+// Who is at the other end, as the kernel and the password and group files know it.
+struct identity {
+	uid_t uid = 0;
+	gid_t gid = 0;
+	std::string user, group;
+
+	bool is_root() const { return uid == 0; }
+};
+
+// Who is connected to `fd`; nothing when the user or the group has no entry.
+std::optional<identity> identity_of_peer(int fd);
+
+// A look-up under way: it goes on behind `last` as its client reads.
+struct pending_lookup {
+	uint16_t seq = 0;
+	uint32_t peer = 0;
+	std::string prefix; // of the paths asked for
+	std::string last;   // the path handled last
+	bool begun = false; // `last` holds
+	bool found = false; // what to say at the end
+};
+
+class client
+{
+	owned_fd fd_;
+	int epoll_fd_;
+	uint32_t watched_ = 0;
+	uint32_t id_;
+	identity who_;
+	byte_queue input_, output_;
+	bool input_ended_ = false;  // nothing more will come
+	bool output_ended_ = false; // nobody will read what is sent
+
+	bool may_queue(size_t length) const
+	{
+		return output_.empty() || output_.size() + length <= queue_bytes_max;
+	}
+	void end_output();
+
+public:
+	std::optional<pending_lookup> lookup;
+	std::vector<object *> objects; // its own, the oldest first
+	// What it makes the bus hold.
+	size_t subscription_count = 0, pattern_count = 0, held_bytes = 0;
+
+	client(owned_fd fd, int epoll_fd, uint32_t id, identity who);
+	client(const client &) = delete;
+	client &operator=(const client &) = delete;
+
+	uint32_t id() const { return id_; }
+	const identity &who() const { return who_; }
+	bool input_ended() const { return input_ended_; }
+	bool output_ended() const { return output_ended_; }
+
+	// Asks for the events of the descriptor that matter now; false when the kernel refuses.
+	bool watch();
+	// Reads once what there is to read.
+	void fill();
+	framing next(frame *result) { return frame_parse(&input_, result); }
+	// Ends the use of the frame from next().
+	void consume(const frame &used) { input_.consume(used.length()); }
+	// Writes what has been queued, as far as the socket takes it.
+	void flush();
+	// A client that has gone altogether: nothing can be written, and what it wrote can still be read.
+	void hang_up() { end_output(); }
+
+	// Sends or queues a message; drops it when the queue is full or `body` is null.
+	void send(uint8_t type, uint16_t seq, uint32_t peer, const blob_attr *body);
+	void send(uint8_t type, uint16_t seq, uint32_t peer, const message &body)
+	{
+		send(type, seq, peer, body.body());
+	}
+	// True while a look-up may add this message to what waits.
+	bool has_room(const message &body) const
+	{
+		size_t length = sizeof(ubus_msghdr) + (body.body() ? blob_raw_len(body.body()) : 0);
+		return output_.size() < lookup_queue_bytes && may_queue(length);
+	}
+};
+
+} // namespace ubusd

@@ -1,0 +1,270 @@
+// ubusd, the bus daemon of development machines: one thread, one epoll set, and a bus.
+//
+// Each pass serves the clients that epoll reports and those that had more to do, a bounded amount of work
+// each, so that nobody starves. With nothing to do it sleeps without a timeout.
+#include <errno.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "bus.h"
+
+using namespace ubusd;
+
+static constexpr const char default_path[] = "/var/run/ubus/ubus.sock";
+
+static constexpr const char usage_text[] =
+	"Usage: ubusd [-s PATH] [-A PATH]\n"
+	"\n"
+	"The message bus of a development machine, in the foreground until SIGTERM or SIGINT.\n"
+	"\n"
+	"  -s PATH  the socket to listen on (/var/run/ubus/ubus.sock)\n"
+	"  -A PATH  the folder of access control files; accepted and not read: what holds without such\n"
+	"           files holds here, so users other than root neither add, see nor call objects by path\n"
+	"  -h       this text\n";
+
+// What is taken from epoll and from the queue of connections at once.
+static constexpr int events_per_pass = 64;
+static constexpr int accepts_per_pass = 16;
+// How long the daemon does not try to accept after it ran out of descriptors or memory.
+static constexpr int accept_pause_ms = 1000;
+// Those of the clients, and some to spare beyond the standard streams, listener, epoll and signals.
+static constexpr rlim_t descriptors_max = clients_max + 32;
+
+// The names of the daemon's own descriptors in the epoll set; clients have ids from first_id.
+static constexpr uint64_t listener_name = 0;
+static constexpr uint64_t signals_name = 1;
+
+static bool complain(const char *what, const char *on)
+{
+	fprintf(stderr, "ubusd: unable to %s %s: %s\n", what, on, strerror(errno));
+	return false;
+}
+
+namespace
+{
+
+class server
+{
+	bus bus_;
+	std::string path_;
+	struct stat made_ = {}; // the socket file
+	owned_fd epoll_, listener_, signals_;
+	int64_t accept_again_ms_ = 0;      // when a pause in accepting ends; 0 without one
+	std::vector<uint32_t> unfinished_; // clients that have more to do at once
+
+	bool open_listener();
+	void remove_socket_file() const;
+	bool open_signals();
+	bool watch(int operation, int fd, uint64_t name, uint32_t events) const;
+	void pause_accepting();
+	void end_pause();
+	bool accept_one();
+	void accept_some();
+	void serve(uint32_t client_id, uint32_t events);
+	int wait_ms() const;
+
+public:
+	explicit server(std::string path) : path_(std::move(path)) {}
+	~server() { remove_socket_file(); }
+	server(const server &) = delete;
+	server &operator=(const server &) = delete;
+
+	bool open();
+	int run(); // the exit status of the process
+};
+
+} // namespace
+
+bool server::watch(int operation, int fd, uint64_t name, uint32_t events) const
+{
+	epoll_event event{};
+	event.events = events;
+	event.data.u64 = name;
+	return epoll_ctl(epoll_.get(), operation, fd, &event) == 0 || complain("watch", path_.c_str());
+}
+
+// Everybody may connect: what they may do then is the bus's business.
+bool server::open_listener()
+{
+	sockaddr_un name{};
+	name.sun_family = AF_UNIX;
+	if (path_.size() >= sizeof(name.sun_path)) {
+		errno = ENAMETOOLONG;
+		return complain("listen on", path_.c_str());
+	}
+	memcpy(name.sun_path, path_.c_str(), path_.size());
+	unlink(path_.c_str());
+	listener_.take(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+	mode_t before = umask(0111);
+	bool bound = bind(listener_.get(), reinterpret_cast<sockaddr *>(&name), sizeof(name)) == 0;
+	umask(before);
+	if (!bound || listen(listener_.get(), SOMAXCONN) < 0 || stat(path_.c_str(), &made_) < 0)
+		return complain("listen on", path_.c_str());
+	return watch(EPOLL_CTL_ADD, listener_.get(), listener_name, EPOLLIN);
+}
+
+// Another daemon may have taken the path over; its socket stays.
+void server::remove_socket_file() const
+{
+	struct stat now = {};
+	if (made_.st_ino != 0 && stat(path_.c_str(), &now) == 0 && now.st_ino == made_.st_ino &&
+		now.st_dev == made_.st_dev)
+		unlink(path_.c_str());
+}
+
+// Signals are events like others: the first one ends run().
+bool server::open_signals()
+{
+	sigset_t set;
+	sigemptyset(&set);
+	sigaddset(&set, SIGTERM);
+	sigaddset(&set, SIGINT);
+	sigprocmask(SIG_BLOCK, &set, nullptr);
+	signal(SIGPIPE, SIG_IGN);
+	signals_.take(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
+	return watch(EPOLL_CTL_ADD, signals_.get(), signals_name, EPOLLIN);
+}
+
+bool server::open()
+{
+	epoll_.take(epoll_create1(EPOLL_CLOEXEC));
+	return open_signals() && open_listener();
+}
+
+static int64_t now_ms()
+{
+	timespec now{};
+	clock_gettime(CLOCK_MONOTONIC, &now);
+	return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
+
+// Connections wait for a while: trying again at once would keep the processor busy.
+void server::pause_accepting()
+{
+	complain("accept on", path_.c_str());
+	accept_again_ms_ = now_ms() + accept_pause_ms;
+	watch(EPOLL_CTL_MOD, listener_.get(), listener_name, 0);
+}
+
+void server::end_pause()
+{
+	if (accept_again_ms_ == 0 || now_ms() < accept_again_ms_)
+		return;
+	accept_again_ms_ = 0;
+	watch(EPOLL_CTL_MOD, listener_.get(), listener_name, EPOLLIN);
+}
+
+// False when there is nobody to accept, or nothing to do it with. Who is too much, or nobody that the
+// password file knows, finds the connection closed.
+bool server::accept_one()
+{
+	owned_fd fd{accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)};
+	if (!fd.ok()) {
+		if (errno == EINTR || errno == ECONNABORTED)
+			return true;
+		if (errno != EAGAIN)
+			pause_accepting();
+		return false;
+	}
+	if (bus_.full())
+		return true;
+	if (std::optional<identity> who = identity_of_peer(fd.get()))
+		bus_.add_client(std::move(fd), epoll_.get(), std::move(*who));
+	return true;
+}
+
+void server::accept_some()
+{
+	for (int left = accepts_per_pass; left > 0 && accept_one(); --left)
+		;
+}
+
+void server::serve(uint32_t client_id, uint32_t events)
+{
+	if (bus_.serve(client_id, events))
+		unfinished_.push_back(client_id);
+}
+
+int server::wait_ms() const
+{
+	if (!unfinished_.empty())
+		return 0;
+	if (accept_again_ms_ == 0)
+		return -1;
+	return static_cast<int>(std::max<int64_t>(accept_again_ms_ - now_ms(), 0)) + 1;
+}
+
+// Serves everybody once: those who have something new, then those whom the last pass left unfinished.
+int server::run()
+{
+	epoll_event events[events_per_pass];
+	for (;;) {
+		int count = epoll_wait(epoll_.get(), events, events_per_pass, wait_ms());
+		if (count < 0 && errno != EINTR)
+			return complain("wait on", path_.c_str()), EXIT_FAILURE;
+		std::vector<uint32_t> unfinished = std::exchange(unfinished_, {});
+		for (int i = 0; i < count; ++i) {
+			uint64_t name = events[i].data.u64;
+			if (name == signals_name)
+				return EXIT_SUCCESS;
+			if (name == listener_name) {
+				accept_some();
+				continue;
+			}
+			serve(static_cast<uint32_t>(name), events[i].events);
+			std::erase(unfinished, name);
+		}
+		for (uint32_t client_id : unfinished)
+			serve(client_id, 0);
+		end_pause();
+	}
+}
+
+// The bus's own bound on clients is to be the one that counts.
+static void allow_descriptors()
+{
+	rlimit limit{};
+	if (getrlimit(RLIMIT_NOFILE, &limit) < 0)
+		return;
+	limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, std::max<rlim_t>(limit.rlim_cur, descriptors_max));
+	setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+int main(int argc, char **argv)
+{
+	std::string path = default_path;
+	for (int option; (option = getopt(argc, argv, "s:A:h")) != -1;) {
+		switch (option) {
+		case 's':
+			path = optarg;
+			break;
+		case 'A':
+			break;
+		case 'h':
+			fputs(usage_text, stdout);
+			return EXIT_SUCCESS;
+		default:
+			fputs(usage_text, stderr);
+			return EXIT_FAILURE;
+		}
+	}
+	allow_descriptors();
+	server bus_server(std::move(path));
+	return bus_server.open() ? bus_server.run() : EXIT_FAILURE;
+}
