@@ -1,7 +1,7 @@
 """
 The example daemon as its users meet it: a process, real curl, browsers' manners, and raw sockets.
 
-Usage: apstatd_test.py PATH_OF_APSTATD [TEST...]
+Usage: apstatd_test.py APSTATD APCTL UBUSD UBUS [TEST...]
 
 Every test starts a daemon of its own on a port that the kernel chooses, waits for the line that says it is
 ready, and in the end stops it with a signal: the exit status has to be 0 and standard error empty, which in a
@@ -24,17 +24,20 @@ import tempfile
 import time
 import unittest
 
-APSTATD = None  # the program, from the command line
-PATIENCE_S = 60  # far more than anything takes here; reaching it fails a test
+import daemons
+from daemons import CURL, PATIENCE_S, Client, curl, libc_check
 
-CURL = ("curl", "--silent", "--show-error", "--noproxy", "*", "--max-time", str(PATIENCE_S))
 COMMON = b"Server: kvhttpd\r\nPragma: no-cache\r\nExpires: 0\r\n"
 STATUS_KEYS = {"pid", "uptime_s", "requests", "open_connections", "deferred_answers", "timers_fired"}
 
 
-def libc_check(result):
-    if result != 0:
-        raise OSError(ctypes.get_errno(), "in a call of libc")
+class Daemon(daemons.Daemon):
+    def __init__(self, *options, **others):
+        super().__init__("apstatd", *options, **others)
+
+
+def run_to_its_end(*options, **popen):
+    return daemons.run_to_its_end("apstatd", *options, **popen)
 
 
 def enter_private_network():
@@ -52,195 +55,6 @@ def cover_in_private(path, replacement):
     libc_check(libc.unshare(0x20000))  # CLONE_NEWNS
     libc_check(libc.mount(b"none", b"/", None, ctypes.c_ulong(0x44000), None))  # MS_REC | MS_PRIVATE
     libc_check(libc.mount(replacement.encode(), path.encode(), None, ctypes.c_ulong(0x1000), None))  # MS_BIND
-
-
-def run_to_its_end(*options, **popen):
-    """Starts apstatd where it is expected to end by itself."""
-    return subprocess.run(
-        [APSTATD, *options],
-        stdin=subprocess.DEVNULL,
-        capture_output=True,
-        text=True,
-        timeout=PATIENCE_S,
-        check=False,
-        **popen,
-    )
-
-
-class Daemon:
-    """A running apstatd. Its standard output is a terminal, so its log goes there and to standard error."""
-
-    def __init__(self, *options, prepare=None):
-        def prepare_process():
-            libc_check(ctypes.CDLL(None).prctl(1, signal.SIGKILL))  # PR_SET_PDEATHSIG: not to outlive a test
-            if prepare:
-                prepare()
-
-        self.stderr = tempfile.TemporaryFile()
-        terminal, inner = os.openpty()
-        self.process = subprocess.Popen(
-            [APSTATD, *(options or ("--port", "0"))],
-            stdin=subprocess.DEVNULL,
-            stdout=inner,
-            stderr=self.stderr,
-            preexec_fn=prepare_process,
-        )
-        os.close(inner)
-        self.terminal = terminal
-        self.started = time.monotonic()
-        self.ready_line = self._read_line()
-        found = re.fullmatch(r"apstatd: listening on http://([0-9.]+):([0-9]+)/", self.ready_line)
-        if not found:
-            self.process.kill()
-            raise AssertionError(f"not the line of a start: {self.ready_line!r}; {self.read_stderr()!r}")
-        self.address = (found[1], int(found[2]))
-        self.url = f"http://{found[1]}:{found[2]}"
-        self._status_conn = None
-
-    def _read_line(self):
-        line = b""
-        while not line.endswith(b"\n"):
-            if not select.select([self.terminal], [], [], PATIENCE_S)[0]:
-                break
-            try:
-                byte = os.read(self.terminal, 1)
-            except OSError:  # the daemon has ended
-                break
-            if not byte:
-                break
-            line += byte
-        return line.decode().strip()
-
-    def read_stderr(self):
-        self.stderr.seek(0)
-        return self.stderr.read().decode(errors="replace")
-
-    def connect(self):
-        return Client(self.address)
-
-    def status(self):
-        """The status, asked for on one connection that stays open."""
-        if self._status_conn is None:
-            self._status_conn = self.connect()
-        return json.loads(self._status_conn.ask(b"GET /status HTTP/1.1\r\n\r\n").body)
-
-    def wait_for(self, **wanted):
-        """Asks for the status until it has these values."""
-        deadline = time.monotonic() + PATIENCE_S
-        while True:
-            status = self.status()
-            if wanted.items() <= status.items():
-                return status
-            if time.monotonic() > deadline:
-                raise AssertionError(f"waited in vain for {wanted}: {status}")
-
-    def stop(self, number=signal.SIGTERM):
-        self.process.send_signal(number)
-        return self.wait()
-
-    def wait(self):
-        """Its exit status; everything is checked by the caller."""
-        try:
-            return self.process.wait(PATIENCE_S)
-        finally:
-            self.release()
-
-    def release(self):
-        if self.process.poll() is None:
-            self.process.kill()
-            self.process.wait()
-        if self._status_conn:
-            self._status_conn.close()
-            self._status_conn = None
-        if self.terminal >= 0:
-            os.close(self.terminal)
-            self.terminal = -1
-
-
-class Answer:
-    def __init__(self, head, body):
-        self.bytes = head + body
-        self.body = body
-        lines = head.decode("latin-1").split("\r\n")
-        self.status_line = lines[0]
-        self.code = int(lines[0].split(" ")[1])
-        self.headers = dict(line.split(": ", 1) for line in lines[1:] if line)
-
-
-class Client:
-    """One raw connection, which reads answers by their Content-Length."""
-
-    def __init__(self, address):
-        self.socket = socket.create_connection(address, PATIENCE_S)
-        self.socket.settimeout(PATIENCE_S)
-        self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        self.received = b""
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.close()
-
-    def close(self):
-        self.socket.close()
-
-    def reset(self):
-        """Closes with a reset instead of the usual end."""
-        self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-        self.socket.close()
-
-    def send(self, request):
-        self.socket.sendall(request)
-
-    def _receive(self):
-        data = self.socket.recv(65536)
-        if not data:
-            raise EOFError(f"the connection ended within an answer: {self.received!r}")
-        self.received += data
-
-    def read(self):
-        while b"\r\n\r\n" not in self.received:
-            self._receive()
-        head_length = self.received.index(b"\r\n\r\n") + 4
-        head = self.received[:head_length]
-        length = head_length + int(re.search(rb"\r\nContent-Length: ([0-9]+)\r\n", head)[1])
-        while len(self.received) < length:
-            self._receive()
-        answer = Answer(head, self.received[head_length:length])
-        self.received = self.received[length:]
-        return answer
-
-    def ask(self, request):
-        self.send(request)
-        return self.read()
-
-    def get(self, target):
-        return self.ask(b"GET " + target.encode("latin-1") + b" HTTP/1.1\r\n\r\n")
-
-    def read_to_the_end(self):
-        """What comes until the daemon closes the connection."""
-        rest = self.received
-        self.received = b""
-        try:
-            while data := self.socket.recv(65536):
-                rest += data
-        except ConnectionResetError:
-            pass
-        return rest
-
-
-def curl(*arguments):
-    """Runs curl and returns what it has received; a failure of curl itself fails the test."""
-    result = subprocess.run(
-        [*CURL, *arguments],
-        stdin=subprocess.DEVNULL,
-        capture_output=True,
-        check=False,
-    )
-    if result.returncode != 0:
-        raise AssertionError(f"curl {arguments}: status {result.returncode}: {result.stderr.decode()}")
-    return result.stdout
 
 
 def processes(wanted):
@@ -277,17 +91,7 @@ class DaemonTest(unittest.TestCase):
         self.addCleanup(self.look_over, self.daemon)
 
     def look_over(self, daemon):
-        if daemon.process.returncode is None and daemon.process.poll() is None:
-            daemon.stop()
-        self.check_end(daemon)
-
-    def check_end(self, daemon):
-        status = daemon.wait()
-        errors = daemon.read_stderr()
-        daemon.stderr.close()
-        if errors:
-            self.fail("standard error of apstatd:\n" + errors)
-        self.assertEqual(status, 0)
+        daemons.look_over(self, daemon)
 
     def connect(self):
         client = self.daemon.connect()
@@ -712,6 +516,7 @@ class Run(DaemonTest):
 
 class Routing(DaemonTest):
     ROUTES = {"/": "GET", "/status": "GET", "/echo": "POST", "/param": "GET", "/slow": "GET", "/run": "GET"}
+    ROUTES |= {"/leds": "GET", "/bus": "GET"}
 
     def error_page(self, version, code, reason):
         page = f"<html><body><h1>{code} - {reason}</h1><p>Error</p></body></html>".encode()
@@ -854,7 +659,7 @@ class Shutdown(DaemonTest):
         self.assertEqual(self.daemon.stop(signal.SIGTERM), 0)
         for daemon in (Daemon(), Daemon()):
             self.assertEqual(daemon.stop(signal.SIGINT), 0)
-            self.check_end(daemon)
+            self.look_over(daemon)
 
     def test_stops_although_its_parent_ignores_the_signals(self):
         def ignore():
@@ -864,7 +669,7 @@ class Shutdown(DaemonTest):
         for number in (signal.SIGINT, signal.SIGTERM):
             daemon = Daemon(prepare=ignore)
             self.assertEqual(daemon.stop(number), 0)
-            self.check_end(daemon)
+            self.look_over(daemon)
 
     def test_stops_with_connections_open(self):
         fresh, used = [self.connect() for _ in range(10)], [self.connect() for _ in range(10)]
@@ -1011,7 +816,8 @@ class Options(unittest.TestCase):
         daemon.status()
 
     def test_ready_line_reaches_a_pipe_at_once(self):
-        process = subprocess.Popen([APSTATD, "--port", "0"], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
+        command = [daemons.PROGRAMS["apstatd"], "--bus", daemons.NO_BUS, "--port", "0"]
+        process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
         self.assertEqual(select.select([process.stdout], [], [], PATIENCE_S)[0], [process.stdout])
         self.assertRegex(process.stdout.readline(), rb"\Aapstatd: listening on http://127.0.0.1:[0-9]+/\n\Z")
         process.terminate()
@@ -1063,7 +869,4 @@ class Options(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    if len(sys.argv) < 2:
-        sys.exit(__doc__)
-    APSTATD = os.path.abspath(sys.argv.pop(1))
-    unittest.main(verbosity=2)
+    daemons.main(__doc__)

@@ -1,50 +1,46 @@
 /*
- * apstatd - a status daemon, and an example to copy from: an HTTP server on the event loop, with
- * answers that wait for a timer or for a child process. Where the library is installed, its headers
- * are <apbase/evloop.h> and so on.
+ * apstatd - the status daemon of an access point, and an example to copy from: an HTTP server on the event
+ * loop, with answers that wait for a timer or for a child process, and an object on the message bus. Where
+ * the library is installed, its headers are <apbase/evloop.h> and so on.
  *
- * There is one thread, one loop, and one record, `struct apstatd`, that owns all there is. There
- * are no globals: the library hands every callback the record it belongs to (a connection, a timer,
- * a child watcher), and container_of finds what lies around it.
+ * There is one thread, one loop, and one record, `struct apstatd`, that owns all there is. There are no
+ * globals here: the library hands every callback the record it belongs to (a connection, a timer, a child
+ * watcher, an object), and container_of, which comes with libubox, finds what lies around it. The one
+ * exception, where a callback gets no argument, is in examples/common/bus.c.
  *
  * A request is looked up in the table `routes` and answered by one function, in one of two ways.
  * Either it composes the answer in the connection's two buffers and returns, or it makes a `struct
  * deferred`, which owes the connection an answer until deferred_finish.
  *
- * Signals are a descriptor like any other. SIGTERM and SIGINT end the loop, after which everything
- * is given back: first the listening socket, then the answers still owed, then the connections.
- * SIGCHLD only has to wake the loop, which then reaps.
+ * On the bus it is the object "apstat", or "apstat.NAME", whose messages are JSON (ubus.h): the methods
+ * "status" and "set_led", and a notification "led" for every LED that changes. It subscribes to the object
+ * "apctl", the daemon that looks after all access points, and announces itself there as soon as, and
+ * whenever, that stands: when apctl starts late, when it restarts, and when the bus does. `join` is all there
+ * is to do for it on a new connection. Without a bus everything else works the same.
+ *
+ * What ends the daemon is in examples/common/daemon.c. Everything is given back then: first the answers still
+ * owed, then what was asked for on the bus, then the rest.
  */
 #define _POSIX_C_SOURCE 200809L
 
-#include <arpa/inet.h>
-#include <errno.h>
-#include <getopt.h>
 #include <jansson.h>
-#include <netdb.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
-#include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/signalfd.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "examples/common/daemon.h"
+#include "examples/common/http.h"
+#include "examples/common/message.h"
 #include "lib/evloop-process.h"
 #include "lib/evloop.h"
 #include "lib/httpd.h"
 #include "lib/log.h"
-#include "lib/sock.h"
 #include "lib/time.h"
-
-/* The record that `member`, of the given name and type, lies in. */
-#define container_of(member, type, name) ((type *)(void *)((char *)(member)-offsetof(type, name)))
-
-#define LISTEN_BACKLOG 128
+#include "lib/ubus.h"
 
 /* The server closes a connection after 60 seconds without input, deferred or not: stay well below. */
 #define SLOW_MS_MAX      30000
@@ -55,14 +51,19 @@
 
 /* The daemon. */
 struct apstatd {
-	struct httpd_ctx http;
-	struct sock listener;
-	struct evloop_io signals;  /* a signalfd */
+	struct daemon daemon;
 	struct deferred *deferred; /* the answers owed, latest first */
 	int64_t started;           /* microseconds of the monotonic clock */
 	uint64_t requests;         /* that reached handle_request, the current one included */
 	uint64_t timers_fired;
 	int children; /* that are running */
+
+	struct announcement self; /* who we are, and our LEDs */
+	struct ubus_object object;
+	struct ubus_subscription apctl;
+	struct ubus_retry_request announce;
+	bool announced;       /* apctl has taken up our latest announcement */
+	size_t access_points; /* that apctl knows of, as it has last said */
 };
 
 /*
@@ -78,37 +79,12 @@ struct deferred {
 	struct evloop_process process;
 };
 
-struct options {
-	const char *address;
-	int port;
-};
-
 static struct apstatd *apstatd_of(const struct httpd_conn *conn)
 {
-	return container_of(conn->ctx, struct apstatd, http);
+	return container_of(conn->ctx, struct apstatd, daemon.http);
 }
 
 /* ---- Requests ---- */
-
-/*
- * Reads a decimal number of at most `max`: digits only, no sign, no space around. Returns 0, or
- * -EINVAL, and then `*number` is as it was.
- */
-static int parse_number(const char *text, int max, int *number)
-{
-	int value = 0;
-	const char *digit = text;
-
-	for (; *digit >= '0' && *digit <= '9'; digit++) {
-		value = value * 10 + (*digit - '0');
-		if (value > max)
-			return -EINVAL;
-	}
-	if (digit == text || *digit != '\0')
-		return -EINVAL;
-	*number = value;
-	return 0;
-}
 
 /*
  * The decoded value of one of the query's parameters, wherever it stands, for the caller to free; null
@@ -131,70 +107,6 @@ static int query_number(struct httpd_conn *conn, const char *name, int max, int 
 	int error = text ? parse_number(text, max, number) : 0;
 	free(text);
 	return error;
-}
-
-static int path_is(const struct httpd_conn *conn, const char *path)
-{
-	if (conn->path_len == 0) /* "GET http://host HTTP/1.1" */
-		return strcmp(path, "/") == 0;
-	return (size_t)conn->path_len == strlen(path) && memcmp(conn->path, path, strlen(path)) == 0;
-}
-
-/* ---- Answers: they return what a handler returns, 1 to keep the connection and 0 to close it ---- */
-
-/*
- * Sends an error page instead of whatever was composed. The page would be taken for the next answer by whoever
- * asked with HEAD, so only the two methods that are understood keep their connection.
- */
-static int32_t answer_error(struct httpd_conn *conn, int code)
-{
-	httpd_fail(conn, conn->version, code);
-	return conn->method != HTTPD_METHOD_OTHER;
-}
-
-static void put_text(struct buffer *buffer, const char *text)
-{
-	buffer_write(buffer, text, (int32_t)strlen(text));
-}
-
-/*
- * Sends the body that was composed in `res_body`, behind a head.
- *
- * What formats into a buffer only fills the space that is free. It comes first, while the head has the
- * 512 bytes it starts with. The type, which may be a peer's text of any length, is appended.
- */
-static int32_t answer_body(struct httpd_conn *conn, const char *content_type)
-{
-	struct buffer *head = conn->res_head;
-	struct buffer *body = conn->res_body;
-
-	http_res_put_status_line(head, conn->version, 200, http_code_to_string(200));
-	httpd_common_headers(conn);
-	http_res_put_header(head, "Content-Length", "%d", (int)buffer_length(body));
-	if (conn->close_requested)
-		put_text(head, "Connection: close\r\n");
-	put_text(head, "X-Content-Type-Options: nosniff\r\n"
-		       "Content-Type: ");
-	put_text(head, content_type);
-	put_text(head, "\r\n\r\n");
-
-	stream_write(&conn->stream, head->data, (uint32_t)head->length);
-	stream_write(&conn->stream, body->data, (uint32_t)body->length);
-	httpd_res_buffers_reset(conn);
-	return 1;
-}
-
-/* Sends `json`, and drops the reference to it. Null, when memory was exhausted, becomes an error page. */
-static int32_t answer_json(struct httpd_conn *conn, json_t *json)
-{
-	char *text = json_dumps(json, 0);
-	json_decref(json);
-	if (!text)
-		return answer_error(conn, 500);
-	put_text(conn->res_body, text);
-	put_text(conn->res_body, "\n");
-	free(text);
-	return answer_body(conn, "application/json");
 }
 
 /* ---- Deferred answers ---- */
@@ -303,17 +215,48 @@ static json_int_t uptime_s(const struct apstatd *apstatd)
 	return (time_now() - apstatd->started) / 1000000;
 }
 
+static json_t *status_json(const struct apstatd *apstatd)
+{
+	return json_pack("{s:I, s:I, s:I, s:I, s:I, s:I}",                    //
+		"pid", (json_int_t)getpid(),                                  //
+		"uptime_s", uptime_s(apstatd),                                //
+		"requests", (json_int_t)apstatd->requests,                    //
+		"open_connections", count_connections(&apstatd->daemon.http), //
+		"deferred_answers", count_deferred(apstatd),                  //
+		"timers_fired", (json_int_t)apstatd->timers_fired);
+}
+
 static int32_t get_status(struct httpd_conn *conn)
 {
+	return answer_json(conn, status_json(apstatd_of(conn)));
+}
+
+/* ---- GET /leds ---- */
+
+static int32_t get_leds(struct httpd_conn *conn)
+{
+	return answer_json(conn, leds_json(&apstatd_of(conn)->self.leds));
+}
+
+/* ---- GET /bus ---- */
+
+/* The subscription ends with apctl, and is then due to be made again. */
+static bool is_subscribed(const struct apstatd *apstatd)
+{
+	return apstatd->daemon.bus.online && !apstatd->apctl.retry.pending;
+}
+
+static int32_t get_bus(struct httpd_conn *conn)
+{
 	const struct apstatd *apstatd = apstatd_of(conn);
+	bool subscribed = is_subscribed(apstatd);
 	return answer_json(conn,
-		json_pack("{s:I, s:I, s:I, s:I, s:I, s:I}",                    //
-			"pid", (json_int_t)getpid(),                           //
-			"uptime_s", uptime_s(apstatd),                         //
-			"requests", (json_int_t)apstatd->requests,             //
-			"open_connections", count_connections(&apstatd->http), //
-			"deferred_answers", count_deferred(apstatd),           //
-			"timers_fired", (json_int_t)apstatd->timers_fired));
+		json_pack("{s:b, s:s, s:b, s:b, s:I}",                        //
+			"connected", apstatd->daemon.bus.online != NULL,      //
+			"object", apstatd->self.object,                       //
+			"subscribed", (int)subscribed,                        //
+			"announced", (int)(subscribed && apstatd->announced), //
+			"access_points", (json_int_t)(subscribed ? apstatd->access_points : 0)));
 }
 
 /* ---- POST /echo ---- */
@@ -369,9 +312,9 @@ static int32_t get_slow(struct httpd_conn *conn)
 
 /*
  * Starts a shell that takes `seconds` and ends with `code`. It gets an empty signal mask, as ours is
- * inherited otherwise; a process group of its own, so that what it starts can be ended with it; and
- * none of our descriptors but the standard ones, as the library and signalfd close theirs on exec.
- * Only numbers are put into the command: text from the network has no place in one.
+ * inherited otherwise, and so is that libubus ignores SIGPIPE; a process group of its own, so that what it
+ * starts can be ended with it; and none of our descriptors but the standard ones, as the library and signalfd
+ * close theirs on exec. Only numbers are put into the command: text from the network has no place in one.
  *
  * Returns its process id, or a negated errno.
  */
@@ -384,14 +327,18 @@ static pid_t child_start(int seconds, int code)
 	char *const environment[] = {path, NULL};
 
 	pid_t pid = 0;
-	sigset_t no_signals;
+	sigset_t no_signals, ignored;
 	sigemptyset(&no_signals);
+	sigemptyset(&ignored);
+	sigaddset(&ignored, SIGPIPE);
 	posix_spawnattr_t attributes;
 	int error = posix_spawnattr_init(&attributes);
 	if (error)
 		return -error;
-	posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
+	posix_spawnattr_setflags(
+		&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
 	posix_spawnattr_setsigmask(&attributes, &no_signals);
+	posix_spawnattr_setsigdefault(&attributes, &ignored);
 	posix_spawnattr_setpgroup(&attributes, 0);
 	error = posix_spawn(&pid, "/bin/sh", NULL, &attributes, arguments, environment);
 	posix_spawnattr_destroy(&attributes);
@@ -449,114 +396,160 @@ static int32_t get_run(struct httpd_conn *conn)
 
 /* ---- Routes ---- */
 
-static const struct route {
-	const char *path;
-	int32_t method;
-	int32_t (*answer)(struct httpd_conn *conn);
-} routes[] = {
+static const struct route routes[] = {
 	{"/", HTTPD_METHOD_GET, get_page},
 	{"/status", HTTPD_METHOD_GET, get_status},
+	{"/leds", HTTPD_METHOD_GET, get_leds},
+	{"/bus", HTTPD_METHOD_GET, get_bus},
 	{"/echo", HTTPD_METHOD_POST, post_echo},
 	{"/param", HTTPD_METHOD_GET, get_param},
 	{"/slow", HTTPD_METHOD_GET, get_slow},
 	{"/run", HTTPD_METHOD_GET, get_run},
 };
 
-/*
- * Paths are compared as they were sent. `decoded_path` holds, by design of the decoder, two more
- * bytes behind the path for each escape in it; and no path here has a character that needs one.
- */
-static const struct route *route_of(const struct httpd_conn *conn)
-{
-	for (size_t index = 0; index < sizeof routes / sizeof routes[0]; index++)
-		if (path_is(conn, routes[index].path))
-			return &routes[index];
-	return NULL;
-}
-
 static int32_t handle_request(struct httpd_conn *conn)
 {
-	const struct route *route = route_of(conn);
-
 	apstatd_of(conn)->requests++;
-	if (!route)
-		return answer_error(conn, 404);
-	if (conn->method != route->method)
-		return answer_error(conn, 405);
-	return route->answer(conn);
+	return answer_by_route(conn, routes, sizeof routes / sizeof routes[0]);
 }
 
-/* ---- Signals ---- */
+/* ---- The object on the bus ---- */
 
-static void handle_signals(struct evloop_io *io, unsigned int events)
+/* {"pid": 17, ..., "name": "hall", "leds": {"power": true}}: as GET /status, and more. */
+static int bus_status(struct ubus_context *ctx, struct ubus_object *object, struct ubus_request_data *req,
+	const char *method, struct blob_attr *message)
 {
-	struct signalfd_siginfo info;
-	(void)events;
+	const struct apstatd *apstatd = container_of(object, struct apstatd, object);
+	json_t *status = status_json(apstatd);
+	(void)method, (void)message;
 
-	while (read(io->fd, &info, sizeof info) == (ssize_t)sizeof info)
-		if (info.ssi_signo != SIGCHLD)
-			evloop_end();
+	json_object_set_new(status, "name", json_string(apstatd->self.name));
+	json_object_set_new(status, "leds", leds_json(&apstatd->self.leds));
+	return bus_reply(ctx, req, status);
+}
+
+static void led_set(struct apstatd *apstatd, struct led *led, bool on)
+{
+	if (led->on == on)
+		return;
+	led->on = on;
+	bus_notify(&apstatd->daemon.bus, &apstatd->object, "led", led_json(led));
+}
+
+/* Asked for {"led": "power", "on": true}, it answers the same. */
+static int bus_set_led(struct ubus_context *ctx, struct ubus_object *object, struct ubus_request_data *req,
+	const char *method, struct blob_attr *message)
+{
+	struct apstatd *apstatd = container_of(object, struct apstatd, object);
+	struct led wanted;
+	(void)method;
+
+	if (led_parse(&wanted, message))
+		return UBUS_STATUS_INVALID_ARGUMENT;
+	struct led *led = leds_find(&apstatd->self.leds, wanted.name);
+	if (!led)
+		return UBUS_STATUS_INVALID_ARGUMENT;
+	led_set(apstatd, led, wanted.on);
+	return bus_reply(ctx, req, led_json(led));
+}
+
+static const struct ubus_method bus_methods[] = {
+	UBUS_METHOD_NOARG("status", bus_status),
+	UBUS_METHOD("set_led", bus_set_led, ubus_json_attrs),
+};
+
+/* ---- apctl ---- */
+
+/* The buffer is the request's own, which tells whose it is. */
+static int announce_prepare(struct blob_buf *message)
+{
+	const struct ubus_retry_request *request = container_of(message, struct ubus_retry_request, buf);
+	const struct apstatd *apstatd = container_of(request, struct apstatd, announce);
+	json_t *json = announcement_json(&apstatd->self);
+
+	ubus_pack_json_msg(message, json);
+	json_decref(json);
+	return 0;
+}
+
+/* {"accepted": true}. A refusal is an answer too: what ends with an error status is sent again and again. */
+static void announce_answer(struct ubus_request *request, int type, struct blob_attr *message)
+{
+	struct apstatd *apstatd = container_of(ubus_req_to_retry_request(request), struct apstatd, announce);
+	json_t *json = NULL;
+	int accepted = 0;
+	(void)type;
+
+	if (ubus_parse_json_msg(message, &json))
+		return;
+	json_unpack(json, "{s:b}", "accepted", &accepted);
+	json_decref(json);
+	apstatd->announced = accepted;
+	if (!accepted)
+		_log(4, "apctl has not accepted the announcement\n");
+}
+
+/* There is an apctl: for the first time, or another one. */
+static int apctl_found(struct ubus_subscription *subscription)
+{
+	struct apstatd *apstatd = container_of(subscription, struct apstatd, apctl);
+	apstatd->announced = false;
+	apstatd->access_points = 0;
+	return ubus_retry_request_invoke(&apstatd->announce);
+}
+
+/* Of apctl's notifications "aps" counts, which names the access points: {"names": ["attic", "hall"]}. */
+static int apctl_notifies(struct ubus_context *ctx, struct ubus_object *object, struct ubus_request_data *req,
+	const char *type, struct blob_attr *message)
+{
+	struct apstatd *apstatd = container_of(ubus_object_to_subscription(object), struct apstatd, apctl);
+	json_t *json = NULL;
+	(void)ctx, (void)req;
+
+	if (strcmp(type, "aps") != 0)
+		return UBUS_STATUS_OK;
+	if (ubus_parse_json_msg(message, &json))
+		return UBUS_STATUS_INVALID_ARGUMENT;
+	apstatd->access_points = json_array_size(json_object_get(json, "names"));
+	json_decref(json);
+	return UBUS_STATUS_OK;
 }
 
 /*
- * SIGCHLD is among them because the loop looks for exited children once a pass, and with the idle
- * timers of open connections pending a pass may wait for a minute. A parent that ignored SIGCHLD
- * would have left us a kernel that reaps our children for us, and forgets how they ended.
- *
- * Returns 0, or a negated errno.
+ * On every connection to the bus: the object, if it is not there yet, and the subscription, with all it
+ * entails.
  */
-static int signals_watch(struct evloop_io *io)
+static void join(struct bus *bus)
 {
-	sigset_t set;
-	sigemptyset(&set);
-	sigaddset(&set, SIGTERM);
-	sigaddset(&set, SIGINT);
-	sigaddset(&set, SIGCHLD);
-	signal(SIGCHLD, SIG_DFL);
-	if (sigprocmask(SIG_BLOCK, &set, NULL))
-		return -errno;
-
-	io->fd = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
-	if (io->fd < 0)
-		return -errno;
-	io->cb = handle_signals;
-	return evloop_io_add(io, EVLOOP_READ) ? -errno : 0;
+	struct apstatd *apstatd = container_of(bus, struct apstatd, daemon.bus);
+	memcpy(apstatd->self.url, apstatd->daemon.url, sizeof apstatd->self.url);
+	bus_add_object(bus, &apstatd->object);
+	apstatd->apctl.ctx = bus->ctx;
+	mox_ubus_subscribe(&apstatd->apctl, apctl_notifies);
 }
 
 /* ---- Start and stop ---- */
 
-static int apstatd_listen(struct apstatd *apstatd, const struct options *options)
+/* Two LEDs that are only remembered; those of the board would be set in led_set. */
+static const struct leds initial_leds = {.led = {{"power", true}, {"wlan", false}}, .count = 2};
+
+/* Everything about the bus that does not need one. Without a name it is the only access point around. */
+static void apstatd_init_bus(struct apstatd *apstatd, const char *name, struct ubus_object_type *type)
 {
-	char service[16];
-	snprintf(service, sizeof service, "%d", options->port);
+	struct announcement *self = &apstatd->self;
+	snprintf(self->name, sizeof self->name, "%s", *name ? name : "apstat");
+	snprintf(self->object, sizeof self->object, "apstat%s%s", *name ? "." : "", name);
+	self->leds = initial_leds;
 
-	apstatd->listener.flags = SOCK_TCP;
-	apstatd->listener.accept_cb = httpd_accept;
-	apstatd->listener.user = &apstatd->http;
-	return sock_listen(&apstatd->listener, options->address, service, LISTEN_BACKLOG);
-}
-
-/* What a failure of sock_listen means to whoever typed the command. */
-static const char *listen_error_text(int error)
-{
-	if (error == EAI_NONAME)
-		return "Unknown address";
-	if (error == -EINVAL)
-		return "The address cannot be resolved";
-	return strerror(abs(error));
-}
-
-/* Says where it listens, as read back from the socket: the port may have been the kernel's choice. */
-static void announce(const struct sock *listener)
-{
-	struct sockaddr_in bound = {0};
-	socklen_t size = sizeof bound;
-	char address[INET_ADDRSTRLEN] = "";
-
-	getsockname(listener->io.fd, (struct sockaddr *)&bound, &size);
-	inet_ntop(AF_INET, &bound.sin_addr, address, sizeof address);
-	printf("apstatd: listening on http://%s:%d/\n", address, ntohs(bound.sin_port));
-	fflush(stdout);
+	apstatd->object.name = self->object;
+	apstatd->object.type = type;
+	apstatd->object.methods = type->methods;
+	apstatd->object.n_methods = type->n_methods;
+	snprintf(apstatd->apctl.path, sizeof apstatd->apctl.path, "apctl");
+	apstatd->apctl.subscribed_cb = apctl_found;
+	ubus_retry_request_init(&apstatd->announce, &apstatd->daemon.bus.online, "announce", "apctl",
+		announce_prepare, announce_answer);
+	apstatd->daemon.bus.joined = join;
 }
 
 /* Answers what is owed with an error, so that the connection is free to be closed. */
@@ -569,118 +562,60 @@ static void deferred_abandon(struct deferred *deferred)
 	deferred_finish(deferred, 0);
 }
 
-/*
- * The order matters: no new connection may come, and httpd_ctx_cleanup leaves connections alone whose
- * answer is owed.
- */
 static void apstatd_stop(struct apstatd *apstatd)
 {
-	sock_close(&apstatd->listener);
 	for (struct deferred *deferred = apstatd->deferred, *next; deferred; deferred = next) {
 		next = deferred->next;
 		deferred_abandon(deferred);
 	}
-	httpd_ctx_cleanup(&apstatd->http);
+	ubus_retry_request_abort(&apstatd->announce);
+	mox_ubus_unsubscribe(&apstatd->apctl);
+	daemon_stop(&apstatd->daemon);
 }
 
 /* Runs the daemon until a signal stops it. Returns the exit status. */
-static int apstatd_run(const struct options *options)
+static int apstatd_run(const struct daemon_options *options)
 {
+	struct ubus_object_type type = UBUS_OBJECT_TYPE("apstat", bus_methods);
 	struct apstatd apstatd = {.started = time_now()};
-	httpd_ctx_init(&apstatd.http, handle_request);
 
-	if (evloop_init()) {
-		fprintf(stderr, "apstatd: cannot set up the event loop: %s\n", strerror(errno));
+	apstatd_init_bus(&apstatd, options->name, &type);
+	if (daemon_start(&apstatd.daemon, options, handle_request))
 		return EXIT_FAILURE;
-	}
-	int error = signals_watch(&apstatd.signals);
-	if (error) {
-		fprintf(stderr, "apstatd: cannot watch for signals: %s\n", strerror(-error));
-		return EXIT_FAILURE;
-	}
-	error = apstatd_listen(&apstatd, options);
-	if (error) {
-		fprintf(stderr, "apstatd: cannot listen on %s:%d: %s\n", options->address, options->port,
-			listen_error_text(error));
-		return EXIT_FAILURE;
-	}
-
-	announce(&apstatd.listener);
 	evloop_run();
 	_log(6, "stopping\n");
-
 	apstatd_stop(&apstatd);
-	evloop_io_delete(&apstatd.signals);
-	close(apstatd.signals.fd);
-	evloop_done();
 	return EXIT_SUCCESS;
 }
 
-/* ---- Command line ---- */
-
-static const char usage[] = "Usage: apstatd [--address ADDRESS] [--port PORT]\n"
-			    "\n"
-			    "Serves its own status over HTTP until SIGTERM or SIGINT.\n"
-			    "\n"
-			    "  --address ADDRESS  IPv4 address or host name to listen on (127.0.0.1);\n"
-			    "                     0.0.0.0 is every address of this machine\n"
-			    "  --port PORT        port to listen on, 0 to 65535 (8080); 0 takes a free one\n"
-			    "  --help             print this text\n"
-			    "\n"
-			    "GET  /                     a page that shows the status\n"
-			    "GET  /status               the status as JSON\n"
-			    "POST /echo                 the body that was sent\n"
-			    "GET  /param?x=TEXT         the decoded parameter\n"
-			    "GET  /slow?ms=N            an answer after N milliseconds, 0 to 30000 (1000)\n"
-			    "GET  /run?code=N&seconds=S the exit code of a child process that ends with\n"
-			    "                           code N, 0 to 255 (0), after S seconds, 0 to 30 (0)\n";
-
-/* The two results of options_parse that are not an exit status of this program. */
-enum { EXIT_USAGE = 2, OPTIONS_RUN = -1 };
-
-/* Reads the command line into `options`. Returns OPTIONS_RUN, or the status to exit with. */
-static int options_parse(int argc, char **argv, struct options *options)
-{
-	static const struct option known[] = {
-		{"address", required_argument, NULL, 'a'},
-		{"port", required_argument, NULL, 'p'},
-		{"help", no_argument, NULL, 'h'},
-		{NULL, 0, NULL, 0},
-	};
-	const char *word;
-	int found;
-
-	/* "+" stops at the first word that is no option, ":" leaves the messages to us. */
-	while (word = argv[optind], (found = getopt_long(argc, argv, "+:", known, NULL)) != -1) {
-		switch (found) {
-		case 'a':
-			options->address = optarg;
-			break;
-		case 'p':
-			if (parse_number(optarg, UINT16_MAX, &options->port) == 0)
-				break;
-			fprintf(stderr, "apstatd: bad port '%s': not a number from 0 to 65535\n", optarg);
-			return EXIT_USAGE;
-		case 'h':
-			fputs(usage, stdout);
-			return EXIT_SUCCESS;
-		case ':':
-			fprintf(stderr, "apstatd: option '%s' needs a value\n", word);
-			return EXIT_USAGE;
-		default:
-			fprintf(stderr, "apstatd: bad option '%s', see apstatd --help\n", word);
-			return EXIT_USAGE;
-		}
-	}
-	if (optind == argc)
-		return OPTIONS_RUN;
-	fprintf(stderr, "apstatd: unexpected argument '%s', see apstatd --help\n", argv[optind]);
-	return EXIT_USAGE;
-}
+static const char usage[] =
+	"Usage: apstatd [--address ADDRESS] [--port PORT] [--bus SOCKET] [--name NAME]\n"
+	"\n"
+	"Serves its own status over HTTP and on the message bus until SIGTERM or SIGINT.\n"
+	"\n"
+	"  --address ADDRESS  IPv4 address or host name to listen on (127.0.0.1);\n"
+	"                     0.0.0.0 is every address of this machine\n"
+	"  --port PORT        port to listen on, 0 to 65535 (8080); 0 takes a free one\n"
+	"  --bus SOCKET       the bus to join when there is one (the system's)\n"
+	"  --name NAME        be the object apstat.NAME on the bus (apstat)\n"
+	"  --help             print this text\n"
+	"\n"
+	"GET  /                     a page that shows the status\n"
+	"GET  /status               the status as JSON\n"
+	"GET  /leds                 which LEDs are on, as JSON\n"
+	"GET  /bus                  what the message bus looks like from here, as JSON\n"
+	"POST /echo                 the body that was sent\n"
+	"GET  /param?x=TEXT         the decoded parameter\n"
+	"GET  /slow?ms=N            an answer after N milliseconds, 0 to 30000 (1000)\n"
+	"GET  /run?code=N&seconds=S the exit code of a child process that ends with\n"
+	"                           code N, 0 to 255 (0), after S seconds, 0 to 30 (0)\n"
+	"\n"
+	"On the bus, in JSON: the methods status and set_led {\"led\": TEXT, \"on\": BOOL},\n"
+	"the notification led. It announces itself to the object apctl.\n";
 
 int main(int argc, char **argv)
 {
-	struct options options = {.address = "127.0.0.1", .port = 8080};
-	int status = options_parse(argc, argv, &options);
-	return status == OPTIONS_RUN ? apstatd_run(&options) : status;
+	struct daemon_options options = {.program = "apstatd", .usage = usage, .port = 8080, .name = ""};
+	int status = daemon_options_parse(&options, argc, argv);
+	return status == DAEMON_RUN ? apstatd_run(&options) : status;
 }

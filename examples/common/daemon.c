@@ -1,0 +1,225 @@
+/*
+ * Signals are a descriptor like any other. SIGTERM and SIGINT end the loop, after which everything is given
+ * back. SIGCHLD only has to wake the loop, which then reaps. libubus installs handlers for the three as well;
+ * blocked as they are, they never run.
+ */
+#define _POSIX_C_SOURCE 200809L
+
+#include "examples/common/daemon.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <getopt.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#define LISTEN_BACKLOG 128
+
+/* ---- Command line ---- */
+
+enum { EXIT_USAGE = 2 };
+
+int parse_number(const char *text, int max, int *number)
+{
+	int value = 0;
+	const char *digit = text;
+
+	for (; *digit >= '0' && *digit <= '9'; digit++) {
+		value = value * 10 + (*digit - '0');
+		if (value > max)
+			return -EINVAL;
+	}
+	if (digit == text || *digit != '\0')
+		return -EINVAL;
+	*number = value;
+	return 0;
+}
+
+/* One line on standard error; returns the status to exit with. */
+static int usage_error(
+	const struct daemon_options *options, const char *before, const char *word, const char *behind)
+{
+	fprintf(stderr, "%s: %s '%s'%s\n", options->program, before, word, behind);
+	return EXIT_USAGE;
+}
+
+static int usage_error_see_help(const struct daemon_options *options, const char *before, const char *word)
+{
+	char behind[64];
+	snprintf(behind, sizeof behind, ", see %s --help", options->program);
+	return usage_error(options, before, word, behind);
+}
+
+/* Takes up an option and its value. Returns DAEMON_RUN, or the status to exit with. */
+static int option_set(struct daemon_options *options, int option, const char *value)
+{
+	switch (option) {
+	case 'a':
+		options->address = value;
+		return DAEMON_RUN;
+	case 'p':
+		if (parse_number(value, UINT16_MAX, &options->port))
+			return usage_error(options, "bad port", value, ": not a number from 0 to 65535");
+		return DAEMON_RUN;
+	case 'b':
+		if (strlen(value) >= sizeof((struct sockaddr_un *)NULL)->sun_path)
+			return usage_error(options, "bad bus", value, ": too long for the path of a socket");
+		options->bus = value;
+		return DAEMON_RUN;
+	case 'n':
+		if (!is_name(value, AP_NAME_SIZE))
+			return usage_error(
+				options, "bad name", value, ": 1 to 24 of A-Z, a-z, 0-9, '-', '_' and '.'");
+		options->name = value;
+		return DAEMON_RUN;
+	default:
+		fputs(options->usage, stdout);
+		return EXIT_SUCCESS;
+	}
+}
+
+int daemon_options_parse(struct daemon_options *options, int argc, char **argv)
+{
+	const struct option known[] = {
+		{"address", required_argument, NULL, 'a'},
+		{"port", required_argument, NULL, 'p'},
+		{"bus", required_argument, NULL, 'b'},
+		{"help", no_argument, NULL, 'h'},
+		{options->name ? "name" : NULL, required_argument, NULL, 'n'},
+		{NULL, 0, NULL, 0},
+	};
+	const char *word;
+	int found;
+
+	/* "+" stops at the first word that is no option, ":" leaves the messages to us. */
+	while (word = argv[optind], (found = getopt_long(argc, argv, "+:", known, NULL)) != -1) {
+		if (found == ':')
+			return usage_error(options, "option", word, " needs a value");
+		if (found == '?')
+			return usage_error_see_help(options, "bad option", word);
+		int status = option_set(options, found, optarg);
+		if (status != DAEMON_RUN)
+			return status;
+	}
+	if (optind != argc)
+		return usage_error_see_help(options, "unexpected argument", argv[optind]);
+	return DAEMON_RUN;
+}
+
+/* ---- Signals ---- */
+
+static void handle_signals(struct evloop_io *io, unsigned int events)
+{
+	struct signalfd_siginfo info;
+	(void)events;
+
+	while (read(io->fd, &info, sizeof info) == (ssize_t)sizeof info)
+		if (info.ssi_signo != SIGCHLD)
+			evloop_end();
+}
+
+/*
+ * SIGCHLD is among them because the loop looks for exited children once a pass, and with the idle
+ * timers of open connections pending a pass may wait for a minute. A parent that ignored SIGCHLD
+ * would have left us a kernel that reaps our children for us, and forgets how they ended.
+ *
+ * Returns 0, or a negated errno.
+ */
+static int signals_watch(struct evloop_io *io)
+{
+	sigset_t set;
+	sigemptyset(&set);
+	sigaddset(&set, SIGTERM);
+	sigaddset(&set, SIGINT);
+	sigaddset(&set, SIGCHLD);
+	signal(SIGCHLD, SIG_DFL);
+	if (sigprocmask(SIG_BLOCK, &set, NULL))
+		return -errno;
+
+	io->fd = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+	if (io->fd < 0)
+		return -errno;
+	io->cb = handle_signals;
+	return evloop_io_add(io, EVLOOP_READ) ? -errno : 0;
+}
+
+/* ---- Start and stop ---- */
+
+static int listen_on(struct daemon *daemon, const char *address, int port)
+{
+	char service[16];
+	snprintf(service, sizeof service, "%d", port);
+
+	daemon->listener.flags = SOCK_TCP;
+	daemon->listener.accept_cb = httpd_accept;
+	daemon->listener.user = &daemon->http;
+	return sock_listen(&daemon->listener, address, service, LISTEN_BACKLOG);
+}
+
+/* What a failure of sock_listen means to whoever typed the command. */
+static const char *listen_error_text(int error)
+{
+	if (error == EAI_NONAME)
+		return "Unknown address";
+	if (error == -EINVAL)
+		return "The address cannot be resolved";
+	return strerror(abs(error));
+}
+
+/* Where it listens, as read back from the socket: the port may have been the kernel's choice. */
+static void find_url(struct daemon *daemon)
+{
+	struct sockaddr_in bound = {0};
+	socklen_t size = sizeof bound;
+	char address[INET_ADDRSTRLEN] = "";
+
+	getsockname(daemon->listener.io.fd, (struct sockaddr *)&bound, &size);
+	inet_ntop(AF_INET, &bound.sin_addr, address, sizeof address);
+	snprintf(daemon->url, sizeof daemon->url, "http://%s:%d/", address, ntohs(bound.sin_port));
+}
+
+int daemon_start(struct daemon *daemon, const struct daemon_options *options, httpd_handler handler)
+{
+	const char *program = options->program;
+	const char *address = options->address ? options->address : "127.0.0.1";
+
+	httpd_ctx_init(&daemon->http, handler);
+	if (evloop_init()) {
+		fprintf(stderr, "%s: cannot set up the event loop: %s\n", program, strerror(errno));
+		return -1;
+	}
+	int error = signals_watch(&daemon->signals);
+	if (error) {
+		fprintf(stderr, "%s: cannot watch for signals: %s\n", program, strerror(-error));
+		return -1;
+	}
+	error = listen_on(daemon, address, options->port);
+	if (error) {
+		fprintf(stderr, "%s: cannot listen on %s:%d: %s\n", program, address, options->port,
+			listen_error_text(error));
+		return -1;
+	}
+	find_url(daemon);
+	printf("%s: listening on %s\n", program, daemon->url);
+	fflush(stdout);
+	bus_start(&daemon->bus, options->bus);
+	return 0;
+}
+
+void daemon_stop(struct daemon *daemon)
+{
+	sock_close(&daemon->listener);
+	httpd_ctx_cleanup(&daemon->http);
+	bus_stop(&daemon->bus);
+	evloop_io_delete(&daemon->signals);
+	close(daemon->signals.fd);
+	evloop_done();
+}

@@ -1,0 +1,64 @@
+/*
+ * daemon - what a daemon is made of here, whatever it does: a command line, an HTTP server, signals that end
+ * it, and a connection to the message bus.
+ *
+ *	int main(int argc, char **argv)
+ *	{
+ *		struct daemon_options options = {.program = "name", .usage = "Usage: ...", .port = 8080};
+ *		int status = daemon_options_parse(&options, argc, argv);
+ *		return status == DAEMON_RUN ? run(&options) : status;
+ *	}
+ *
+ * and `run` calls daemon_start, evloop_run and daemon_stop.
+ */
+#pragma once
+#include "examples/common/bus.h"
+#include "examples/common/message.h"
+#include "lib/httpd.h"
+#include "lib/sock.h"
+
+/* The result of daemon_options_parse that is not an exit status. */
+#define DAEMON_RUN (-1)
+
+/* The command line. Set `program` and `usage`, and defaults of the rest. */
+struct daemon_options {
+	const char *program;
+	const char *usage;
+	const char *address; /* null: 127.0.0.1 */
+	int port;            /* 0: a free one */
+	const char *bus;     /* the bus's socket; null: where libubus looks by itself */
+	const char *name;    /* null: --name is no option of this program */
+};
+
+/* Reads the command line. Returns DAEMON_RUN, or the status to exit with: all has been said then. */
+int daemon_options_parse(struct daemon_options *options, int argc, char **argv);
+
+/* A running daemon, part of the record that owns all there is; start from zero bytes, set `bus.joined`. */
+struct daemon {
+	char url[URL_SIZE]; /* of the HTTP server, with the port that it has got */
+	struct httpd_ctx http;
+	struct sock listener;
+	struct evloop_io signals; /* a signalfd */
+	struct bus bus;
+};
+
+/*
+ * Sets up the loop, signals and the HTTP server, prints where it listens on standard output, and connects to
+ * the bus if there is one. SIGTERM and SIGINT end the loop; SIGCHLD wakes it, so that children are noticed at
+ * once.
+ *
+ * Returns 0, or -1 after a message on standard error; the process is to end then.
+ */
+int daemon_start(struct daemon *daemon, const struct daemon_options *options, httpd_handler handler);
+
+/*
+ * Gives everything back, once the loop has ended. Before it, answers that are owed are given
+ * (httpd_ctx_cleanup leaves their connections alone), retry requests aborted, and subscriptions ended.
+ */
+void daemon_stop(struct daemon *daemon);
+
+/*
+ * Reads a decimal number of at most `max`: digits only, no sign, no space around. Returns 0, or
+ * -EINVAL, and then `*number` is as it was.
+ */
+int parse_number(const char *text, int max, int *number);

@@ -1,0 +1,35 @@
+/*
+ * http - the answers of an HTTP server, and which function gives them.
+ *
+ * A handler composes an answer in the connection's two buffers and returns what the answer_* functions
+ * return: 1 to keep the connection, 0 to close it.
+ */
+#pragma once
+#include <jansson.h>
+#include <stddef.h>
+
+#include "lib/httpd.h"
+
+struct route {
+	const char *path;
+	int32_t method;
+	int32_t (*answer)(struct httpd_conn *conn);
+};
+
+/* Has the route of this path and method answer; 404 where there is no such path, 405 for another method. */
+int32_t answer_by_route(struct httpd_conn *conn, const struct route *routes, size_t count);
+
+/*
+ * Sends an error page instead of whatever was composed. The page would be taken for the next answer by
+ * whoever asked with HEAD, so only the two methods that are understood keep their connection.
+ */
+int32_t answer_error(struct httpd_conn *conn, int code);
+
+/* Sends the body that was composed in `res_body`, behind a head. */
+int32_t answer_body(struct httpd_conn *conn, const char *content_type);
+
+/* Sends `json`, and drops the reference to it. Null, when memory was exhausted, becomes an error page. */
+int32_t answer_json(struct httpd_conn *conn, json_t *json);
+
+/* Appends a text to one of the connection's buffers. */
+void put_text(struct buffer *buffer, const char *text);
