@@ -17,11 +17,14 @@ import subprocess
 import sys
 import tempfile
 
+import bus_peers
 import servers
 from servers import ANSWER_BYTES, HERE, TITLES, Client, Failure, IdleConnections, Line
 
 IDLE_COUNT = 5000
 RESIDENT_COUNT = 2000
+SOAK_CALLS = 500_000
+SOAK_RESTARTS = 100
 
 
 class Aims:
@@ -408,6 +411,89 @@ def section_buffer(bench):
     return "Byte buffer, pieces of 200 bytes", Micro(bench, "buffer_bench").table("libevent", "pieces")
 
 
+def bus_rounds(bench, kind, rounds, count):
+    """By form: for each round, the round trips a second, and the microseconds of CPU time of one."""
+    pairs = {}
+    result = {form: [] for form in bus_peers.FORMS}
+    try:
+        for form in bus_peers.FORMS:
+            pairs[form] = bus_peers.CallPair(bench, form, cpu=bench.cpu)
+            pairs[form].calls(kind, count // 4)
+        for turn in range(rounds):
+            say(f"bus, {kind} calls: round {turn + 1} of {rounds}")
+            for form in rotated(list(bus_peers.FORMS), turn):
+                seconds, cpu_seconds = pairs[form].calls(kind, count)
+                result[form].append((count / seconds, cpu_seconds / count * 1e6))
+    finally:
+        for pair in pairs.values():
+            pair.stop()
+    return result
+
+
+def bus_instructions(bench, form, kind):
+    """User instructions of a round trip, the caller's and the called one's."""
+    profile = os.path.join(bench.scratch, "callgrind-bus")
+    wrapper = ["valgrind", "--quiet", "--tool=callgrind", f"--callgrind-out-file={profile}"]
+    fewer, more = 200, bench.pick(700, 2200)
+
+    def read():
+        with open(profile) as file:
+            return int(re.search(r"^(?:summary|totals): (\d+)", file.read(), re.M)[1])
+
+    counted = {"caller": [], "called": []}
+    for count in (fewer, more):
+        with bus_peers.CallPair(bench, form) as pair:
+            pair.calls(kind, count, wrapper=wrapper)
+        counted["caller"].append(read())
+        with bus_peers.CallPair(bench, form, wrapper=wrapper) as pair:
+            pair.calls(kind, count)
+        counted["called"].append(read())
+    return sum((after - before) / (more - fewer) for before, after in counted.values())
+
+
+def section_bus(bench):
+    text = ""
+    titles = {"async": "ubus_req_async_to", "retry": "ubus_retry_request_invoke: a look-up and a call"}
+    for kind, title in titles.items():
+        result = bus_rounds(bench, kind, bench.pick(7, 31), bench.pick(1000, 4000))
+        cpu = {form: [microseconds for _, microseconds in values] for form, values in result.items()}
+        instructions = {}
+        for form in bus_peers.FORMS:
+            say(f"bus, {kind} calls: instructions, {form}")
+            instructions[form] = bus_instructions(bench, form, kind)
+        rows, before = [], None
+        for form, form_title in bus_peers.FORMS.items():
+            rows.append([form_title, number(statistics.median(rate for rate, _ in result[form]))])
+            rows[-1] += [number(statistics.median(cpu[form])), number(instructions[form]), "", ""]
+            if before:
+                # Of what libubus, the bus daemon and the kernel take: jansson's time is not in it.
+                shares = [(b - a) / plain * 100 for a, b, plain in zip(cpu[before], cpu[form], cpu["plain"])]
+                rows[-1][-2:] = [f"{statistics.median(shares):+.1f}", spread(shares)]
+            before = form
+        bench.aims.at_most(f"bus, {kind} calls: % that lib/ubus adds", statistics.median(shares), 10)
+        head = [title, "round trips a second", "CPU µs", "instructions", "% of the first added", "spread"]
+        text += markdown(head, rows) + "\n"
+    return "Calls with JSON both ways over the message bus, one after the other", text
+
+
+def section_bus_soak(bench):
+    wanted, restarts = bench.pick(SOAK_CALLS // 10, SOAK_CALLS), bench.pick(SOAK_RESTARTS // 6, SOAK_RESTARTS)
+    every = wanted // (restarts + 1)
+    samples = list(bus_peers.soak(bench, wanted, every, lambda count: say(f"bus soak: {count:,} of {wanted:,} calls")))
+    if len(samples) != restarts + 1:
+        raise Failure(f"soak: {len(samples) - 1} restarts instead of {restarts}")
+    begin = -(-len(samples) // 10)
+    rows = []
+    for name, resident in zip(("calling", "called"), zip(*samples)):
+        settled, most = resident[begin], max(resident[begin:])
+        rows.append([name, number(resident[0] / 1024), number(settled / 1024), number(most / 1024)])
+        rows[-1] += [number(resident[-1] / 1024)]
+        bench.aims.at_most(f"bus soak, {name}: KiB more after 10 % of the run", (most - settled) / 1024, 0)
+    head = ["daemon", "resident KiB at the start", "after 10 %", "most since", "at the end"]
+    title = f"{wanted:,} calls over a message bus that is restarted {restarts} times"
+    return title, markdown(head, rows)
+
+
 def section_size(bench):
     library = os.path.realpath(os.path.join(bench.binaries, "libapbase.so"))
     stripped = os.path.join(bench.scratch, "stripped.so")
@@ -430,6 +516,8 @@ SECTIONS = {
     "dispatch": section_dispatch,
     "htable": section_htable,
     "buffer": section_buffer,
+    "bus": section_bus,
+    "bus-soak": section_bus_soak,
     "size": section_size,
 }
 
