@@ -12,35 +12,9 @@
 #include "lib/log.h"
 #include "lib/time.h"
 #include "tests/support.h"
+#include "tests/syslog_messages.h"
 
 using namespace support;
-
-// What is logged, with its priority. These definitions stand before the C library's, for the library under
-// test too, which calls the second where calls are fortified.
-struct logged {
-	int priority;
-	std::string text;
-
-	bool operator==(const logged &other) const = default;
-};
-
-static std::vector<logged> messages;
-
-extern "C" {
-void __vsyslog_chk(int priority, int flag, const char *format, va_list arguments);
-
-void vsyslog(int priority, const char *format, va_list arguments)
-{
-	char text[256];
-	vsnprintf(text, sizeof(text), format, arguments);
-	messages.push_back({priority, text});
-}
-
-void __vsyslog_chk(int priority, int, const char *format, va_list arguments)
-{
-	vsyslog(priority, format, arguments);
-}
-}
 
 namespace
 {

@@ -5,43 +5,15 @@
 // waits in the context's socket when the look-up begins.
 #include "lib/ubus.h"
 
-#include <stdarg.h>
-
 #include <array>
 #include <type_traits>
 
 #include "lib/sock.h"
 #include "lib/time.h"
+#include "tests/syslog_messages.h"
 #include "tests/ubus_support.h"
 
 using namespace support;
-
-// What goes to syslog, with its priority. These definitions stand before the C library's, for the library
-// under test too, which calls the second where calls are fortified.
-struct logged {
-	int priority;
-	std::string text;
-
-	bool operator==(const logged &other) const = default;
-};
-
-static std::vector<logged> messages;
-
-extern "C" {
-void __vsyslog_chk(int priority, int flag, const char *format, va_list arguments);
-
-void vsyslog(int priority, const char *format, va_list arguments)
-{
-	char text[256];
-	vsnprintf(text, sizeof(text), format, arguments);
-	messages.push_back({priority, text});
-}
-
-void __vsyslog_chk(int priority, int, const char *format, va_list arguments)
-{
-	vsyslog(priority, format, arguments);
-}
-}
 
 namespace
 {

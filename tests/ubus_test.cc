@@ -6,7 +6,6 @@
 #include "lib/ubus.h"
 
 #include <linux/sockios.h>
-#include <stdarg.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>
@@ -21,11 +20,11 @@
 #include <gtest/gtest.h>
 
 #include "tests/support.h"
+#include "tests/syslog_messages.h"
 #include "tests/ubus_support.h"
 
 using namespace support;
 using testing::ElementsAre;
-using testing::Pair;
 
 // The memory of a context can be made to be used again for the next one. These definitions stand before
 // the C library's, for the libraries under test too, and pass everything else on to it, or to a
@@ -90,24 +89,6 @@ PASSES_ON void free(void *block) noexcept
 	}
 	__interceptor_free ? __interceptor_free(block) : __libc_free(block);
 }
-}
-
-// What goes to the system log. A fortified library calls the second.
-static std::vector<std::pair<int, std::string>> syslog_lines;
-extern "C" void __vsyslog_chk(int priority, int flag, const char *format, va_list arguments);
-
-extern "C" __attribute__((format(printf, 2, 0))) void vsyslog(
-	int priority, const char *format, va_list arguments)
-{
-	char text[256];
-	vsnprintf(text, sizeof(text), format, arguments);
-	syslog_lines.emplace_back(priority, text);
-}
-
-extern "C" __attribute__((format(printf, 3, 0))) void __vsyslog_chk(
-	int priority, int, const char *format, va_list arguments)
-{
-	vsyslog(priority, format, arguments);
 }
 
 namespace
@@ -890,7 +871,7 @@ TEST_F(ubus_async, silence_beyond_the_timeout_is_logged_and_ends_the_call)
 
 TEST_F(ubus_async, every_failure_is_logged_at_priority_3)
 {
-	syslog_lines.clear();
+	messages.clear();
 	log_open(LOG_DEST_SYSLOG, LOG_USER, nullptr);
 	EXPECT_EQ(call("big", never_ms, std::string(1U << 20, 'x')), -1);
 	put_in_flight(1, 1);
@@ -898,8 +879,8 @@ TEST_F(ubus_async, every_failure_is_logged_at_priority_3)
 	server->answer(9);
 	ASSERT_EQ(call("m"), 0);
 	ASSERT_TRUE(run_until_idle());
-	EXPECT_THAT(syslog_lines, ElementsAre(Pair(3, "ubus-ureq-async: error invoking big: 2\n"),
-					  Pair(3, timed_out), Pair(3, failed(9))));
+	EXPECT_EQ(messages, (std::vector<logged>{{3, "ubus-ureq-async: error invoking big: 2\n"},
+				    {3, timed_out}, {3, failed(9)}}));
 }
 
 TEST_F(ubus_async, answer_after_the_timeout_is_ignored)
