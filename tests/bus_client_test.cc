@@ -2316,6 +2316,50 @@ TEST_F(bus_client, lookup_of_a_pattern_gives_the_last_id_and_every_object)
 	EXPECT_EQ(ubus_lookup(ctx_, "no*", on_object, ctx_), 4);
 }
 
+TEST_F(bus_client, found_object_lives_as_long_as_its_callback_whatever_that_reads)
+{
+	connect();
+	auto on_object = [](ubus_context *ctx, ubus_object_data *data, void *) {
+		uint32_t id = 0;
+		EXPECT_EQ(ubus_lookup_id(ctx, "x", &id), 0);
+		note(data->path);
+		EXPECT_EQ(blob_raw_len(data->signature), 4U);
+	};
+	say(found_frame(1, 2000, "a") +
+		wire::frame(wire::data, 9, 9, wire::text(1, std::string(100'000, 'x'))) +
+		status_frame(2, 0, 0) + status_frame(1, 0, 0));
+	EXPECT_EQ(ubus_lookup(ctx_, nullptr, on_object, nullptr), 0);
+	EXPECT_THAT(take_events(), ElementsAre("a"));
+}
+
+TEST_F(bus_client, waiting_for_a_request_that_has_ended_leaves_it_unlinked)
+{
+	connect();
+	call ended;
+	ended.start(ctx_);
+	EXPECT_EQ(sync_call(status_frame(1, demo_id, 4)), 0);
+	EXPECT_THAT(take_events(), ElementsAre("call: 4"));
+	EXPECT_EQ(ubus_complete_request(ctx_, &ended, 0), 4);
+	EXPECT_TRUE(list_empty(&ctx_->requests));
+	call aborted;
+	aborted.start(ctx_);
+	ubus_abort_request(ctx_, &aborted);
+	ubus_complete_request(ctx_, &aborted, 0);
+	EXPECT_TRUE(list_empty(&ctx_->requests));
+}
+
+TEST_F(bus_client, data_that_claims_to_have_a_name_counts_as_missing)
+{
+	connect();
+	call request;
+	request.start(ctx_);
+	std::string named = wire::attribute(wire::attr_data, "");
+	named[0] = static_cast<char>(named[0] | 0x80);
+	serve(wire::frame(wire::data, 1, demo_id, wire::number(wire::attr_objid, demo_id) + named) +
+		status_frame(1, demo_id, 0));
+	EXPECT_THAT(take_events(), ElementsAre("call: 0"));
+}
+
 // ---- objects
 
 TEST_F(bus_client, object_is_added_as_recorded)
@@ -2951,6 +2995,21 @@ struct notification : ubus_notify_request {
 		ubus_complete_request_async(ctx, &req);
 	}
 };
+
+TEST_F(bus_notifier, connection_that_breaks_inside_the_last_status_ends_it_once)
+{
+	notification request;
+	request.start(ctx_, &demo_);
+	request.status_cb = [](ubus_notify_request *self, int, int) {
+		uint32_t id;
+		EXPECT_EQ(ubus_lookup_id(self->req.ctx, "x", &id), UBUS_STATUS_CONNECTION_FAILED);
+	};
+	say(list_frame(2, {2000}) + subscriber_status(2, 2000, 0));
+	shutdown(peer_.get(), SHUT_WR);
+	serve();
+	serve();
+	EXPECT_THAT(take_events(), ElementsAre("lost", "complete 0: 0"));
+}
 
 TEST_F(bus_notifier, hears_each_subscriber_and_then_the_end)
 {

@@ -1168,6 +1168,35 @@ TEST_F(ubusd_wire, client_may_vanish_before_its_hello)
 	EXPECT_TRUE(eventually([&] { return descriptor_count(&healthy) == descriptors; }));
 }
 
+TEST_F(ubusd_wire, path_of_a_client_that_has_gone_is_free_for_whoever_connects_after_it)
+{
+	raw_client a = connect();
+	ASSERT_NE(a.add("demo"), 0U);
+	siginfo_t info;
+	kill(daemon().pid(), SIGSTOP);
+	ASSERT_EQ(waitid(P_PID, static_cast<id_t>(daemon().pid()), &info, WSTOPPED), 0);
+	for (int count = 0; count < 200; ++count)
+		a.request(wire::ping, 0);
+	a.close();
+	owned_fd again = connect_to_path(daemon().path());
+	ASSERT_TRUE(
+		write_all(again.get(), wire::frame(wire::add_object, 1, 0,
+					       path("demo") + wire::attribute(wire::attr_signature, ""))));
+	kill(daemon().pid(), SIGCONT);
+	EXPECT_EQ(receive_frame(again.get()).type(), wire::hello);
+	EXPECT_EQ(receive_frame(again.get()).type(), wire::data);
+	EXPECT_EQ(receive_frame(again.get()).status(), 0);
+}
+
+TEST_F(ubusd_wire, attributes_with_names_count_as_missing)
+{
+	raw_client a = connect();
+	std::string named = wire::number(wire::attr_objid, 1);
+	named[0] = static_cast<char>(named[0] | 0x80);
+	EXPECT_EQ(a.status_of(wire::remove_object, 0, named), 2);
+	EXPECT_EQ(a.status_of(wire::remove_object, 0, wire::number(wire::attr_objid, 5000)), 4);
+}
+
 TEST_F(ubusd_wire, last_words_of_a_client_are_heard)
 {
 	raw_client b = connect();

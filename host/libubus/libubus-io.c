@@ -144,6 +144,10 @@ void ubus_parse_msg(struct blob_attr *msg, struct blob_attr *attrs[UBUS_ATTR_MAX
 		[UBUS_ATTR_GROUP] = {.type = BLOB_ATTR_STRING},
 	};
 	blob_parse(msg, attrs, types, UBUS_ATTR_MAX);
+	/* Readers of named attributes would look for a name, of any length that it claims. */
+	for (int id = 0; id < UBUS_ATTR_MAX; ++id)
+		if (attrs[id] && blob_is_extended(attrs[id]))
+			attrs[id] = NULL;
 }
 
 int ubus_socket_open(const char *path)

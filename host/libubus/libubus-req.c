@@ -215,7 +215,10 @@ static void process_notify_status(struct ubus_notify_request *req, uint32_t peer
 		wait_for_subscribers(req, attrs[UBUS_ATTR_SUBSCRIBERS]);
 	req->pending &= ~(1U << index);
 
+	/* Nothing else must end it while the last callback runs. */
 	bool ended = req->pending == 0;
+	if (ended)
+		list_del_init(&req->req.list);
 	if (index > 0 && req->status_cb)
 		req->status_cb(req, index, status);
 	if (ended)
@@ -348,12 +351,10 @@ static void serve_until_ended(struct ubus_context *ctx, struct ubus_request *req
 /* The result of a request that was waited for; one that has not ended is given up. */
 static int result_of(struct ubus_request *req)
 {
+	list_del_init(&req->list); /* also one that had ended before, and was linked once more */
 	if (req->cancelled)
 		return UBUS_STATUS_NO_DATA;
-	if (req->status_msg)
-		return req->status_code;
-	list_del_init(&req->list);
-	return UBUS_STATUS_TIMEOUT;
+	return req->status_msg ? req->status_code : UBUS_STATUS_TIMEOUT;
 }
 
 int ubus_complete_request(struct ubus_context *ctx, struct ubus_request *req, int timeout_ms)
@@ -428,7 +429,6 @@ struct lookup_caller {
 static void on_object_found(struct ubus_request *req, int type, struct blob_attr *msg)
 {
 	(void)type;
-	struct lookup_caller *caller = req->priv;
 	struct blob_attr *attrs[UBUS_ATTR_MAX];
 	ubus_parse_msg(msg, attrs);
 	if (!attrs[UBUS_ATTR_OBJID] || !attrs[UBUS_ATTR_OBJPATH])
@@ -439,13 +439,24 @@ static void on_object_found(struct ubus_request *req, int type, struct blob_attr
 		.path = blob_get_string(attrs[UBUS_ATTR_OBJPATH]),
 		.signature = attrs[UBUS_ATTR_SIGNATURE],
 	};
+	struct lookup_caller *caller = req->priv;
 	caller->cb(req->ctx, &found, caller->priv);
+}
+
+/* The callback may read other messages into the buffer that this one is in. */
+static void on_object_received(struct ubus_request *req, int type, struct blob_attr *msg)
+{
+	struct blob_attr *copy = blob_memdup(msg);
+	if (!copy)
+		return;
+	on_object_found(req, type, copy);
+	free(copy);
 }
 
 int ubus_lookup(struct ubus_context *ctx, const char *path, ubus_lookup_handler_t cb, void *priv)
 {
 	struct lookup_caller caller = {cb, priv};
-	return lookup(ctx, path, on_object_found, &caller);
+	return lookup(ctx, path, on_object_received, &caller);
 }
 
 static void on_id_found(struct ubus_request *req, int type, struct blob_attr *msg)

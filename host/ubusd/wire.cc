@@ -83,6 +83,10 @@ framing frame_parse(byte_queue *bytes, frame *result)
 	result->peer = be32_to_cpu(header.peer);
 	result->body = body;
 	blob_parse_untrusted(body, blob_raw_len(body), result->attributes, attribute_info, UBUS_ATTR_MAX);
+	// A message's attributes have no names.
+	for (blob_attr *&attribute : result->attributes)
+		if (attribute && blob_is_extended(attribute))
+			attribute = nullptr;
 	return framing::complete;
 }
 

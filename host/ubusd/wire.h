@@ -7,6 +7,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -77,7 +78,11 @@ class message
 	}
 
 public:
-	message() { failed_ = blob_buf_init(&buf_, 0) != 0; }
+	message()
+	{
+		if (blob_buf_init(&buf_, 0) != 0)
+			throw std::bad_alloc();
+	}
 	~message() { blob_buf_free(&buf_); }
 	message(const message &) = delete;
 	message &operator=(const message &) = delete;
