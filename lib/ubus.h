@@ -39,7 +39,9 @@
  *   whose answer had come is done. To have it sent once more on every new connection, call
  *   ubus_retry_request_invoke once from `on_connected`: it replaces whatever is left of the last time;
  * - a subscription is gone, and libubus does not say so: call mox_ubus_subscribe again from
- *   `on_connected`.
+ *   `on_connected`;
+ * - the daemon's own objects are added again by ubus_reconnect; one that the bus did not take has the id 0
+ *   afterwards, and libubus has forgotten it: add it again.
  *
  * A context may be freed, or reconnected, at any time that libubus allows, with calls in flight: nothing
  * here touches a freed context through them. What holds the context's address does, so when it is freed
