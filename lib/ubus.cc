@@ -292,8 +292,8 @@ static void end_call(ubus_retry_request *rr)
 		abort_in(ctx, &rr->req);
 }
 
-// At once, unless this is inside an attempt's look-up: many answers that have come meanwhile would make
-// as many nested calls.
+// At once, unless this is inside another synchronous call of this module: many answers that have come
+// meanwhile would make as many nested look-ups.
 static void invoke_again(ubus_retry_request *rr)
 {
 	if (call_guard::any())
@@ -318,8 +318,7 @@ static void on_retry_timer(evloop_timeout *timer)
 
 static void on_reply_timer(evloop_timeout *timer)
 {
-	ubus_retry_request *rr = owner_of(timer, &ubus_retry_request::reply_timer);
-	ubus_retry_request_invoke(rr);
+	ubus_retry_request_invoke(owner_of(timer, &ubus_retry_request::reply_timer));
 }
 
 // Returns 0 with the message in `rr->buf`, or what `prepare_cb` failed with.
@@ -348,12 +347,11 @@ static int send(ubus_retry_request *rr, ubus_context *ctx, uint32_t id)
 	return 0;
 }
 
-static int attempt(ubus_retry_request *rr, ubus_context *ctx)
+static int attempt(ubus_retry_request *rr, ubus_context *ctx, call_guard *guard)
 {
-	call_guard guard{rr};
 	uint32_t id;
 	int status = look_up(ctx, rr->object, &id);
-	if (guard.overtaken())
+	if (guard->overtaken())
 		return -ECANCELED;
 	if (status != 0) {
 		_log(3, "ubus_retry_req %s.%s: can't lookup object\n", rr->object, rr->method);
@@ -361,8 +359,8 @@ static int attempt(ubus_retry_request *rr, ubus_context *ctx)
 	}
 	if (context_of(rr) != ctx)
 		return retry_on_next_pass(rr);
-	int error = prepare(rr, &guard);
-	if (guard.overtaken()) {
+	int error = prepare(rr, guard);
+	if (guard->overtaken()) {
 		blob_buf_free(&rr->buf);
 		return -ECANCELED;
 	}
@@ -410,7 +408,7 @@ int ubus_retry_request_invoke(struct ubus_retry_request *rr)
 		_log(3, "ubus_retry_req: %s.%s: invalid ctx ptr\n", rr->object, rr->method);
 		return -EINVAL;
 	}
-	call_guard::overtake(rr);
+	call_guard guard{rr};
 	end_call(rr);
 	rr->pending = false;
 	ubus_context *ctx = context_of(rr);
@@ -418,7 +416,7 @@ int ubus_retry_request_invoke(struct ubus_retry_request *rr)
 		return retry_later(rr);
 	if (rr->req.blocked) // libubus is in `data_cb` and will look at the request once more
 		return retry_on_next_pass(rr);
-	return attempt(rr, ctx);
+	return attempt(rr, ctx, &guard);
 }
 
 int ubus_retry_request_abort(struct ubus_retry_request *rr)
