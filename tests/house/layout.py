@@ -20,7 +20,7 @@ compile_cxx = [f"{arguments.tools}g++", "-std=c++20", "-fno-exceptions", "-fno-r
 # same records everywhere.
 others = scratch / "include"
 others.mkdir()
-for header in ("jansson.h", "jansson_config.h"):
+for header in ("jansson.h", "jansson_config.h", "libnftnl", "libmnl"):
     (others / header).symlink_to(f"/usr/include/{header}")
 compile_cxx += [f"-isystem{others}", f"-isystem{tree}/host/include"]
 compile_cxx += ["-Wall", "-Wextra", "-Werror", f"-I{tree}", "-c", "-o", scratch / "module.o"]

@@ -1,0 +1,904 @@
+// Many functions that differ in a few words: `expr` says how an expression is made, append() how a
+// message is put into a batch, transact() how one is sent alone. What stands in the functions
+// themselves is what differs.
+//
+// libnftnl and libmnl write where they are told, as much as there is. So nothing longer than a kernel
+// register set is given to libnftnl, whose records have room for just that, and before a message is
+// built an upper bound of its length is taken from the object (`message_size`).
+
+#include "nft.h"
+
+#include <errno.h>
+#include <initializer_list>
+#include <libnftnl/chain.h>
+#include <libnftnl/common.h>
+#include <libnftnl/expr.h>
+#include <libnftnl/rule.h>
+#include <libnftnl/set.h>
+#include <libnftnl/table.h>
+#include <linux/netfilter.h>
+#include <linux/netfilter/nf_tables.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/select.h>
+
+#include "internal/owned.h"
+#include "log.h"
+
+// The kernel's registers together (NFT_REG_SIZE * 4), and libnftnl's room for a value.
+constexpr uint32_t DATA_BYTES_MAX = 64;
+
+// What is received at once.
+constexpr size_t ANSWER_BYTES_MAX = 4096;
+
+// A refusal repeats the message behind a header and an error number. No page is smaller than that, so
+// the room behind a batch's limit holds such a message, too.
+constexpr size_t MESSAGE_BYTES_MAX = ANSWER_BYTES_MAX - NLMSG_LENGTH(sizeof(int32_t));
+
+// ---- Expressions ----
+
+// An expression being made; the first failure makes the result null.
+class expr
+{
+	nftnl_expr *expr_;
+	bool complete_ = true;
+
+public:
+	explicit expr(const char *name) : expr_(nftnl_expr_alloc(name)) {}
+	expr(const expr &) = delete;
+	expr &operator=(const expr &) = delete;
+
+	expr &u16(uint16_t attribute, uint16_t value)
+	{
+		if (expr_)
+			nftnl_expr_set_u16(expr_, attribute, value);
+		return *this;
+	}
+	expr &u8(uint16_t attribute, uint8_t value)
+	{
+		if (expr_)
+			nftnl_expr_set_u8(expr_, attribute, value);
+		return *this;
+	}
+	expr &u32(uint16_t attribute, uint32_t value)
+	{
+		if (expr_)
+			nftnl_expr_set_u32(expr_, attribute, value);
+		return *this;
+	}
+	expr &u64(uint16_t attribute, uint64_t value)
+	{
+		if (expr_)
+			nftnl_expr_set_u64(expr_, attribute, value);
+		return *this;
+	}
+	expr &text(uint16_t attribute, const char *value)
+	{
+		complete_ = expr_ && complete_ && nftnl_expr_set_str(expr_, attribute, value) == 0;
+		return *this;
+	}
+	expr &data(uint16_t attribute, const void *value, uint32_t length)
+	{
+		complete_ = expr_ && complete_ && length <= DATA_BYTES_MAX &&
+			    nftnl_expr_set_data(expr_, attribute, value, length) == 0;
+		return *this;
+	}
+	// The expression takes over another, unless it has failed.
+	expr &nested(uint16_t attribute, nftnl_expr *inner)
+	{
+		if (expr_ && complete_)
+			nftnl_expr_set(expr_, attribute, inner, 0);
+		return *this;
+	}
+	nftnl_expr *done()
+	{
+		if (!complete_ && expr_) {
+			nftnl_expr_free(expr_);
+			expr_ = nullptr;
+		}
+		return expr_;
+	}
+};
+
+static nftnl_expr *kvnft_payload_expr(uint32_t reg, uint32_t base, uint32_t offset, uint32_t len, bool is_set)
+{
+	return expr("payload")
+		.u32(is_set ? NFTNL_EXPR_PAYLOAD_SREG : NFTNL_EXPR_PAYLOAD_DREG, reg)
+		.u32(NFTNL_EXPR_PAYLOAD_BASE, base)
+		.u32(NFTNL_EXPR_PAYLOAD_OFFSET, offset)
+		.u32(NFTNL_EXPR_PAYLOAD_LEN, len)
+		.done();
+}
+
+struct nftnl_expr *_kvnft_build_expr_meta(uint32_t key, uint32_t reg, int is_set)
+{
+	return expr("meta")
+		.u32(NFTNL_EXPR_META_KEY, key)
+		.u32(is_set ? NFTNL_EXPR_META_SREG : NFTNL_EXPR_META_DREG, reg)
+		.done();
+}
+
+struct nftnl_expr *kvnft_build_expr_ct(uint32_t dreg, uint32_t key)
+{
+	return expr("ct").u32(NFTNL_EXPR_CT_KEY, key).u32(NFTNL_EXPR_CT_DREG, dreg).done();
+}
+
+struct nftnl_expr *kvnft_build_expr_reject(uint32_t type, uint8_t code)
+{
+	expr e{"reject"};
+	e.u32(NFTNL_EXPR_REJECT_TYPE, type);
+	if (type == NFT_REJECT_ICMPX_UNREACH) // on purpose not with the others
+		e.u8(NFTNL_EXPR_REJECT_CODE, code);
+	return e.done();
+}
+
+struct nftnl_expr *kvnft_build_expr_verdict(uint32_t verdict)
+{
+	return expr("immediate")
+		.u32(NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT)
+		.u32(NFTNL_EXPR_IMM_VERDICT, verdict)
+		.done();
+}
+
+struct nftnl_expr *kvnft_build_expr_imm(uint32_t dreg, const void *data, uint32_t len)
+{
+	return expr("immediate").u32(NFTNL_EXPR_IMM_DREG, dreg).data(NFTNL_EXPR_IMM_DATA, data, len).done();
+}
+
+struct nftnl_expr *kvnft_build_expr_limit(uint64_t rate, uint64_t burst)
+{
+	expr e{"limit"};
+	e.u64(NFTNL_EXPR_LIMIT_RATE, rate)
+		.u32(NFTNL_EXPR_LIMIT_TYPE, NFT_LIMIT_PKT_BYTES)
+		.u64(NFTNL_EXPR_LIMIT_UNIT, 1)
+		.u32(NFTNL_EXPR_LIMIT_FLAGS,
+			NFT_LIMIT_F_INV); // on purpose always: what is beyond the rate matches
+	if (burst)
+		e.u32(NFTNL_EXPR_LIMIT_BURST, static_cast<uint32_t>(burst));
+	return e.done();
+}
+
+struct nftnl_expr *kvnft_build_expr_dynset(uint32_t sreg_key, const char *set_name, uint32_t set_id,
+	int64_t timeout_ms, bool update, struct nftnl_expr *inner)
+{
+	if (!set_name || !inner)
+		return nullptr;
+	expr e{"dynset"};
+	e.u32(NFTNL_EXPR_DYNSET_SREG_KEY, sreg_key)
+		.u32(NFTNL_EXPR_DYNSET_OP, update ? NFT_DYNSET_OP_UPDATE : NFT_DYNSET_OP_ADD);
+	if (timeout_ms != 0)
+		e.u64(NFTNL_EXPR_DYNSET_TIMEOUT, static_cast<uint64_t>(timeout_ms));
+	return e.text(NFTNL_EXPR_DYNSET_SET_NAME, set_name)
+		.u32(NFTNL_EXPR_DYNSET_SET_ID, set_id)
+		.nested(NFTNL_EXPR_DYNSET_EXPR, inner)
+		.done();
+}
+
+struct nftnl_expr *kvnft_build_expr_payload(uint32_t dreg, uint32_t base, uint32_t offset, uint32_t len)
+{
+	return kvnft_payload_expr(dreg, base, offset, len, false);
+}
+
+struct nftnl_expr *kvnft_build_expr_payload_set(uint32_t sreg, uint32_t base, uint32_t offset, uint32_t len)
+{
+	return kvnft_payload_expr(sreg, base, offset, len, true);
+}
+
+struct nftnl_expr *kvnft_build_expr_log(uint16_t group)
+{
+	return expr("log").u16(NFTNL_EXPR_LOG_GROUP, group).done();
+}
+
+struct nftnl_expr *kvnft_build_expr_meta(uint32_t key, uint32_t dreg)
+{
+	return _kvnft_build_expr_meta(key, dreg, 0);
+}
+
+struct nftnl_expr *kvnft_build_expr_meta_set(uint32_t key, uint32_t sreg)
+{
+	return _kvnft_build_expr_meta(key, sreg, 1);
+}
+
+struct nftnl_expr *kvnft_build_expr_cmp(uint32_t sreg, uint32_t op, const void *data, uint32_t len)
+{
+	return expr("cmp")
+		.u32(NFTNL_EXPR_CMP_SREG, sreg)
+		.u32(NFTNL_EXPR_CMP_OP, op)
+		.data(NFTNL_EXPR_CMP_DATA, data, len)
+		.done();
+}
+
+struct nftnl_expr *kvnft_build_expr_redir(uint32_t reg)
+{
+	return expr("redir").u32(NFTNL_EXPR_REDIR_REG_PROTO_MIN, reg).done();
+}
+
+struct nftnl_expr *kvnft_build_expr_masq(void)
+{
+	return expr("masq").done();
+}
+
+struct nftnl_expr *kvnft_build_expr_queue(uint16_t num, uint16_t total, uint16_t flags)
+{
+	expr e{"queue"};
+	e.u16(NFTNL_EXPR_QUEUE_NUM, num);
+	if (total)
+		e.u16(NFTNL_EXPR_QUEUE_TOTAL, total);
+	if (flags)
+		e.u16(NFTNL_EXPR_QUEUE_FLAGS, flags);
+	return e.done();
+}
+
+struct nftnl_expr *kvnft_build_expr_lookup(
+	uint32_t sreg, const char *set_name, uint32_t set_id, uint32_t flags)
+{
+	if (!set_name && !set_id)
+		return nullptr;
+	expr e{"lookup"};
+	e.u32(NFTNL_EXPR_LOOKUP_SREG, sreg);
+	if (set_name)
+		e.text(NFTNL_EXPR_LOOKUP_SET, set_name);
+	if (set_id)
+		e.u32(NFTNL_EXPR_LOOKUP_SET_ID, set_id);
+	if (flags)
+		e.u32(NFTNL_EXPR_LOOKUP_FLAGS, flags);
+	return e.done();
+}
+
+struct nftnl_expr *kvnft_build_expr_bitwise(uint32_t sreg, uint32_t dreg, uint32_t len, const void *mask,
+	uint32_t mask_len, const void *xor_data, uint32_t xor_len)
+{
+	return expr("bitwise")
+		.u32(NFTNL_EXPR_BITWISE_SREG, sreg)
+		.u32(NFTNL_EXPR_BITWISE_DREG, dreg)
+		.u32(NFTNL_EXPR_BITWISE_LEN, len)
+		.data(NFTNL_EXPR_BITWISE_MASK, mask, mask_len)
+		.data(NFTNL_EXPR_BITWISE_XOR, xor_data, xor_len)
+		.done();
+}
+
+struct nftnl_expr *kvnft_build_expr_ether_saddr(uint32_t reg)
+{
+	return kvnft_build_expr_payload(reg, NFT_PAYLOAD_LL_HEADER, 6, 6);
+}
+
+struct nftnl_expr *kvnft_build_expr_ether_daddr(uint32_t reg)
+{
+	return kvnft_build_expr_payload(reg, NFT_PAYLOAD_LL_HEADER, 0, 6);
+}
+
+struct nftnl_expr *kvnft_build_expr_ether_type(uint32_t reg)
+{
+	return kvnft_build_expr_payload(reg, NFT_PAYLOAD_LL_HEADER, 12, 2);
+}
+
+struct nftnl_expr *kvnft_build_expr_ip_daddr(uint32_t reg)
+{
+	return kvnft_build_expr_payload(reg, NFT_PAYLOAD_NETWORK_HEADER, 16, 4);
+}
+
+struct nftnl_expr *kvnft_build_expr_udp_sport(uint32_t reg)
+{
+	return kvnft_build_expr_payload(reg, NFT_PAYLOAD_TRANSPORT_HEADER, 0, 2);
+}
+
+struct nftnl_expr *kvnft_build_expr_udp_dport(uint32_t reg)
+{
+	return kvnft_build_expr_payload(reg, NFT_PAYLOAD_TRANSPORT_HEADER, 2, 2);
+}
+
+struct nftnl_expr *kvnft_build_expr_tcp_dport(uint32_t reg)
+{
+	return kvnft_build_expr_udp_dport(reg);
+}
+
+struct nftnl_expr *kvnft_build_expr_ether_set_daddr(uint32_t reg)
+{
+	return kvnft_build_expr_payload_set(reg, NFT_PAYLOAD_LL_HEADER, 0, 6);
+}
+
+// ---- Sets, tables and rules ----
+
+using owned_set = owned<nftnl_set *, nullptr, nftnl_set_free>;
+using owned_elem = owned<nftnl_set_elem *, nullptr, nftnl_set_elem_free>;
+using owned_table = owned<nftnl_table *, nullptr, nftnl_table_free>;
+using owned_chain = owned<nftnl_chain *, nullptr, nftnl_chain_free>;
+using owned_rule = owned<nftnl_rule *, nullptr, nftnl_rule_free>;
+
+constinit static uint32_t kvnft_set_id_counter = 1;
+
+struct nftnl_set *kvnft_build_set(
+	const char *table, const char *name, uint32_t family, uint32_t flags, uint32_t key_len)
+{
+	owned_set set{nftnl_set_alloc()};
+	if (!set.ok())
+		return nullptr;
+	nftnl_set_set_u32(set.get(), NFTNL_SET_FAMILY, family);
+	if (table && nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, table) != 0)
+		return nullptr;
+	if (name && nftnl_set_set_str(set.get(), NFTNL_SET_NAME, name) != 0)
+		return nullptr;
+	if (flags)
+		nftnl_set_set_u32(set.get(), NFTNL_SET_FLAGS, flags);
+	if (key_len)
+		nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, key_len);
+	nftnl_set_set_u32(set.get(), NFTNL_SET_ID, ++kvnft_set_id_counter);
+	return set.give();
+}
+
+int kvnft_build_set_add_elem(struct nftnl_set *set, const void *key, uint32_t key_len, int64_t timeout_ms)
+{
+	owned_elem elem{key_len <= DATA_BYTES_MAX ? nftnl_set_elem_alloc() : nullptr};
+	if (!elem.ok() || nftnl_set_elem_set(elem.get(), NFTNL_SET_ELEM_KEY, key, key_len) != 0)
+		return -ENOMEM;
+	if (timeout_ms >= 0)
+		nftnl_set_elem_set_u64(elem.get(), NFTNL_SET_ELEM_TIMEOUT, static_cast<uint64_t>(timeout_ms));
+	nftnl_set_elem_add(set, elem.give());
+	return 0;
+}
+
+struct nftnl_table *kvnft_build_table(const char *name, uint32_t family)
+{
+	owned_table table{nftnl_table_alloc()};
+	if (!table.ok())
+		return nullptr;
+	nftnl_table_set_u32(table.get(), NFTNL_TABLE_FAMILY, family);
+	if (nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, name) != 0)
+		return nullptr;
+	return table.give();
+}
+
+struct nftnl_rule *kvnft_build_rule(uint32_t family, const char *table, const char *chain)
+{
+	owned_rule rule{nftnl_rule_alloc()};
+	if (!rule.ok())
+		return nullptr;
+	nftnl_rule_set_u32(rule.get(), NFTNL_RULE_FAMILY, family);
+	if (nftnl_rule_set_str(rule.get(), NFTNL_RULE_TABLE, table) != 0)
+		return nullptr;
+	if (chain && nftnl_rule_set_str(rule.get(), NFTNL_RULE_CHAIN, chain) != 0)
+		return nullptr;
+	return rule.give();
+}
+
+// Gives an expression just built, or not, to the rule.
+static int add_expr(nftnl_rule *rule, nftnl_expr *e)
+{
+	if (!e)
+		return -ENOMEM;
+	nftnl_rule_add_expr(rule, e);
+	return 0;
+}
+
+int kvnft_rule_set_mark(struct nftnl_rule *rule, uint32_t mark)
+{
+	int error = add_expr(rule, kvnft_build_expr_imm(NFT_REG_1, &mark, sizeof mark));
+	return error ? error : add_expr(rule, kvnft_build_expr_meta_set(NFT_META_MARK, NFT_REG_1));
+}
+
+int kvnft_rule_reject(struct nftnl_rule *rule, uint32_t type, uint8_t code)
+{
+	return add_expr(rule, kvnft_build_expr_reject(type, code));
+}
+
+int kvnft_rule_verdict(struct nftnl_rule *rule, uint8_t verdict)
+{
+	return add_expr(rule, kvnft_build_expr_verdict(verdict));
+}
+
+// ---- How long a message can become ----
+
+static size_t attribute_size(size_t length)
+{
+	return MNL_ATTR_HDRLEN + MNL_ALIGN(length);
+}
+
+static size_t text_size(const char *text)
+{
+	return text ? attribute_size(strlen(text) + 1) : 0;
+}
+
+// A value nested in an attribute that is nested in another, which is as deep as libnftnl puts one.
+static constexpr size_t value_size(size_t length)
+{
+	return 3 * MNL_ATTR_HDRLEN + MNL_ALIGN(length);
+}
+
+// The expressions that rules are mostly made of: the size of the element, of the name and of every
+// number there is, and which attributes have a length of their own. Those in libnftnl's record have a known
+// room; others share memory, and the first that is set is what there is.
+struct expr_kind {
+	char name[12] = {};
+	uint8_t name_size; // with the terminator
+	uint8_t values[3] = {};
+	bool in_record;
+	uint16_t fixed_size;
+	uint16_t room; // with all values that are in the record
+
+	template <size_t size>
+	consteval expr_kind(const char (&text)[size], uint16_t fixed,
+		std::initializer_list<uint8_t> attributes = {}, bool is_in_record = true)
+		: name_size(size), in_record(is_in_record), fixed_size(fixed), room(fixed)
+	{
+		for (size_t index = 0; index < size; index++)
+			name[index] = text[index];
+		for (size_t index = 0; index < attributes.size(); index++)
+			values[index] = attributes.begin()[index];
+		if (in_record)
+			room += attributes.size() * value_size(DATA_BYTES_MAX);
+	}
+};
+
+static constexpr expr_kind expr_kinds[] = {
+	{"cmp", 16 + 2 * 8, {NFTNL_EXPR_CMP_DATA}},
+	{"payload", 20 + 8 * 8},
+	{"meta", 20 + 3 * 8},
+	{"immediate", 24 + 4 * 8, {NFTNL_EXPR_IMM_DATA, NFTNL_EXPR_IMM_CHAIN}, false},
+	{"lookup", 20 + 4 * 8, {NFTNL_EXPR_LOOKUP_SET}, false},
+	{"ct", 16 + 4 * 8},
+	{"bitwise", 20 + 4 * 8, {NFTNL_EXPR_BITWISE_MASK, NFTNL_EXPR_BITWISE_XOR, NFTNL_EXPR_BITWISE_DATA}},
+	{"limit", 20 + 2 * 12 + 3 * 8},
+	{"reject", 20 + 2 * 8},
+	{"redir", 20 + 3 * 8},
+	{"masq", 20 + 3 * 8},
+	{"queue", 20 + 4 * 8},
+};
+
+// Null for the others. Unrolled, so that a name is compared as the word or two that it is.
+[[gnu::noinline]] static const expr_kind *kind_of(const nftnl_expr *e)
+{
+	uint32_t name_size = 0;
+	const void *name = nftnl_expr_get(e, NFTNL_EXPR_NAME, &name_size);
+#pragma GCC unroll 16
+	for (const expr_kind &kind : expr_kinds)
+		if (kind.name_size == name_size && memcmp(kind.name, name, kind.name_size) == 0)
+			return &kind;
+	return nullptr;
+}
+
+// 0 if the attribute is not set.
+static size_t value_size(const nftnl_expr *e, uint16_t attribute)
+{
+	uint32_t length = 0;
+	if (!nftnl_expr_is_set(e, attribute) || !nftnl_expr_get(e, attribute, &length))
+		return 0;
+	return value_size(length);
+}
+
+static size_t known_expr_size(const nftnl_expr *e, const expr_kind *kind)
+{
+	size_t size = kind->fixed_size;
+	for (uint8_t attribute : kind->values) {
+		size_t bytes = attribute ? value_size(e, attribute) : 0;
+		size += bytes;
+		if (bytes && !kind->in_record)
+			break;
+	}
+	return size;
+}
+
+static int add_expr_size(nftnl_expr *e, void *size);
+
+// Expressions inside something else: from two on they are nested once more.
+static size_t list_size(size_t exprs_size)
+{
+	return exprs_size ? MNL_ATTR_HDRLEN + exprs_size : 0;
+}
+
+static size_t other_expr_size(nftnl_expr *e)
+{
+	const char *name = nftnl_expr_get_str(e, NFTNL_EXPR_NAME);
+	size_t size = 2 * MNL_ATTR_HDRLEN + text_size(name);
+	for (uint16_t attribute = NFTNL_EXPR_BASE; attribute < 32; attribute++)
+		size += value_size(e, attribute);
+	size_t inner = 0;
+	if (strcmp(name, "dynset") == 0)
+		nftnl_expr_expr_foreach(e, add_expr_size, &inner);
+	return size + list_size(inner);
+}
+
+static int add_expr_size(nftnl_expr *e, void *size)
+{
+	const expr_kind *kind = kind_of(e);
+	*static_cast<size_t *>(size) += kind ? known_expr_size(e, kind) : other_expr_size(e);
+	return 0;
+}
+
+// The same without a look at values whose room is known, which is enough for most rules, in half the time.
+static int add_expr_room(nftnl_expr *e, void *size)
+{
+	const expr_kind *kind = kind_of(e);
+	if (!kind || !kind->in_record)
+		return add_expr_size(e, size);
+	*static_cast<size_t *>(size) += kind->room;
+	return 0;
+}
+
+// What messages have besides texts, values, elements and expressions: headers, and every number of
+// their object.
+constexpr size_t TABLE_NUMBERS_SIZE = 64;
+constexpr size_t CHAIN_NUMBERS_SIZE = 160;
+constexpr size_t RULE_NUMBERS_SIZE = 96;
+constexpr size_t SET_NUMBERS_SIZE = 384; // the fields of a concatenation among them
+constexpr size_t ELEMS_NUMBERS_SIZE = 48;
+
+static size_t message_size(nftnl_table *table)
+{
+	return TABLE_NUMBERS_SIZE + text_size(nftnl_table_get_str(table, NFTNL_TABLE_NAME));
+}
+
+static size_t message_size(nftnl_chain *chain)
+{
+	size_t size = CHAIN_NUMBERS_SIZE;
+	for (uint16_t attribute : {NFTNL_CHAIN_NAME, NFTNL_CHAIN_TABLE, NFTNL_CHAIN_TYPE, NFTNL_CHAIN_DEV})
+		size += text_size(nftnl_chain_get_str(chain, attribute));
+	return size;
+}
+
+static size_t message_size(nftnl_rule *rule)
+{
+	size_t size = RULE_NUMBERS_SIZE;
+	for (uint16_t attribute : {NFTNL_RULE_TABLE, NFTNL_RULE_CHAIN, NFTNL_RULE_USERDATA}) {
+		uint32_t length = 0;
+		if (nftnl_rule_get_data(rule, attribute, &length))
+			size += attribute_size(length);
+	}
+	size_t room = size;
+	nftnl_expr_foreach(rule, add_expr_room, &room);
+	if (room <= MESSAGE_BYTES_MAX)
+		return room;
+	nftnl_expr_foreach(rule, add_expr_size, &size);
+	return size;
+}
+
+static size_t names_size(const nftnl_set *set)
+{
+	return text_size(nftnl_set_get_str(set, NFTNL_SET_TABLE)) +
+	       text_size(nftnl_set_get_str(set, NFTNL_SET_NAME));
+}
+
+static size_t message_size(nftnl_set *set)
+{
+	size_t size = SET_NUMBERS_SIZE + names_size(set);
+	uint32_t length = 0;
+	if (nftnl_set_get_data(set, NFTNL_SET_USERDATA, &length))
+		size += attribute_size(length);
+	size_t exprs = 0;
+	nftnl_set_expr_foreach(set, add_expr_size, &exprs);
+	return size + list_size(exprs);
+}
+
+static size_t nesting_size(uint16_t elem_attribute)
+{
+	switch (elem_attribute) {
+	case NFTNL_SET_ELEM_KEY:
+	case NFTNL_SET_ELEM_KEY_END:
+	case NFTNL_SET_ELEM_DATA:
+	case NFTNL_SET_ELEM_CHAIN:
+	case NFTNL_SET_ELEM_EXPRESSIONS:
+		return MNL_ATTR_HDRLEN;
+	case NFTNL_SET_ELEM_VERDICT:
+		return 2 * MNL_ATTR_HDRLEN;
+	default:
+		return 0;
+	}
+}
+
+static int add_elem_size(nftnl_set_elem *elem, void *size)
+{
+	size_t bytes = MNL_ATTR_HDRLEN;
+	for (uint16_t attribute = 0; attribute <= NFTNL_SET_ELEM_MAX; attribute++) {
+		uint32_t length = 0;
+		if (nftnl_set_elem_is_set(elem, attribute) && nftnl_set_elem_get(elem, attribute, &length))
+			bytes += nesting_size(attribute) + attribute_size(length);
+	}
+	size_t exprs = 0;
+	nftnl_set_elem_expr_foreach(elem, add_expr_size, &exprs);
+	*static_cast<size_t *>(size) += bytes + list_size(exprs);
+	return 0;
+}
+
+static size_t elems_message_size(nftnl_set *set)
+{
+	size_t size = ELEMS_NUMBERS_SIZE + names_size(set);
+	nftnl_set_elem_foreach(set, add_elem_size, &size);
+	return size;
+}
+
+// ---- Batches ----
+
+static char *current(mnl_nlmsg_batch *batch)
+{
+	return static_cast<char *>(mnl_nlmsg_batch_current(batch));
+}
+
+// Takes up the message that has been written behind the others, if it is within the limit.
+static int advance(mnl_nlmsg_batch *batch)
+{
+	return mnl_nlmsg_batch_next(batch) ? 0 : -ENOMEM;
+}
+
+struct message {
+	uint16_t type;  // NFT_MSG_...
+	uint16_t flags; // NLM_F_REQUEST comes along
+};
+
+// Appends the message about an object that `build` writes.
+template <typename T>
+static int append(mnl_nlmsg_batch *batch, message m, uint32_t family, uint32_t seq, T *object, size_t size,
+	void (*build)(nlmsghdr *header, T *object))
+{
+	if (size > MESSAGE_BYTES_MAX)
+		return -ENOMEM;
+	nlmsghdr *header =
+		nftnl_nlmsg_build_hdr(current(batch), m.type, static_cast<uint16_t>(family), m.flags, seq);
+	build(header, object);
+	return advance(batch);
+}
+
+static int append_set(mnl_nlmsg_batch *batch, message m, nftnl_set *set, uint32_t seq)
+{
+	return append(batch, m, nftnl_set_get_u32(set, NFTNL_SET_FAMILY), seq, set, message_size(set),
+		nftnl_set_nlmsg_build_payload);
+}
+
+static int append_set_elems(mnl_nlmsg_batch *batch, message m, nftnl_set *set, uint32_t seq)
+{
+	return append(batch, m, nftnl_set_get_u32(set, NFTNL_SET_FAMILY), seq, set, elems_message_size(set),
+		nftnl_set_elems_nlmsg_build_payload);
+}
+
+static int kvnft_batch_rule_msg(mnl_nlmsg_batch *batch, nftnl_rule *rule, uint16_t type, uint32_t family,
+	uint16_t flags, uint32_t seq)
+{
+	return append(
+		batch, {type, flags}, family, seq, rule, message_size(rule), nftnl_rule_nlmsg_build_payload);
+}
+
+constexpr uint16_t CREATE = NLM_F_CREATE | NLM_F_ACK;
+
+struct mnl_nlmsg_batch *kvnft_batch_alloc_start(void *buf, size_t limit, uint32_t seq)
+{
+	mnl_nlmsg_batch *batch = mnl_nlmsg_batch_start(buf, limit);
+	if (!batch)
+		return nullptr;
+	nftnl_batch_begin(current(batch), seq);
+	if (advance(batch) != 0) {
+		mnl_nlmsg_batch_stop(batch);
+		return nullptr;
+	}
+	return batch;
+}
+
+int kvnft_batch_add_set(struct mnl_nlmsg_batch *batch, struct nftnl_set *set, uint32_t seq)
+{
+	return append_set(batch, {NFT_MSG_NEWSET, CREATE}, set, seq);
+}
+
+int kvnft_batch_del_set(struct mnl_nlmsg_batch *batch, struct nftnl_set *set, uint32_t seq)
+{
+	return append_set(batch, {NFT_MSG_DELSET, NLM_F_ACK}, set, seq);
+}
+
+int kvnft_batch_add_set_elem(struct mnl_nlmsg_batch *batch, struct nftnl_set *set, uint32_t seq)
+{
+	return append_set_elems(batch, {NFT_MSG_NEWSETELEM, CREATE}, set, seq);
+}
+
+int kvnft_batch_del_set_elem(struct mnl_nlmsg_batch *batch, struct nftnl_set *set, uint32_t seq)
+{
+	return append_set_elems(batch, {NFT_MSG_DELSETELEM, NLM_F_ACK}, set, seq);
+}
+
+int kvnft_batch_add_rule(struct mnl_nlmsg_batch *batch, struct nftnl_rule *rule, uint32_t seq)
+{
+	return kvnft_batch_rule_msg(batch, rule, NFT_MSG_NEWRULE, nftnl_rule_get_u32(rule, NFTNL_RULE_FAMILY),
+		NLM_F_APPEND | CREATE, seq);
+}
+
+int kvnft_batch_finish(struct mnl_nlmsg_batch *batch, uint32_t seq)
+{
+	nftnl_batch_end(current(batch), seq);
+	return advance(batch);
+}
+
+int kvnft_batch_send(struct mnl_nlmsg_batch *batch)
+{
+	return kvnft_send_msg_cb(mnl_nlmsg_batch_head(batch), mnl_nlmsg_batch_size(batch), nullptr, nullptr);
+}
+
+void kvnft_batch_free(struct mnl_nlmsg_batch *batch)
+{
+	mnl_nlmsg_batch_stop(batch);
+}
+
+// ---- Sending ----
+
+using owned_socket = owned<mnl_socket *, nullptr, mnl_socket_close>;
+
+// Whether an answer is there already: 1, 0, or -1 with errno set.
+static int is_readable(int fd)
+{
+	fd_set readable;
+	FD_ZERO(&readable);
+	FD_SET(fd, &readable);
+	timeval no_time = {};
+	return select(fd + 1, &readable, nullptr, nullptr, &no_time);
+}
+
+// Takes one datagram of answers. Returns -1 with errno set for an error of the socket's, the kernel's
+// or `cb`'s.
+static int take_answers(mnl_socket *nl, mnl_cb_t cb, void *data)
+{
+	alignas(nlmsghdr) char answers[ANSWER_BYTES_MAX];
+	ssize_t length = mnl_socket_recvfrom(nl, answers, sizeof answers);
+	if (length < 0)
+		return -1;
+	return mnl_cb_run(answers, static_cast<size_t>(length), 0, mnl_socket_get_portid(nl), cb, data);
+}
+
+int kvnft_send_msg_cb(const void *buf, size_t len, mnl_cb_t cb, void *data)
+{
+	owned_socket nl{mnl_socket_open(NETLINK_NETFILTER)};
+	if (!nl.ok() || mnl_socket_bind(nl.get(), 0, MNL_SOCKET_AUTOPID) < 0)
+		return -errno;
+	int fd = mnl_socket_get_fd(nl.get());
+	if (fd >= FD_SETSIZE)
+		return -EINVAL; // what select would say if it could see the number
+	if (mnl_socket_sendto(nl.get(), buf, len) < 0)
+		return -errno;
+	int ready;
+	while ((ready = is_readable(fd)) > 0)
+		if (take_answers(nl.get(), cb, data) < 0)
+			return -errno;
+	return ready < 0 ? -errno : 0;
+}
+
+// ---- Whole changes ----
+
+static int append_table(mnl_nlmsg_batch *batch, message m, const char *name, uint32_t family, uint32_t seq)
+{
+	owned_table table{kvnft_build_table(name, family)};
+	if (!table.ok())
+		return -ENOMEM;
+	// The one object that libnftnl takes as const.
+	auto build = [](nlmsghdr *header, nftnl_table *t) { nftnl_table_nlmsg_build_payload(header, t); };
+	return append<nftnl_table>(batch, m, family, seq, table.get(), message_size(table.get()), build);
+}
+
+// Deletes the rules of a chain, or of the whole table.
+static int append_flush(
+	mnl_nlmsg_batch *batch, uint32_t family, const char *table, const char *chain, uint32_t seq)
+{
+	owned_rule rule{kvnft_build_rule(family, table, chain)};
+	if (!rule.ok())
+		return -ENOMEM;
+	return kvnft_batch_rule_msg(batch, rule.get(), NFT_MSG_DELRULE, family, NLM_F_ACK, seq);
+}
+
+static nftnl_chain *build_chain(const char *table, const char *name, const char *type, int32_t hooknum,
+	int32_t prio, const char *dev, uint32_t family)
+{
+	owned_chain chain{nftnl_chain_alloc()};
+	if (!chain.ok() || nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, table) != 0 ||
+		nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name) != 0)
+		return nullptr;
+	if (type && nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TYPE, type) != 0)
+		return nullptr;
+	if (hooknum >= 0)
+		nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_HOOKNUM, static_cast<uint32_t>(hooknum));
+	nftnl_chain_set_s32(chain.get(), NFTNL_CHAIN_PRIO, prio); // on purpose also of a regular chain
+	if (dev && nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_DEV, dev) != 0)
+		return nullptr;
+	nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_FAMILY, family);
+	return chain.give();
+}
+
+static int append_chain(mnl_nlmsg_batch *batch, message m, uint32_t family, uint32_t seq, nftnl_chain *chain)
+{
+	auto build = [](nlmsghdr *header, nftnl_chain *c) { nftnl_chain_nlmsg_build_payload(header, c); };
+	return append<nftnl_chain>(batch, m, family, seq, chain, message_size(chain), build);
+}
+
+int kvnft_batch_add_table_simple(
+	struct mnl_nlmsg_batch *batch, const char *name, uint32_t family, uint32_t seq)
+{
+	return append_table(batch, {NFT_MSG_NEWTABLE, CREATE}, name, family, seq);
+}
+
+int kvnft_batch_del_table_simple(
+	struct mnl_nlmsg_batch *batch, const char *name, uint32_t family, uint32_t seq)
+{
+	return append_table(batch, {NFT_MSG_DELTABLE, NLM_F_ACK}, name, family, seq);
+}
+
+int kvnft_batch_add_chain_simple(struct mnl_nlmsg_batch *batch, const char *name, const char *table,
+	const char *type, int32_t hooknum, uint16_t family, int32_t prio, const char *dev, uint32_t seq)
+{
+	owned_chain chain{build_chain(table, name, type, hooknum, prio, dev, family)};
+	if (!chain.ok())
+		return -ENOMEM;
+	return append_chain(batch, {NFT_MSG_NEWCHAIN, CREATE}, family, seq, chain.get());
+}
+
+int kvnft_batch_flush_chain_simple(
+	struct mnl_nlmsg_batch *batch, const char *chain, const char *table, uint32_t family, uint32_t seq)
+{
+	return append_flush(batch, family, table, chain, seq);
+}
+
+int kvnft_batch_flush_table_simple(
+	struct mnl_nlmsg_batch *batch, const char *table, uint32_t family, uint32_t seq)
+{
+	return append_flush(batch, family, table, nullptr, seq);
+}
+
+static int kvnft_batch_accept_mark_rule(mnl_nlmsg_batch *batch, uint32_t family, const char *table,
+	const char *chain, uint32_t mark, uint32_t seq, bool equal)
+{
+	owned_rule rule{kvnft_build_rule(family, table, chain)};
+	uint32_t op = equal ? NFT_CMP_EQ : NFT_CMP_NEQ;
+	if (!rule.ok() || add_expr(rule.get(), kvnft_build_expr_meta(NFT_META_MARK, NFT_REG_1)) != 0 ||
+		add_expr(rule.get(), kvnft_build_expr_cmp(NFT_REG_1, op, &mark, sizeof mark)) != 0 ||
+		add_expr(rule.get(), kvnft_build_expr_verdict(NF_ACCEPT)) != 0)
+		return -ENOMEM;
+	return kvnft_batch_add_rule(batch, rule.get(), seq);
+}
+
+int kvnft_batch_accept_mark(struct mnl_nlmsg_batch *batch, uint32_t family, const char *table,
+	const char *chain, uint32_t mark, uint32_t seq)
+{
+	return kvnft_batch_accept_mark_rule(batch, family, table, chain, mark, seq, true);
+}
+
+int kvnft_batch_accept_mark_neq(struct mnl_nlmsg_batch *batch, uint32_t family, const char *table,
+	const char *chain, uint32_t mark, uint32_t seq)
+{
+	return kvnft_batch_accept_mark_rule(batch, family, table, chain, mark, seq, false);
+}
+
+using owned_memory = owned<void *, nullptr, free>;
+using owned_batch = owned<mnl_nlmsg_batch *, nullptr, mnl_nlmsg_batch_stop>;
+
+// One change, appended by `append_change(batch, sequence number)`, as a transaction of its own.
+template <typename F>
+static int transact(F append_change)
+{
+	size_t limit = static_cast<size_t>(MNL_SOCKET_BUFFER_SIZE);
+	owned_memory buf{xzalloc(KVNFT_BATCH_BUFFER_SIZE(limit))};
+	owned_batch batch{kvnft_batch_alloc_start(buf.get(), limit, 0)};
+	if (!batch.ok() || append_change(batch.get(), 1) != 0 || kvnft_batch_finish(batch.get(), 2) != 0)
+		return -ENOMEM;
+	return kvnft_batch_send(batch.get());
+}
+
+int kvnft_flush_chain_simple(const char *chain, const char *table, uint32_t family)
+{
+	return transact([=](mnl_nlmsg_batch *batch, uint32_t seq) {
+		return kvnft_batch_flush_chain_simple(batch, chain, table, family, seq);
+	});
+}
+
+int kvnft_flush_table_simple(const char *table, uint32_t family)
+{
+	return transact([=](mnl_nlmsg_batch *batch, uint32_t seq) {
+		return kvnft_batch_flush_table_simple(batch, table, family, seq);
+	});
+}
+
+int kvnft_del_table_simple(const char *name, uint32_t family)
+{
+	return transact([=](mnl_nlmsg_batch *batch, uint32_t seq) {
+		return kvnft_batch_del_table_simple(batch, name, family, seq);
+	});
+}
+
+int kvnft_del_chain_simple(const char *chain, const char *table, uint32_t family)
+{
+	return transact([=](mnl_nlmsg_batch *batch, uint32_t seq) {
+		owned_chain named{build_chain(table, chain, nullptr, -1, -1, nullptr, family)};
+		if (!named.ok())
+			return -ENOMEM;
+		return append_chain(batch, {NFT_MSG_DELCHAIN, NLM_F_ACK}, family, seq, named.get());
+	});
+}
