@@ -1,10 +1,11 @@
 # Sourced by demo, test and bench: the packages of each, and how they report to whoever runs them.
 
 packages_build="g++ cmake ninja-build pkg-config libjansson-dev libnftnl-dev libmnl-dev"
-packages_demo="$packages_build curl"
+packages_demo="$packages_build curl nftables iproute2"
 packages_test="$packages_build libgtest-dev libgmock-dev curl python3 clang-format-14 clang-tidy-14
 	g++-mips-linux-gnu g++-mipsel-linux-gnu nftables iproute2"
-packages_bench="$packages_build python3 libbenchmark-dev libevent-dev libglib2.0-dev nginx-light wrk valgrind strace"
+packages_bench="$packages_build python3 libbenchmark-dev libevent-dev libglib2.0-dev nginx-light wrk valgrind strace
+	nftables"
 
 script_name=scripts/$(basename "$0")
 log_folder=build/logs
