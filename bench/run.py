@@ -18,6 +18,7 @@ import sys
 import tempfile
 
 import bus_peers
+import nft_peers
 import servers
 from servers import ANSWER_BYTES, HERE, TITLES, Client, Failure, IdleConnections, Line
 
@@ -494,6 +495,71 @@ def section_bus_soak(bench):
     return title, markdown(head, rows)
 
 
+def section_nft_build(bench):
+    micro = Micro(bench, "nft_build_bench")
+    ratio = micro.ratio("10 expressions", 1000, "libnftnl")
+    bench.aims.at_most("nft, building 1,000 rules: of direct calls", ratio, 1.1)
+    return "Building nftables rules, a rule", micro.table("libnftnl", "rules in a transaction")
+
+
+def nft_counts(bench):
+    """User instructions and allocations of a rule: the difference of two runs with different numbers of rules."""
+    fewer, more = nft_peers.Rules(bench, "long", 50), nft_peers.Rules(bench, "long", bench.pick(100, 200))
+
+    def per_rule(count_of, way):
+        low, high = count_of(fewer, way), count_of(more, way)
+        return low and [(b - a) / (more.count - fewer.count) for a, b in zip(low, high)]
+
+    counted, rows = {}, []
+    for way, title in nft_peers.WAYS.items():
+        say(f"nft: instructions and allocations, {title}")
+        build, make = per_rule(nft_peers.Rules.to_build, way), per_rule(nft_peers.Rules.to_make, way)
+        counted[way] = build
+        rows.append([title, *([number(count) for count in build] if build else ["", ""]), *map(number, make)])
+    ours, direct = counted["apbase"], counted["direct"]
+    bench.aims.at_most("nft, instructions to build a rule: of direct calls", ours[0] / direct[0], 1.1)
+    bench.aims.at_most("nft, allocations to build a rule: more than direct calls", ours[1] - direct[1], 0)
+    head = ["a rule of 10 expressions", "instructions to build", "allocations", "to build and send", "allocations"]
+    return markdown(head, rows)
+
+
+def nft_commits(bench, kind, count, transactions):
+    """A table, and the ratio of lib/nft to `nft -f`."""
+    rules = nft_peers.Rules(bench, kind, count, transactions)
+    what = {"long": "10 expressions", "short": "3 expressions", "replace": "10 expressions, replaced"}[kind]
+    title = f"{count:,} × {what}; transactions: {transactions}"
+    say(f"nft: {title}")
+    seconds = rules.seconds(bench.pick(5, 31))
+    rows = []
+    for way, way_title in nft_peers.WAYS.items():
+        ratios = [a / b for a, b in zip(seconds[way], seconds["nft"])]
+        median = statistics.median(seconds[way])
+        rows.append([way_title, number(median * 1e3), number(count / median)])
+        rows[-1] += [f"{statistics.median(ratios):.2f}", spread(ratios)]
+    head = [title, "ms", "rules a second", "ratio to `nft -f`", "spread"]
+    return markdown(head, rows), relative(seconds, "apbase", "nft")
+
+
+def section_nft_commit(bench):
+    text = nft_counts(bench) + "\n"
+    for kind in ("long", "short"):
+        nft_peers.Rules(bench, kind, 200).require_same_listings()
+    text += nft_commits(bench, "long", 1, 1)[0] + "\n"
+    table, ratio = nft_commits(bench, "long", 1000, 5)
+    text += table + "\n"
+    bench.aims.at_most("nft, 1,000 rules in 5 transactions: of `nft -f`'s time", ratio, 0.65)
+    if not nft_peers.RaisedLimits.possible():
+        say("nft: 1,000 rules in one transaction are left out: root's rights are needed to raise wmem_default")
+        return "Building and committing nftables rules", text
+    with nft_peers.RaisedLimits():
+        for kind in ("long", "short", "replace"):
+            nft_peers.Rules(bench, kind, 1000).require_same_listings()
+            table, ratio = nft_commits(bench, kind, 1000, 1)
+            text += table + "\n"
+            bench.aims.at_most(f"nft, 1,000 rules in one transaction, {kind}: of `nft -f`'s time", ratio, 0.65)
+    return "Building and committing nftables rules", text
+
+
 def section_size(bench):
     library = os.path.realpath(os.path.join(bench.binaries, "libapbase.so"))
     stripped = os.path.join(bench.scratch, "stripped.so")
@@ -518,6 +584,8 @@ SECTIONS = {
     "buffer": section_buffer,
     "bus": section_bus,
     "bus-soak": section_bus_soak,
+    "nft-build": section_nft_build,
+    "nft-commit": section_nft_commit,
     "size": section_size,
 }
 
