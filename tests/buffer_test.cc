@@ -15,62 +15,23 @@
 #include <wchar.h>
 
 #include "lib/log.h"
+#include "tests/memory.h"
 #include "tests/support.h"
-
-// The allocator can be exhausted, and blocks can be grown without memory. These definitions stand before the
-// C library's, for the library under test too, and pass everything else on to it, or to a sanitizer's.
-static struct {
-	int requests_left; // until every further one fails; negative: they never do
-	void *growable;    // realloc leaves this block where it is,
-	size_t grown_to;   // and says here how large it should have become
-} memory = {-1, nullptr, 0};
-
-#define PASSES_ON __attribute__((no_sanitize("address", "undefined")))
-extern "C" {
-void *__libc_malloc(size_t);
-void *__libc_calloc(size_t, size_t);
-void *__libc_realloc(void *, size_t);
-void *__interceptor_malloc(size_t) __attribute__((weak));
-void *__interceptor_calloc(size_t, size_t) __attribute__((weak));
-void *__interceptor_realloc(void *, size_t) __attribute__((weak));
-
-PASSES_ON static bool exhausted()
-{
-	if (memory.requests_left > 0)
-		memory.requests_left--;
-	else if (memory.requests_left == 0)
-		return true;
-	return false;
-}
-
-PASSES_ON void *malloc(size_t size) noexcept
-{
-	if (exhausted())
-		return nullptr;
-	return __interceptor_malloc ? __interceptor_malloc(size) : __libc_malloc(size);
-}
-
-PASSES_ON void *calloc(size_t count, size_t size) noexcept
-{
-	if (exhausted())
-		return nullptr;
-	return __interceptor_calloc ? __interceptor_calloc(count, size) : __libc_calloc(count, size);
-}
-
-PASSES_ON void *realloc(void *block, size_t size) noexcept
-{
-	if (exhausted())
-		return nullptr;
-	if (block && block == memory.growable) {
-		memory.grown_to = size;
-		return block;
-	}
-	return __interceptor_realloc ? __interceptor_realloc(block, size) : __libc_realloc(block, size);
-}
-}
 
 namespace
 {
+
+// A block that can grow without memory: realloc leaves it where it is,
+void *growable;
+size_t grown_to; // and says here how large it should have become
+
+void *grow(void *block, size_t size)
+{
+	if (!block || block != growable)
+		return nullptr;
+	grown_to = size;
+	return block;
+}
 
 // A buffer that is released with its owner.
 struct owned_buffer {
@@ -102,14 +63,15 @@ public:
 			  size, length}
 	{
 		EXPECT_NE(static_cast<void *>(b.data), MAP_FAILED);
-		memory.growable = b.data;
-		memory.grown_to = 0;
+		memory.give = grow;
+		growable = b.data;
+		grown_to = 0;
 	}
 	vast_buffer(const vast_buffer &) = delete;
 	vast_buffer &operator=(const vast_buffer &) = delete;
 	~vast_buffer()
 	{
-		memory.growable = nullptr;
+		growable = nullptr;
 		munmap(b.data, space);
 	}
 };
@@ -211,7 +173,7 @@ TEST(buffer_new_with_size, counts_a_negative_size_as_zero)
 TEST(buffer_new_with_size, without_memory_for_the_record_ends_the_process)
 {
 	expect_out_of_memory([] {
-		memory.requests_left = 0;
+		memory.refuse_from(0);
 		buffer_new();
 	});
 }
@@ -219,7 +181,7 @@ TEST(buffer_new_with_size, without_memory_for_the_record_ends_the_process)
 TEST(buffer_new_with_size, without_memory_for_the_storage_ends_the_process)
 {
 	expect_out_of_memory([] {
-		memory.requests_left = 1; // the record
+		memory.refuse_from(1); // the record
 		buffer_new_with_size(16);
 	});
 }
@@ -381,7 +343,7 @@ TEST(buffer_write, beyond_the_largest_length_is_refused_and_changes_nothing)
 		EXPECT_EQ(vast.b.size, INT32_MAX - 10);
 		EXPECT_EQ(vast.b.length, INT32_MAX - 10);
 	}
-	EXPECT_EQ(memory.grown_to, 0u);
+	EXPECT_EQ(grown_to, 0u);
 }
 
 TEST(buffer_write, of_the_largest_count_to_a_buffer_in_use_is_refused)
@@ -410,7 +372,7 @@ TEST(buffer_write, grows_at_most_to_the_largest_size)
 	EXPECT_EQ(buffer_write(&vast.b, "xyz", 3), 3);
 	EXPECT_EQ(vast.b.length, INT32_MAX - 7);
 	EXPECT_EQ(vast.b.size, INT32_MAX);
-	EXPECT_EQ(memory.grown_to, static_cast<size_t>(INT32_MAX));
+	EXPECT_EQ(grown_to, static_cast<size_t>(INT32_MAX));
 	EXPECT_EQ(memcmp(vast.b.data + INT32_MAX - 10, "xyz", 3), 0);
 }
 
@@ -418,7 +380,7 @@ TEST(buffer_write, without_memory_to_grow_ends_the_process)
 {
 	expect_out_of_memory([] {
 		buffer *b = buffer_new_with_size(4);
-		memory.requests_left = 0;
+		memory.refuse_from(0);
 		buffer_write(b, "abcd", 4); // fits
 		buffer_write(b, "e", 1);
 	});
@@ -578,7 +540,7 @@ TEST(buffer_printf, without_memory_to_grow_ends_the_process)
 {
 	expect_out_of_memory([] {
 		buffer *b = buffer_new_with_size(4);
-		memory.requests_left = 0;
+		memory.refuse_from(0);
 		buffer_printf(b, "%s", "abc"); // fits
 		buffer_printf(b, "%s", "abc");
 	});

@@ -13,50 +13,7 @@
 #include <utility>
 #include <vector>
 
-// Allocations can fail and can be dirty. These definitions stand before the C library's, for the library
-// under test too, and pass everything else on to it, or to a sanitizer's.
-static struct {
-	int requests_left; // until every further one fails; negative: they never do
-	int requests;      // counted
-	bool dirty;        // what malloc gives is filled with DIRT
-} memory = {-1, 0, false};
-
-static constexpr unsigned char DIRT = 0xa5;
-
-#define PASSES_ON __attribute__((no_sanitize("address", "undefined")))
-extern "C" {
-void *__libc_malloc(size_t);
-void *__libc_calloc(size_t, size_t);
-void *__interceptor_malloc(size_t) __attribute__((weak));
-void *__interceptor_calloc(size_t, size_t) __attribute__((weak));
-
-PASSES_ON static bool exhausted()
-{
-	memory.requests++;
-	if (memory.requests_left > 0)
-		memory.requests_left--;
-	else if (memory.requests_left == 0)
-		return true;
-	return false;
-}
-
-PASSES_ON void *malloc(size_t size) noexcept
-{
-	if (exhausted())
-		return nullptr;
-	void *block = __interceptor_malloc ? __interceptor_malloc(size) : __libc_malloc(size);
-	if (block && memory.dirty)
-		memset(block, DIRT, size);
-	return block;
-}
-
-PASSES_ON void *calloc(size_t count, size_t size) noexcept
-{
-	if (exhausted())
-		return nullptr;
-	return __interceptor_calloc ? __interceptor_calloc(count, size) : __libc_calloc(count, size);
-}
-}
+#include "tests/memory.h"
 
 namespace
 {
@@ -117,11 +74,11 @@ struct scarce_memory {
 	explicit scarce_memory(int requests)
 	{
 		destroyed.reserve(64);
-		memory.requests_left = requests;
+		memory.refuse_from(requests);
 	}
 	scarce_memory(const scarce_memory &) = delete;
 	scarce_memory &operator=(const scarce_memory &) = delete;
-	~scarce_memory() { memory.requests_left = -1; }
+	~scarce_memory() { memory.grant(); }
 };
 
 // How many allocations `calls` makes.

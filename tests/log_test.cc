@@ -32,88 +32,11 @@
 #include <vector>
 
 #include "lib/time.h"
+#include "tests/memory.h"
 #include "tests/support.h"
 
 // The compiler warns of %m, which is not ISO C++; it is what some of these tests are about.
 #pragma GCC diagnostic ignored "-Wformat"
-
-// The allocator can be exhausted and dirty, and remembers the size it was last asked for. These definitions
-// stand before the C library's, for the library under test too, and pass everything else on to it, or to a
-// sanitizer's. A sanitizer's strdup and strndup do not call malloc, so they stand here as well.
-static struct {
-	bool exhausted;
-	bool dirty; // what malloc gives is filled with DIRT
-	size_t last_size;
-} memory;
-
-static constexpr unsigned char DIRT = 0xa5;
-
-#define PASSES_ON __attribute__((no_sanitize("address", "undefined")))
-extern "C" {
-void *__libc_malloc(size_t);
-void *__libc_calloc(size_t, size_t);
-void *__libc_realloc(void *, size_t);
-void *__interceptor_malloc(size_t) __attribute__((weak));
-void *__interceptor_calloc(size_t, size_t) __attribute__((weak));
-void *__interceptor_realloc(void *, size_t) __attribute__((weak));
-
-// A sanitizer takes a request that no memory could meet for a mistake; the C library says ENOMEM.
-PASSES_ON static bool refused(size_t count, size_t size)
-{
-	size_t product = 0;
-	bool vast = __builtin_mul_overflow(count, size, &product) || product > SIZE_MAX / 2;
-	memory.last_size = product;
-	if (!memory.exhausted && !vast)
-		return false;
-	errno = ENOMEM;
-	return true;
-}
-
-PASSES_ON void *malloc(size_t size) noexcept
-{
-	if (refused(1, size))
-		return nullptr;
-	void *block = __interceptor_malloc ? __interceptor_malloc(size) : __libc_malloc(size);
-	if (block && memory.dirty)
-		memset(block, DIRT, size);
-	return block;
-}
-
-PASSES_ON void *calloc(size_t count, size_t size) noexcept
-{
-	if (refused(count, size))
-		return nullptr;
-	return __interceptor_calloc ? __interceptor_calloc(count, size) : __libc_calloc(count, size);
-}
-
-PASSES_ON void *realloc(void *block, size_t size) noexcept
-{
-	if (refused(1, size))
-		return nullptr;
-	return __interceptor_realloc ? __interceptor_realloc(block, size) : __libc_realloc(block, size);
-}
-
-#ifdef __SANITIZE_ADDRESS__
-char *__interceptor_strdup(const char *);
-
-PASSES_ON char *strdup(const char *text) noexcept
-{
-	return refused(1, 1) ? nullptr : __interceptor_strdup(text);
-}
-
-// Here by itself: a sanitizer's may insist on a terminating zero, which strndup does not.
-PASSES_ON char *strndup(const char *text, size_t length_max) noexcept
-{
-	size_t length = strnlen(text, length_max);
-	char *copy = static_cast<char *>(malloc(length + 1));
-	if (!copy)
-		return nullptr;
-	memcpy(copy, text, length);
-	copy[length] = '\0';
-	return copy;
-}
-#endif
-}
 
 namespace
 {
@@ -1603,11 +1526,11 @@ TEST(xmalloc, gives_the_size_asked_for)
 TEST(xmalloc, without_memory_ends_the_process)
 {
 	expect_out_of_memory([] {
-		memory.exhausted = true;
+		memory.refuse_from(0);
 		free(xmalloc(1));
 	});
 	expect_out_of_memory([] {
-		memory.exhausted = true;
+		memory.refuse_from(0);
 		free(xmalloc(0));
 	});
 }
@@ -1657,19 +1580,19 @@ TEST_F(dirty_memory, xzalloc_of_0_gives_a_byte_that_is_not_zeroed)
 TEST(xcalloc, without_memory_ends_the_process)
 {
 	expect_out_of_memory([] {
-		memory.exhausted = true;
+		memory.refuse_from(0);
 		free(xcalloc(2, 3));
 	});
 	expect_out_of_memory([] {
-		memory.exhausted = true;
+		memory.refuse_from(0);
 		free(xcalloc(0, 3));
 	});
 	expect_out_of_memory([] {
-		memory.exhausted = true;
+		memory.refuse_from(0);
 		free(xzalloc(1));
 	});
 	expect_out_of_memory([] {
-		memory.exhausted = true;
+		memory.refuse_from(0);
 		free(xzalloc(0));
 	});
 }
@@ -1723,7 +1646,7 @@ TEST(xrealloc, without_memory_ends_the_process)
 	for (size_t size : {size_t{0}, size_t{1000}})
 		expect_out_of_memory([size] {
 			void *block = xmalloc(10);
-			memory.exhausted = true;
+			memory.refuse_from(0);
 			free(xrealloc(block, size));
 		});
 	expect_out_of_memory([] { free(xrealloc(xmalloc(10), SIZE_MAX)); });
@@ -1741,9 +1664,9 @@ TEST(xstrdup, gives_a_copy)
 
 TEST(xstrdup, without_memory_is_null)
 {
-	memory.exhausted = true;
+	memory.refuse_from(0);
 	char *copy = xstrdup("text");
-	memory.exhausted = false;
+	memory.grant();
 	EXPECT_EQ(copy, nullptr);
 }
 
@@ -1777,8 +1700,8 @@ TEST(xstrndup, reads_no_byte_beyond_the_length)
 
 TEST(xstrndup, without_memory_is_null)
 {
-	memory.exhausted = true;
+	memory.refuse_from(0);
 	char *copy = xstrndup("text", 2);
-	memory.exhausted = false;
+	memory.grant();
 	EXPECT_EQ(copy, nullptr);
 }

@@ -1,5 +1,5 @@
-// What the tests of nft on the kernel share: namespaces that a test has to itself, batches and rules in few
-// words, and the ruleset as the system's `nft` prints it.
+// What the tests of nft on the kernel share: batches and rules in few words, and the ruleset as the system's
+// `nft` prints it.
 #pragma once
 #include <netinet/in.h> // before the kernel's headers, which else define the same things
 
@@ -16,54 +16,10 @@
 #include "lib/nft.h"
 #include "tests/support.h"
 
-// Of LeakSanitizer; null where it is not linked.
-extern "C" int __lsan_do_recoverable_leak_check() __attribute__((weak));
-
 namespace nft_support
 {
 
 using namespace support;
-
-// Runs `body` with its expectations in a child with namespaces of its own. What it leaves behind fails the
-// test, also memory, which nobody looks at when a child ends by _exit.
-inline void in_private_network(const std::function<void()> &body)
-{
-	expect_in_child([&] {
-		ASSERT_TRUE(enter_private_namespaces()) << strerror(errno);
-		std::set<int> before = open_descriptors();
-		body();
-		for (int fd : open_descriptors())
-			EXPECT_TRUE(before.count(fd)) << "left open: " << fd << " " << descriptor_target(fd);
-		if (__lsan_do_recoverable_leak_check) {
-			EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0);
-		}
-	});
-}
-
-// How a command of the shell ended, and what it wrote.
-struct command_result {
-	int status;
-	std::string text;
-};
-
-inline command_result run_command(const std::string &command)
-{
-	command_result result{-1, ""};
-	FILE *pipe = popen((command + " 2>&1").c_str(), "re");
-	if (!pipe)
-		return result;
-	result.text = read_all(fileno(pipe));
-	result.status = pclose(pipe);
-	return result;
-}
-
-// For what a test needs before it can begin.
-inline std::string must_run(const std::string &command)
-{
-	command_result result = run_command(command);
-	EXPECT_EQ(result.status, 0) << command << "\n" << result.text;
-	return result.text;
-}
 
 // What the system's `nft` says when the kernel refuses these commands in a namespace with the table "t" and
 // the chain "c" of `family`; empty if it takes them. For what a kernel may have been built without.
@@ -73,7 +29,7 @@ inline std::string refusal_of(const std::string &family, const std::string &comm
 		if (!enter_private_namespaces())
 			_exit(2);
 		std::string text = "add table " + family + " t\nadd chain " + family + " t c\n" + commands;
-		command_result command = run_command("printf '%s\\n' '" + text + "' | nft -f -");
+		shell_result command = run_in_shell("printf '%s\\n' '" + text + "' | nft -f -");
 		printf("%s", command.text.c_str());
 		if (command.status != 0)
 			_exit((fflush(stdout), 3));
@@ -134,7 +90,8 @@ inline void drop_what_varies(json_t *value)
 	void *next;
 	size_t index;
 	if (json_is_array(value)) {
-		json_array_foreach(value, index, item) drop_what_varies(item);
+		json_array_foreach(value, index, item)
+			drop_what_varies(item);
 	} else if (json_is_object(value)) {
 		json_object_del(value, "handle");
 		json_object_del(value, "expires");
@@ -150,8 +107,9 @@ inline std::vector<std::string> ruleset()
 	std::vector<std::string> lines;
 	size_t index;
 	json_t *item;
-	json_array_foreach(json_object_get(whole.get(), "nftables"), index,
-		item) if (!json_object_get(item, "metainfo")) lines.push_back(text_of(item));
+	json_array_foreach(json_object_get(whole.get(), "nftables"), index, item)
+		if (!json_object_get(item, "metainfo"))
+			lines.push_back(text_of(item));
 	return lines;
 }
 
@@ -174,9 +132,9 @@ inline std::string elements(const std::string &family = "inet")
 	drop_what_varies(whole.get());
 	size_t index;
 	json_t *item;
-	json_array_foreach(json_object_get(whole.get(), "nftables"), index,
-		item) if (json_t *set =
-				  json_object_get(item, "set")) return text_of(json_object_get(set, "elem"));
+	json_array_foreach(json_object_get(whole.get(), "nftables"), index, item)
+		if (json_t *set = json_object_get(item, "set"))
+			return text_of(json_object_get(set, "elem"));
 	return "no set";
 }
 

@@ -25,82 +25,11 @@
 #include <linux/netlink.h>
 
 #include "lib/log.h"
+#include "tests/memory.h"
 #include "tests/support.h"
 #include "tests/syslog_messages.h"
 
 using namespace support;
-
-// One request for memory can be refused, and what is in use is counted. These definitions stand before the C
-// library's, for the libraries under test too, and pass everything else on to it, or to a sanitizer's.
-static struct {
-	int requests_left; // until one is refused; negative: none is
-	bool for_good;     // so is every later one
-	bool refused;      // it has come to that
-	int requests;
-	int blocks; // in use
-} memory = {-1, false, false, 0, 0};
-
-#define PASSES_ON __attribute__((no_sanitize("address", "undefined")))
-extern "C" {
-void *__libc_malloc(size_t);
-void *__libc_calloc(size_t, size_t);
-void __libc_free(void *);
-void *__interceptor_malloc(size_t) __attribute__((weak));
-void *__interceptor_calloc(size_t, size_t) __attribute__((weak));
-void __interceptor_free(void *) __attribute__((weak));
-
-PASSES_ON static bool refuses()
-{
-	memory.requests++;
-	if (memory.requests_left < 0 || (memory.refused && !memory.for_good))
-		return false;
-	if (memory.requests_left > 0) {
-		memory.requests_left--;
-		return false;
-	}
-	errno = ENOMEM;
-	return memory.refused = true;
-}
-
-PASSES_ON static void *counted(void *block)
-{
-	if (block)
-		memory.blocks++;
-	return block;
-}
-
-PASSES_ON void *malloc(size_t size) noexcept
-{
-	if (refuses())
-		return nullptr;
-	return counted(__interceptor_malloc ? __interceptor_malloc(size) : __libc_malloc(size));
-}
-
-PASSES_ON void *calloc(size_t count, size_t size) noexcept
-{
-	if (refuses())
-		return nullptr;
-	return counted(__interceptor_calloc ? __interceptor_calloc(count, size) : __libc_calloc(count, size));
-}
-
-PASSES_ON void free(void *block) noexcept
-{
-	if (block)
-		memory.blocks--;
-	if (__interceptor_free)
-		__interceptor_free(block);
-	else
-		__libc_free(block);
-}
-
-// A sanitizer has one of its own, which does not come by malloc.
-char *strdup(const char *text) noexcept
-{
-	size_t size = strlen(text) + 1;
-	void *copy = malloc(size);
-	return static_cast<char *>(copy ? memcpy(copy, text, size) : nullptr);
-}
-}
 
 // What is sent, and what priority a chain is given, is looked at on its way.
 static struct {
@@ -2810,12 +2739,10 @@ TEST(nft_room, data_that_has_taken_the_place_of_a_chain_is_not_taken_for_its_nam
 template <typename F>
 bool run_refusing(int nth, bool for_good, F call)
 {
-	memory.requests_left = nth;
-	memory.for_good = for_good;
-	memory.refused = false;
+	for_good ? memory.refuse_from(nth) : memory.refuse(nth);
 	call();
-	memory.requests_left = -1;
-	return std::exchange(memory.refused, false);
+	memory.grant();
+	return memory.refused;
 }
 
 // Refuses the first request for memory that `call` makes, then the second, and so on until there is none

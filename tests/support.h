@@ -1,10 +1,12 @@
 // What the test programs share: owned descriptors, sockets, the loop driven until something holds, checks
-// for what a test leaves behind, and children for tests that change the state of a whole process.
+// for what a test leaves behind, children and namespaces for tests that change the state of a whole process,
+// commands of the shell, and what is taken away from a process for a while.
 #pragma once
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <linux/capability.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -15,7 +17,9 @@
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -30,6 +34,9 @@
 #include <gtest/gtest.h>
 
 #include "lib/evloop.h"
+
+// Of LeakSanitizer; null where it is not linked.
+extern "C" int __lsan_do_recoverable_leak_check() __attribute__((weak));
 
 namespace support
 {
@@ -503,5 +510,88 @@ inline bool replace_file(const std::string &path, const std::string &text)
 	unlink(name);
 	return done;
 }
+
+// For a child, which ends by _exit: nobody else looks at the memory that it has lost.
+inline void expect_no_leak()
+{
+	if (__lsan_do_recoverable_leak_check) {
+		EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0);
+	}
+}
+
+// Runs `body` with its expectations in a child with namespaces of its own. Descriptors and memory that it
+// leaves behind fail the test.
+inline void in_private_network(const std::function<void()> &body)
+{
+	expect_in_child([&] {
+		ASSERT_TRUE(enter_private_namespaces()) << strerror(errno);
+		std::set<int> before = open_descriptors();
+		body();
+		for (int fd : open_descriptors())
+			EXPECT_TRUE(before.count(fd)) << "left open: " << fd << " " << descriptor_target(fd);
+		expect_no_leak();
+	});
+}
+
+// How a command of the shell ended, and what it wrote.
+struct shell_result {
+	int status;
+	std::string text;
+};
+
+inline shell_result run_in_shell(const std::string &command)
+{
+	shell_result result{-1, ""};
+	FILE *pipe = popen((command + " 2>&1").c_str(), "re");
+	if (!pipe)
+		return result;
+	result.text = read_all(fileno(pipe));
+	result.status = pclose(pipe);
+	return result;
+}
+
+// For what a test needs before it can begin.
+inline std::string must_run(const std::string &command)
+{
+	shell_result result = run_in_shell(command);
+	EXPECT_EQ(result.status, 0) << command << "\n" << result.text;
+	return result.text;
+}
+
+// While it lives, no descriptor can be opened.
+class no_descriptors
+{
+	rlimit before_{};
+
+public:
+	no_descriptors()
+	{
+		getrlimit(RLIMIT_NOFILE, &before_);
+		rlimit none{0, before_.rlim_max};
+		EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+	}
+	no_descriptors(const no_descriptors &) = delete;
+	no_descriptors &operator=(const no_descriptors &) = delete;
+	~no_descriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
+};
+
+// While it lives, this process does without one of its capabilities.
+class without_capability
+{
+	__user_cap_header_struct header_{_LINUX_CAPABILITY_VERSION_3, 0};
+	__user_cap_data_struct before_[2]{};
+
+public:
+	explicit without_capability(unsigned number)
+	{
+		EXPECT_EQ(syscall(SYS_capget, &header_, before_), 0);
+		__user_cap_data_struct less[2] = {before_[0], before_[1]};
+		less[number / 32].effective &= ~(1U << number % 32);
+		EXPECT_EQ(syscall(SYS_capset, &header_, less), 0);
+	}
+	without_capability(const without_capability &) = delete;
+	without_capability &operator=(const without_capability &) = delete;
+	~without_capability() { syscall(SYS_capset, &header_, before_); }
+};
 
 } // namespace support

@@ -19,6 +19,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/memory.h"
 #include "tests/support.h"
 #include "tests/syslog_messages.h"
 #include "tests/ubus_support.h"
@@ -26,86 +27,65 @@
 using namespace support;
 using testing::ElementsAre;
 
-// The memory of a context can be made to be used again for the next one. These definitions stand before
-// the C library's, for the libraries under test too, and pass everything else on to it, or to a
-// sanitizer's.
-static struct {
-	bool armed; // the next block of a context's size is kept
-	void *block;
-	bool released;
-} kept;
-
-#define PASSES_ON __attribute__((no_sanitize("address", "undefined")))
 extern "C" {
-void *__libc_malloc(size_t);
-void *__libc_calloc(size_t, size_t);
-void __libc_free(void *);
-void *__interceptor_malloc(size_t) __attribute__((weak));
-void *__interceptor_calloc(size_t, size_t) __attribute__((weak));
-void __interceptor_free(void *) __attribute__((weak));
 void __asan_poison_memory_region(void const volatile *, size_t) __attribute__((weak));
 void __asan_unpoison_memory_region(void const volatile *, size_t) __attribute__((weak));
-
-PASSES_ON static void *again(size_t size)
-{
-	if (!kept.armed || size != sizeof(ubus_context) || !kept.released)
-		return nullptr;
-	kept.released = false;
-	if (__asan_unpoison_memory_region)
-		__asan_unpoison_memory_region(kept.block, sizeof(ubus_context));
-	return kept.block;
-}
-
-PASSES_ON static void *remembered(void *block, size_t size)
-{
-	if (kept.armed && size == sizeof(ubus_context) && !kept.block)
-		kept.block = block;
-	return block;
-}
-
-PASSES_ON void *malloc(size_t size) noexcept
-{
-	if (void *block = again(size))
-		return block;
-	return remembered(__interceptor_malloc ? __interceptor_malloc(size) : __libc_malloc(size), size);
-}
-
-PASSES_ON void *calloc(size_t count, size_t size) noexcept
-{
-	if (void *block = again(count * size))
-		return memset(block, 0, count * size);
-	return remembered(
-		__interceptor_calloc ? __interceptor_calloc(count, size) : __libc_calloc(count, size),
-		count * size);
-}
-
-PASSES_ON void free(void *block) noexcept
-{
-	if (block && block == kept.block) {
-		kept.released = true;
-		if (__asan_poison_memory_region)
-			__asan_poison_memory_region(block, sizeof(ubus_context));
-		return;
-	}
-	__interceptor_free ? __interceptor_free(block) : __libc_free(block);
-}
 }
 
 namespace
 {
 
 // While it lives, the next context's memory goes to nobody but the context after that.
-struct context_address_kept {
-	context_address_kept() { kept.armed = true; }
-	~context_address_kept()
+class context_address_kept
+{
+	static inline void *block;
+	static inline bool released;
+
+	static void poison()
 	{
-		void *block = std::exchange(kept.block, nullptr);
-		kept.armed = false;
-		if (!std::exchange(kept.released, false))
-			return;
+		if (__asan_poison_memory_region)
+			__asan_poison_memory_region(block, sizeof(ubus_context));
+	}
+	static void unpoison()
+	{
 		if (__asan_unpoison_memory_region)
 			__asan_unpoison_memory_region(block, sizeof(ubus_context));
-		free(block);
+	}
+	static void *give(void *old_block, size_t size)
+	{
+		if (old_block || size != sizeof(ubus_context))
+			return nullptr;
+		if (!block)
+			return block = next_malloc(size);
+		if (!std::exchange(released, false))
+			return nullptr;
+		unpoison();
+		return block;
+	}
+	static bool take(void *given)
+	{
+		if (!given || given != block)
+			return false;
+		released = true;
+		poison();
+		return true;
+	}
+
+public:
+	context_address_kept()
+	{
+		memory.give = give;
+		memory.take = take;
+	}
+	~context_address_kept()
+	{
+		memory.give = nullptr;
+		memory.take = nullptr;
+		if (std::exchange(released, false)) {
+			unpoison();
+			free(block);
+		}
+		block = nullptr;
 	}
 	context_address_kept(const context_address_kept &) = delete;
 	context_address_kept &operator=(const context_address_kept &) = delete;
