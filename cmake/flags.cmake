@@ -28,6 +28,8 @@ function(apbase_library_flags target)
 	set(map ${PROJECT_SOURCE_DIR}/lib/apbase.map)
 	set(optimised $<CONFIG:Release,RelWithDebInfo,MinSizeRel>)
 	target_compile_features(${target} PRIVATE cxx_std_20)
+	# Files and offsets beyond 31 bits on 32-bit targets, too. No public header has a type that depends on it.
+	target_compile_definitions(${target} PRIVATE _FILE_OFFSET_BITS=64)
 	target_compile_options(${target} PRIVATE
 		-fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-asynchronous-unwind-tables -fno-unwind-tables
 		-fvisibility=hidden -ffunction-sections -fdata-sections

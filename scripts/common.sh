@@ -1,9 +1,9 @@
 # Sourced by demo, test and bench: the packages of each, and how they report to whoever runs them.
 
-packages_build="g++ cmake ninja-build pkg-config libjansson-dev libnftnl-dev libmnl-dev"
-packages_demo="$packages_build curl nftables iproute2"
+packages_build="g++ cmake ninja-build pkg-config libjansson-dev libnftnl-dev libmnl-dev libmbedtls-dev"
+packages_demo="$packages_build curl nftables iproute2 busybox-static"
 packages_test="$packages_build libgtest-dev libgmock-dev curl python3 clang-format-14 clang-tidy-14
-	g++-mips-linux-gnu g++-mipsel-linux-gnu nftables iproute2"
+	g++-mips-linux-gnu g++-mipsel-linux-gnu nftables iproute2 busybox-static chromium chromium-driver"
 packages_bench="$packages_build python3 libbenchmark-dev libevent-dev libglib2.0-dev nginx-light wrk valgrind strace
 	nftables"
 

@@ -1,6 +1,8 @@
 // One resource, one owner: a guard is as big as what it guards, and giving back is a direct call.
 #pragma once
 #include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 template <typename T, T none, auto drop>
@@ -36,3 +38,5 @@ public:
 };
 
 using owned_fd = owned<int, -1, close>; // never retried: after EINTR the number may be another's
+using owned_file = owned<FILE *, nullptr, fclose>;
+using owned_text = owned<char *, nullptr, free>;

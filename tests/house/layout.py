@@ -15,12 +15,12 @@ arguments = parser.parse_args()
 
 tree = pathlib.Path(arguments.tree)
 scratch = pathlib.Path(house.fresh_folder(arguments.scratch))
-compile_cxx = [f"{arguments.tools}g++", "-std=c++20", "-fno-exceptions", "-fno-rtti", "-O2"]
+compile_cxx = [f"{arguments.tools}g++", "-std=c++20", "-fno-exceptions", "-fno-rtti", "-O2", "-D_FILE_OFFSET_BITS=64"]
 # This machine's C library must not be found for the target: of its headers only these. The message bus has the
 # same records everywhere.
 others = scratch / "include"
 others.mkdir()
-for header in ("jansson.h", "jansson_config.h", "libnftnl", "libmnl"):
+for header in ("jansson.h", "jansson_config.h", "libnftnl", "libmnl", "mbedtls"):
     (others / header).symlink_to(f"/usr/include/{header}")
 compile_cxx += [f"-isystem{others}", f"-isystem{tree}/host/include"]
 compile_cxx += ["-Wall", "-Wextra", "-Werror", f"-I{tree}", "-c", "-o", scratch / "module.o"]
@@ -37,11 +37,11 @@ def check_asserts():
         if house.attempt([*compile_cxx, probe]).returncode == 0:
             house.fail(f"an assertion that is false compiles: {wrong}")
 
-    modules = sorted((tree / "lib").glob("*.cc"))
+    modules = sorted([*(tree / "lib").glob("*.cc"), *(tree / "boards").glob("*.cc")])
     if not modules:
         house.fail("there is no module to compile")
     for module in modules:
-        house.run([*compile_cxx, module], f"lib/{module.name} does not compile for {arguments.tools}")
+        house.run([*compile_cxx, module], f"{module.name} does not compile for {arguments.tools}")
 
 
 def check_bit():

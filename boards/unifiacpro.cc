@@ -1,0 +1,121 @@
+// An access point with a 2.4 GHz radio of the system-on-chip's own, a 5 GHz radio on PCI, one Ethernet
+// interface behind a switch, and a white and a blue LED in its dome.
+
+#include "../lib/caldata.h"
+#include "../lib/device.h"
+#include "../lib/log.h"
+
+// ---- LEDs ----
+
+static constexpr char WHITE[] = "ubnt:white:dome";
+static constexpr char BLUE[] = "ubnt:blue:dome";
+
+static void unifiacpro_led_off(const char *led)
+{
+	_led_set_attr(led, "trigger", "none");
+	_led_set_attr(led, "brightness", "0");
+}
+
+static void light(const char *led)
+{
+	_led_set_attr(led, "trigger", "none");
+	_led_set_attr(led, "brightness", "255");
+}
+
+static void blink(const char *led)
+{
+	_led_set_attr(led, "trigger", "timer");
+}
+
+// The kernel has the delays' files once the trigger is set.
+static void blink_every(const char *led, const char *delay_ms)
+{
+	blink(led);
+	_led_set_attr(led, "delay_on", delay_ms);
+	_led_set_attr(led, "delay_off", delay_ms);
+}
+
+static int unifiacpro_led_set(unsigned int state)
+{
+	switch (state) {
+	case DEV_LED_OFF:
+		unifiacpro_led_off(WHITE);
+		unifiacpro_led_off(BLUE);
+		break;
+	case DEV_LED_WHITE_BLINK:
+		unifiacpro_led_off(BLUE);
+		blink(WHITE);
+		break;
+	case DEV_LED_BLUE_ON:
+		unifiacpro_led_off(WHITE);
+		light(BLUE);
+		break;
+	case DEV_LED_WHITE_BLINK_FAST:
+		unifiacpro_led_off(BLUE);
+		blink_every(WHITE, "100");
+		break;
+	case DEV_LED_WHITE_BLINK_SLOW:
+		unifiacpro_led_off(BLUE);
+		blink_every(WHITE, "1000");
+		break;
+	case DEV_LED_BLUE_BLINK:
+		unifiacpro_led_off(WHITE);
+		blink(BLUE);
+		break;
+	default:
+		break;
+	}
+	return 0;
+}
+
+// ---- Start-up ----
+
+struct calibration {
+	const char *file; // below /lib/firmware, where the radio's driver asks for it
+	unsigned int offset, length;
+};
+
+static constexpr calibration RADIOS[] = {
+	{"ath9k-eeprom-ahb-18100000.wmac.bin", 4096, 16384},
+	{"ath10k/cal-pci-0000:00:00.0.bin", 20480, 2116},
+};
+
+static int unifiacpro_init(void)
+{
+	for (const calibration &radio : RADIOS)
+		if (caldata_export(radio.file, "EEPROM", radio.offset, radio.length) < 0)
+			_log(3, "unable to export the %s\n", radio.file);
+	return 0; // a radio less is no reason not to come up
+}
+
+// ---- The board ----
+
+static constexpr device_switch unifiacpro_switch = {
+	.dev = "switch0",
+	.cpu = "0",
+	.cpu_lan = nullptr,
+	.wan = "2",
+	.lan = "3",
+};
+
+static constexpr device unifiacpro_board = {
+	.id = "unifiacpro",
+	.vendor = "Ubiquiti",
+	.name = "UniFi AC PRO",
+	.sw = &unifiacpro_switch,
+	.wan_iface = "eth0",
+	.lan_iface = nullptr,
+	.radio1_phy = "phy1", // on purpose crosswise: the kernel finds the second radio first
+	.radio1_mode = 14,
+	.radio2_phy = "phy0",
+	.radio2_mode = 25,
+	.led_set = unifiacpro_led_set,
+	.init = unifiacpro_init,
+	.post_upgrade = nullptr,
+};
+
+// When the library is loaded, and so before the constructors of whatever links it.
+__attribute__((constructor)) static void install_board(void)
+{
+	device_set(&unifiacpro_board);
+}

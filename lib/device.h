@@ -1,0 +1,114 @@
+/*
+ * device - the board that the daemons run on: its interfaces, radios, switch ports, LEDs and start-up work.
+ *
+ * The library knows one board, and has it described from the moment that it is loaded, before any
+ * constructor of a daemon's runs; device_set replaces the description. Reading without one is a mistake
+ * of the program's and ends it (assert_failure). All text belongs to the description and lives as long
+ * as the process: do not free it. One thread.
+ */
+#pragma once
+#include <jansson.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#pragma GCC visibility push(default)
+
+/* How an Ethernet switch is wired. Ports are numbers as text, "2"; each member may be null. */
+struct device_switch {
+	const char *dev;     /* the switch, "switch0" */
+	const char *cpu;     /* the port that is wired to the CPU */
+	const char *cpu_lan; /* a second one that carries LAN traffic; null if there is one for both */
+	const char *wan;     /* the WAN port */
+	const char *lan;     /* the LAN port or ports */
+};
+
+/* A board. It and all that it points to must live as long as the process. */
+struct device {
+	const char *id;                     /* for machines, "unifiacpro" */
+	const char *vendor;                 /* its maker */
+	const char *name;                   /* the model, for people */
+	const struct device_switch *sw;     /* null without a switch */
+	const char *wan_iface;              /* the network interface that faces the WAN; never null */
+	const char *lan_iface;              /* that of the LAN; null without one of its own */
+	const char *radio1_phy;             /* the first radio in /sys/class/ieee80211, "phy1"; may be null */
+	uint8_t radio1_mode;                /* what it can do; the bits are the daemons' */
+	const char *radio2_phy;             /* the second radio; may be null */
+	uint8_t radio2_mode;                /* what it can do */
+	int (*led_set)(unsigned int state); /* shows one of DEV_LED_*, and ignores others; may be null */
+	int (*init)(void);                  /* start-up work; may be null */
+	int (*post_upgrade)(void);          /* work after a firmware upgrade; may be null */
+};
+
+/* What the LEDs show, and how the built-in board does. */
+enum {
+	DEV_LED_OFF = 0,              /* nothing */
+	DEV_LED_WHITE_BLINK = 1,      /* white, blinking as fast as the kernel chooses */
+	DEV_LED_BLUE_ON = 2,          /* blue */
+	DEV_LED_WHITE_BLINK_FAST = 3, /* white, 100 ms on and 100 ms off */
+	DEV_LED_WHITE_BLINK_SLOW = 4, /* white, 1000 ms on and 1000 ms off */
+	DEV_LED_BLUE_BLINK = 5,       /* blue, blinking as fast as the kernel chooses */
+};
+
+/* Replaces the description, which is borrowed; null takes it away. */
+void device_set(const struct device *dev);
+
+/* The members of the description. A null dev->wan_iface ends the process, too. */
+const char *dev_id(void);
+const char *dev_vendor(void);
+const char *dev_name(void);
+const char *dev_wan_iface(void);
+const char *dev_lan_iface(void);
+const char *dev_radio1_phy(void);
+unsigned int dev_radio1_mode(void);
+const char *dev_radio2_phy(void);
+unsigned int dev_radio2_mode(void);
+
+/* 1 if there is the first (`index` 0) or the second (1) radio, else 0; for any other index even without a
+ * description. */
+int dev_has_radio(unsigned int index);
+
+/* 1 if there is a switch, else 0. */
+int dev_has_switch(void);
+
+/* The members of the switch; null without a switch. dev_switch_cpu_lan gives `cpu` if `cpu_lan` is null. */
+const char *dev_switch_dev(void);
+const char *dev_switch_cpu(void);
+const char *dev_switch_cpu_lan(void);
+const char *dev_switch_wan(void);
+const char *dev_switch_lan(void);
+
+/*
+ * These call the description's functions, and return what those do, or 0 where there is none. `state` is
+ * one of DEV_LED_*. dev_init is for the program that brings the system up; on the built-in board it
+ * copies the radios' calibration data to where the drivers look for it (caldata.h) unless that is there,
+ * logs each file that cannot be made, and always returns 0, but with a partition "EEPROM" that is too
+ * short it never returns.
+ */
+int dev_init(void);
+int dev_led_set(unsigned int state);
+int dev_post_upgrade(void);
+
+/*
+ * Makes a JSON array of the board's own MAC addresses, as text: that of the WAN interface, which must
+ * not be null here either, then those of the radios that there are (net.h).
+ *
+ * Returns: 0, and the caller owns `*out`; -ENOENT if one of them cannot be read, which is logged for radios
+ *          only (asking the interface needs CAP_NET_RAW); or -ENOMEM, also for an address that JSON cannot
+ *          hold. On failure `*out` is left as it was.
+ */
+int dev_get_mac_json_array(json_t **out);
+
+/*
+ * For functions of boards: writes `value` as it is to /sys/class/leds/<led>/<attribute>, which is made
+ * if the directory lets it. A file that cannot be opened is logged; whether it takes the value is not
+ * looked at. A path of more than 4096 characters is logged and left; on purpose one of exactly 4096 is
+ * tried without its last character.
+ */
+void _led_set_attr(const char *led, const char *attribute, const char *value);
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif

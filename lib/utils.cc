@@ -1,0 +1,202 @@
+// Small helpers around processes and terminals, and two checks of input. What the kernel tells of processes
+// is read from /proc, where any entry may vanish between two looks at it.
+
+#include "utils.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "internal/owned.h"
+#include "log.h"
+
+using owned_directory = owned<DIR *, nullptr, closedir>;
+
+// ---- Programs ----
+
+[[noreturn]] static void become(const char *path, char *const argv[], int quiet)
+{
+	if (quiet)
+		close(STDERR_FILENO);
+	if (execv(path, argv) == -1)
+		_log(3, "execute: execv: %s\n", strerror(errno));
+	else
+		_log(3, "execute: execv failed");
+	_exit(1); // what stdio holds is the parent's to write
+}
+
+int execute(const char *path, char *const argv[], int quiet)
+{
+	pid_t pid = fork();
+	if (pid < 0)
+		return -errno;
+	if (pid == 0)
+		become(path, argv, quiet);
+	int status;
+	while (waitpid(pid, &status, 0) < 0)
+		if (errno != EINTR)
+			return -errno;
+	return status;
+}
+
+// ---- Processes ----
+
+// The process that an entry of /proc stands for, or 0. Numbers below 1 are none, though they may be
+// written like one: to kill they mean groups of processes.
+static pid_t pid_of(const char *name)
+{
+	char *end;
+	errno = 0;
+	long number = strtol(name, &end, 10);
+	if (end == name || *end != '\0' || errno == ERANGE || number < 1 || number > INT_MAX)
+		return 0;
+	return static_cast<pid_t>(number);
+}
+
+// Whether /proc/<name>/stat, if it can be read, says that this is process `pid`, and a child of `parent`.
+static bool is_child(const char *stat_path, pid_t pid, pid_t parent)
+{
+	owned_file file{fopen(stat_path, "re")};
+	int read_pid, read_parent;
+	if (!file.ok() || fscanf(file.get(), "%d %*s %*c %d", &read_pid, &read_parent) != 2)
+		return false;
+	return read_pid == pid && read_parent == parent;
+}
+
+static bool is_directory(const char *path)
+{
+	struct stat about;
+	if (lstat(path, &about) == 0)
+		return S_ISDIR(about.st_mode);
+	_log(3, "error stat %s: err=-%d\n", path, errno);
+	return false;
+}
+
+static bool is_child_entry(const char *name, pid_t pid, pid_t parent)
+{
+	static constexpr char STAT[] = "/stat";
+	char path[sizeof "/proc/" + NAME_MAX + sizeof STAT];
+	int length = snprintf(path, sizeof path, "/proc/%s", name);
+	if (length > static_cast<int>(sizeof path - sizeof STAT) || !is_directory(path))
+		return false;
+	memcpy(path + length, STAT, sizeof STAT);
+	return is_child(path, pid, parent);
+}
+
+// Calls `action` for each child of `parent`, until it returns another value than 0, which is then the result.
+template <typename F>
+static int scan_children(pid_t parent, F action)
+{
+	owned_directory directory{opendir("/proc")};
+	if (!directory.ok()) {
+		_log(3, "cannot open %s: err=-%d\n", "/proc", errno);
+		return -1;
+	}
+	for (;;) {
+		errno = 0;
+		dirent *entry = readdir(directory.get());
+		if (!entry)
+			break;
+		pid_t pid = pid_of(entry->d_name);
+		if (!pid || !is_child_entry(entry->d_name, pid, parent))
+			continue;
+		int result = action(pid);
+		if (result)
+			return result;
+	}
+	if (!errno)
+		return 0;
+	_log(3, "error scanning proc: err=-%d\n", errno);
+	return -1;
+}
+
+static int terminate(pid_t pid)
+{
+	if (kill(pid, SIGTERM) != 0)
+		_log(3, "error killing %d: err=-%d\n", pid, errno);
+	return 0; // one that cannot be signalled does not stop the scan
+}
+
+int kill_children(pid_t parent)
+{
+	int result = scan_children(parent, terminate);
+	if (result)
+		_log(3, "error killing children of $d.\n"); // on purpose "$d", and no number
+	return result;
+}
+
+// ---- The console ----
+
+// On purpose a comma ends it wherever it stands, and a blank only if there is none.
+static char *copy_value(const char *value)
+{
+	const char *end = strchr(value, ',');
+	if (!end)
+		end = strchr(value, ' ');
+	return end ? xstrndup(value, static_cast<size_t>(end - value)) : xstrdup(value);
+}
+
+char *get_tty(void)
+{
+	static constexpr char PARAMETER[] = "console=";
+	char line[256];
+	owned_file file{fopen("/proc/cmdline", "re")};
+	if (!file.ok() || !fgets(line, sizeof line, file.get()))
+		return nullptr;
+	const char *found = strstr(line, PARAMETER);
+	return found ? copy_value(found + strlen(PARAMETER)) : nullptr;
+}
+
+int redir_to_devnull(int out, int err)
+{
+	int fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
+	if (fd < 0)
+		return -1;
+	if (out)
+		dup2(fd, STDOUT_FILENO);
+	if (err)
+		dup2(fd, STDERR_FILENO);
+	// Where a standard descriptor is closed, its number is given out: then it is there already, and stays.
+	if ((out && fd == STDOUT_FILENO) || (err && fd == STDERR_FILENO))
+		return fcntl(fd, F_SETFD, 0);
+	return close(fd);
+}
+
+// ---- JSON and hex ----
+
+int json_array_elements_type_check(const json_t *array, json_type type)
+{
+	if (!json_is_array(array))
+		return 0;
+	size_t index;
+	const json_t *element;
+	json_array_foreach(array, index, element)
+		if (json_typeof(element) != type)
+			return 0;
+	return 1;
+}
+
+// On purpose only lower-case digits.
+static bool is_byte(const char *hex, unsigned char byte)
+{
+	static constexpr char DIGITS[] = "0123456789abcdef";
+	return hex[0] == DIGITS[byte >> 4] && hex[1] == DIGITS[byte & 15];
+}
+
+int hex_bin_equal(const char *hex, const unsigned char *bin, int length)
+{
+	if (length < 0 || strlen(hex) != 2 * static_cast<size_t>(length))
+		return 0;
+	for (int index = 0; index < length; index++, hex += 2)
+		if (!is_byte(hex, bin[index]))
+			return 0;
+	return 1;
+}
