@@ -3,6 +3,7 @@
 include_guard(GLOBAL)
 
 add_library(example_common STATIC
+	${CMAKE_CURRENT_LIST_DIR}/board.c
 	${CMAKE_CURRENT_LIST_DIR}/bus.c
 	${CMAKE_CURRENT_LIST_DIR}/daemon.c
 	${CMAKE_CURRENT_LIST_DIR}/http.c

@@ -1,0 +1,439 @@
+/*
+ * apinit - the program that an access point starts first, and an example to copy from.
+ *
+ * It says what it finds, has the LED blink, makes the root writable, exports the radios' calibration data,
+ * has the LED shine, and starts a command with its own environment and standard streams. Nothing that fails
+ * on the way keeps it from that: a device that does not come up cannot be repaired over the network. From
+ * then on the loop reaps children; process 1 gets those of others as well.
+ *
+ * /proc, /sys, /dev and /tmp must be mounted before, /tmp for writing, and the root must have the directories
+ * that the overlay needs (overlay.h). What is not there is reported by what misses it.
+ *
+ * The board's start-up work may never come to an end (device.h) and so has a process of its own. It is killed
+ * after DEVICE_LIMIT_MS, and what it had begun to write stays.
+ *
+ * SIGTERM and SIGINT are passed on to all its children as SIGTERM; a command that has not ended
+ * STOP_PATIENCE_MS later is killed. Only the command is: it stays in apinit's process group, or it could not
+ * read from a terminal. During the start they are heeded after the step that is running, and no command is
+ * started then.
+ *
+ * When the command has ended, the LED blinks fast, and apinit ends with its status: 0 if a signal has ended
+ * it (evloop-process.h) or it was not wanted any more, 1 if it had to be killed, 127 if it could not be
+ * started. Without an event loop it ends with 1 before anything is done. Process 1 goes on in each case,
+ * since the kernel would panic without one: it reaps, also after a command line that makes no sense, and
+ * without an event loop it still starts the command, but hears no signals. Only after --help and --show does
+ * it end.
+ *
+ * What it says goes to the standard streams; with --quiet, which points those at /dev/null, to the kernel
+ * log.
+ *
+ * With --show it changes nothing and prints the board as JSON (show.h).
+ */
+#define _POSIX_C_SOURCE 200809L
+
+#include <errno.h>
+#include <fcntl.h>
+#include <getopt.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/signalfd.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include "lib/caldata.h"
+#include "lib/device.h"
+#include "lib/evloop-process.h"
+#include "lib/evloop.h"
+#include "lib/log.h"
+#include "lib/overlay.h"
+#include "lib/utils.h"
+#include "show.h"
+
+#define DEVICE_LIMIT_MS  5000 /* many times what a copy out of flash memory takes */
+#define STOP_PATIENCE_MS 5000
+
+/* Exit statuses, and what is none. */
+enum { RUN = -1, EXIT_USAGE = 2, EXIT_NOT_STARTED = 127 };
+
+extern char **environ;
+
+/* The record that a member lies in, by the member's address. */
+#define owner_of(address, type, member) ((type *)(void *)((char *)(address)-offsetof(type, member)))
+
+/* The command line. */
+struct options {
+	int show, quiet, no_overlay; /* flags, of the type that getopt_long sets */
+	char **command;
+};
+
+/* What is started, and what ends it. */
+struct init {
+	const struct options *options;
+	struct evloop_io signals; /* a signalfd */
+	struct evloop_timeout start;
+	struct evloop_process device; /* the board's start-up work */
+	struct evloop_timeout device_limit;
+	struct evloop_process command;
+	struct evloop_timeout patience;
+	bool stopping; /* a signal has told us to */
+	int status;    /* to exit with */
+};
+
+/* ---- What is there ---- */
+
+/* `found` is freed; null is nothing. A console that is the kernel's last parameter has its line feed. */
+static void say(const char *what, char *found)
+{
+	if (found)
+		found[strcspn(found, "\n")] = '\0';
+	_log(LOG_INFO, "%s: %s\n", what, found ? found : "none");
+	free(found);
+}
+
+/* Makes the machine ready for the command, but for the board's start-up work. */
+static void make_ready(const struct options *options)
+{
+	_log(LOG_INFO, "board: %s %s (%s)\n", dev_vendor(), dev_name(), dev_id());
+	say("partition rootfs_data", find_mtd("rootfs_data"));
+	say("partition EEPROM", find_mtd("EEPROM"));
+	say("console", get_tty());
+	dev_led_set(DEV_LED_WHITE_BLINK);
+	if (!options->no_overlay)
+		mount_overlayfs();
+	if (chdir("/")) /* it would still be where it was below the old root */
+		_log(LOG_ERR, "cannot change to the root: %s\n", strerror(errno));
+}
+
+/* ---- Processes ---- */
+
+/* Starts the board's start-up work. Returns its process, or -1 with errno set. */
+static pid_t fork_device(void)
+{
+	pid_t pid = fork();
+	if (pid != 0)
+		return pid;
+	alarm(2 * DEVICE_LIMIT_MS / 1000); /* should nobody be there to kill it */
+	_exit(dev_init() ? EXIT_FAILURE : EXIT_SUCCESS);
+}
+
+/* Starts a process with no signal blocked. Returns 0, or an errno value, also if only the program fails. */
+static int spawn(pid_t *pid, char **command)
+{
+	posix_spawnattr_t attributes;
+	sigset_t none, ignored;
+	sigemptyset(&none);
+	sigemptyset(&ignored);
+	sigaddset(&ignored, SIGPIPE);
+	int error = posix_spawnattr_init(&attributes);
+	if (error)
+		return error;
+	posix_spawnattr_setsigmask(&attributes, &none);
+	posix_spawnattr_setsigdefault(&attributes, &ignored);
+	posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+	error = posix_spawnp(pid, command[0], NULL, &attributes, command, environ);
+	posix_spawnattr_destroy(&attributes);
+	return error;
+}
+
+/* What the LED shows from now on is up to the command. Returns false if it cannot be started. */
+static bool spawn_command(pid_t *pid, char **command)
+{
+	_log(LOG_INFO, "starting %s\n", command[0]);
+	dev_led_set(DEV_LED_BLUE_ON);
+	int error = spawn(pid, command);
+	if (error)
+		_log(LOG_ERR, "cannot start %s: %s\n", command[0], strerror(error));
+	return !error;
+}
+
+/* Whether kill_children finds this child of ours: not if its name holds a blank (utils.h). */
+static bool is_found(pid_t pid)
+{
+	char path[64];
+	int parent;
+	snprintf(path, sizeof path, "/proc/%d/stat", (int)pid);
+	FILE *file = fopen(path, "re");
+	bool found = file && fscanf(file, "%*d %*s %*c %d", &parent) == 1 && parent == getpid();
+	if (file)
+		fclose(file);
+	return found;
+}
+
+/* All that process 1 does when nothing else is left, or possible. */
+static void reap_for_ever(void)
+{
+	for (;;)
+		if (waitpid(-1, NULL, 0) < 0)
+			sleep(1); /* there are none now: an orphan may come */
+}
+
+/* ---- The start, step by step, and the end ---- */
+
+/* There is nothing left to wait for, but for process 1. */
+static void finish(struct init *init, int status)
+{
+	dev_led_set(DEV_LED_WHITE_BLINK_FAST);
+	init->status = status;
+	if (getpid() != 1)
+		evloop_end();
+}
+
+/* Takes the next step, unless we were told to stop during the last. */
+static void go_on(struct init *init, void (*step)(struct init *))
+{
+	evloop_handle_ios(0); /* calls handle_signals if there is one */
+	if (init->stopping)
+		finish(init, EXIT_SUCCESS);
+	else
+		step(init);
+}
+
+static void start_command(struct init *init)
+{
+	if (spawn_command(&init->command.pid, init->options->command))
+		evloop_process_add(&init->command);
+	else
+		finish(init, EXIT_NOT_STARTED);
+}
+
+static void device_ended(struct evloop_process *process, int exit_status)
+{
+	struct init *init = owner_of(process, struct init, device);
+	(void)exit_status; /* what failed has been logged there */
+	evloop_timeout_cancel(&init->device_limit);
+	go_on(init, start_command);
+}
+
+static void give_up_device(struct evloop_timeout *timeout)
+{
+	struct init *init = owner_of(timeout, struct init, device_limit);
+	evloop_process_kill_and_delete(&init->device);
+	_log(LOG_ERR, "the board's start-up work does not end, and was killed\n");
+	go_on(init, start_command);
+}
+
+static void start_device(struct init *init)
+{
+	init->device.pid = fork_device();
+	if (init->device.pid < 0) {
+		_log(LOG_ERR, "cannot start the board's start-up work: %s\n", strerror(errno));
+		go_on(init, start_command);
+		return;
+	}
+	evloop_process_add(&init->device);
+	evloop_timeout_set(&init->device_limit, DEVICE_LIMIT_MS);
+}
+
+static void start(struct evloop_timeout *timeout)
+{
+	struct init *init = owner_of(timeout, struct init, start);
+	make_ready(init->options);
+	go_on(init, start_device);
+}
+
+static void command_ended(struct evloop_process *process, int exit_status)
+{
+	struct init *init = owner_of(process, struct init, command);
+	int status = exit_status & 255;
+	evloop_timeout_cancel(&init->patience);
+	_log(LOG_INFO, "%s has ended with status %d\n", init->options->command[0], status);
+	finish(init, status);
+}
+
+static void lose_patience(struct evloop_timeout *timeout)
+{
+	struct init *init = owner_of(timeout, struct init, patience);
+	evloop_process_kill_and_delete(&init->command);
+	_log(LOG_WARNING, "%s had to be killed\n", init->options->command[0]);
+	finish(init, EXIT_FAILURE);
+}
+
+/* The board's start-up work is a child, too, but has these signals blocked as we have. */
+static void stop(struct init *init)
+{
+	if (!init->stopping)
+		_log(LOG_INFO, "stopping\n");
+	init->stopping = true;
+	kill_children(getpid());
+	if (!evloop_process_is_pending(&init->command))
+		return;
+	if (!is_found(init->command.pid))
+		kill(init->command.pid, SIGTERM);
+	if (!init->patience.pending)
+		evloop_timeout_set(&init->patience, STOP_PATIENCE_MS);
+}
+
+/* One signal a call, so that timeouts are looked after however many come. SIGCHLD only wakes the loop. */
+static void handle_signals(struct evloop_io *io, unsigned int events)
+{
+	struct signalfd_siginfo info;
+	(void)events;
+
+	if (read(io->fd, &info, sizeof info) == (ssize_t)sizeof info && info.ssi_signo != SIGCHLD)
+		stop(owner_of(io, struct init, signals));
+}
+
+/* Blocks the signals that are then read from a descriptor. Returns 0, or -1 with errno set. */
+static int watch_signals(struct evloop_io *io)
+{
+	sigset_t set;
+	sigemptyset(&set);
+	sigaddset(&set, SIGTERM);
+	sigaddset(&set, SIGINT);
+	sigaddset(&set, SIGCHLD);
+	if (sigprocmask(SIG_SETMASK, &set, NULL))
+		return -1;
+	io->fd = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+	io->cb = handle_signals;
+	return io->fd < 0 ? -1 : evloop_io_add(io, EVLOOP_READ);
+}
+
+/* Process 1 without an event loop: the same steps, one after the other. */
+static void run_without_loop(const struct options *options)
+{
+	make_ready(options);
+	pid_t pid = fork_device();
+	if (pid > 0)
+		waitpid(pid, NULL, 0); /* its alarm ends it */
+	spawn_command(&pid, options->command);
+	reap_for_ever();
+}
+
+/* Returns the exit status. */
+static int run(const struct options *options)
+{
+	struct init init = {
+		.options = options,
+		.start.cb = start,
+		.device.cb = device_ended,
+		.device_limit.cb = give_up_device,
+		.command.cb = command_ended,
+		.patience.cb = lose_patience,
+	};
+
+	if (evloop_init() || watch_signals(&init.signals)) {
+		_log(LOG_ERR, "cannot set up the event loop: %s\n", strerror(errno));
+		if (getpid() == 1)
+			run_without_loop(options);
+		return EXIT_FAILURE;
+	}
+	evloop_timeout_set(&init.start, 0);
+	evloop_run();
+	evloop_io_delete(&init.signals);
+	close(init.signals.fd);
+	evloop_done();
+	return init.status;
+}
+
+/* ---- The process itself ---- */
+
+/* Without these, what is opened next would be taken for a standard stream. */
+static void open_standard_descriptors(void)
+{
+	int fd;
+	do {
+		fd = open("/dev/null", O_RDWR);
+		if (fd < 0)
+			fd = open("/", O_RDONLY);
+	} while (fd >= 0 && fd < STDERR_FILENO);
+	if (fd > STDERR_FILENO)
+		close(fd);
+}
+
+/* What whoever started us has set is of no use here. */
+static void set_up_signals(void)
+{
+	signal(SIGPIPE, SIG_IGN); /* a reader that is gone is no reason to end */
+	signal(SIGCHLD, SIG_DFL); /* if it was ignored, the kernel would reap, and forget the status */
+}
+
+/* Decides where what is said goes, and so what the command says. */
+static void set_up_output(bool quiet)
+{
+	setvbuf(stdout, NULL, _IOLBF, 0); /* in order with standard error, and with what the command says */
+	log_open(quiet ? LOG_DEST_KMSG : LOG_DEST_STDIO, LOG_DAEMON, "apinit");
+	if (quiet && redir_to_devnull(1, 1))
+		_log(LOG_ERR, "cannot open /dev/null: %s\n", strerror(errno));
+}
+
+/* ---- Command line ---- */
+
+static const char usage[] =
+	"Usage: apinit [--quiet] [--no-overlay] [--] COMMAND [ARGUMENT]...\n"
+	"       apinit --show\n"
+	"\n"
+	"Makes the root writable, exports the radios' calibration data, sets the LED, and starts COMMAND.\n"
+	"Ends with its status; as process 1 it goes on. SIGTERM and SIGINT end COMMAND.\n"
+	"\n"
+	"  --quiet       standard output and standard error go to /dev/null, messages to the kernel log\n"
+	"  --no-overlay  leave the root as it is\n"
+	"  --show        only print the board as JSON; nothing is changed\n"
+	"  --help        print this text\n";
+
+/* Returns the exit status after something has been printed. */
+static int printed(bool well, const char *what)
+{
+	if (well && fflush(stdout) == 0 && !ferror(stdout))
+		return EXIT_SUCCESS;
+	fprintf(stderr, "apinit: cannot print %s\n", what);
+	return EXIT_FAILURE;
+}
+
+static int usage_error(const char *what, const char *word)
+{
+	fprintf(stderr, "apinit: %s '%s', see apinit --help\n", what, word);
+	return EXIT_USAGE;
+}
+
+/* Reads the command line. Returns RUN, or the status to exit with: all has been said then. */
+static int parse(struct options *options, int argc, char **argv)
+{
+	int help = 0;
+	const struct option known[] = {
+		{"quiet", no_argument, &options->quiet, 1},
+		{"no-overlay", no_argument, &options->no_overlay, 1},
+		{"show", no_argument, &options->show, 1},
+		{"help", no_argument, &help, 1},
+		{NULL, 0, NULL, 0},
+	};
+	const char *word;
+	int found;
+
+	/* "+" stops at the first word that is no option, ":" leaves the messages to us. */
+	while (word = argv[optind], (found = getopt_long(argc, argv, "+:", known, NULL)) == 0)
+		continue;
+	if (found != -1)
+		return usage_error("bad option", word);
+	if (help)
+		return printed(fputs(usage, stdout) != EOF, "the help");
+	if (options->show && argv[optind])
+		return usage_error("unexpected argument", argv[optind]);
+	if (options->show && (options->quiet || options->no_overlay))
+		return usage_error("no other option goes with", "--show");
+	if (!options->show && !argv[optind]) {
+		fputs(usage, stderr);
+		return EXIT_USAGE;
+	}
+	options->command = argv + optind;
+	return RUN;
+}
+
+int main(int argc, char **argv)
+{
+	struct options options = {0};
+	open_standard_descriptors();
+	set_up_signals();
+	int status = parse(&options, argc, argv);
+	if (status == EXIT_USAGE && getpid() == 1)
+		reap_for_ever();
+	if (status != RUN)
+		return status;
+	set_up_output(options.quiet);
+	return options.show ? printed(show_board(), "the board") : run(&options);
+}
