@@ -18,6 +18,9 @@
  * whenever, that stands: when apctl starts late, when it restarts, and when the bus does. `join` is all there
  * is to do for it on a new connection. Without a bus everything else works the same.
  *
+ * What it says about the board is found when it starts (board.h). It keeps how many requests came in each
+ * step of the last minutes, so that the page can plot them at once, whoever opens it.
+ *
  * What ends the daemon is in examples/common/daemon.c. Everything is given back then: first the answers still
  * owed, then what was asked for on the bus, then the rest.
  */
@@ -32,9 +35,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "examples/apstatd/page.h"
+#include "examples/common/board.h"
 #include "examples/common/daemon.h"
 #include "examples/common/http.h"
 #include "examples/common/message.h"
+#include "lib/device.h"
 #include "lib/evloop-process.h"
 #include "lib/evloop.h"
 #include "lib/httpd.h"
@@ -49,6 +55,20 @@
 #define RUN_CODE_MAX     255
 #define RUN_CHILDREN_MAX 32 /* at the same time; a peer must not fill the process table */
 
+/* The page plots this many steps, five minutes. */
+#define HISTORY_STEP_MS 5000
+#define HISTORY_STEPS   60
+
+#define LED_UNKNOWN (-1)
+
+/* How many requests came in each of the last steps; the present one's are those since `requests_before`. */
+struct history {
+	uint64_t requests[HISTORY_STEPS]; /* a ring */
+	int step;                         /* the present one's place in it */
+	uint64_t requests_before;
+	struct evloop_timeout timeout; /* the end of the step */
+};
+
 /* The daemon. */
 struct apstatd {
 	struct daemon daemon;
@@ -57,6 +77,10 @@ struct apstatd {
 	uint64_t requests;         /* that reached handle_request, the current one included */
 	uint64_t timers_fired;
 	int children; /* that are running */
+
+	json_t *board; /* as it was found at start */
+	int led;       /* what the board's LEDs were last told to show, DEV_LED_*, or LED_UNKNOWN */
+	struct history history;
 
 	struct announcement self; /* who we are, and our LEDs */
 	struct ubus_object object;
@@ -140,54 +164,43 @@ static void deferred_finish(struct deferred *deferred, int32_t keep)
 
 /* ---- GET / ---- */
 
-static const char page[] = "<!DOCTYPE html>\n"
-			   "<html lang=\"en\">\n"
-			   "<head>\n"
-			   "<meta charset=\"utf-8\">\n"
-			   "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
-			   "<link rel=\"icon\" href=\"data:,\">\n"
-			   "<title>apstatd</title>\n"
-			   "<style>\n"
-			   ":root { color-scheme: light dark; font: 1.1rem/1.5 system-ui, sans-serif }\n"
-			   "body { max-width: 28rem; margin: 2rem auto; padding: 0 1rem }\n"
-			   "dl { display: grid; grid-template-columns: 1fr auto; gap: .6rem 1rem }\n"
-			   "dd { margin: 0; text-align: right; font-variant-numeric: tabular-nums }\n"
-			   "#state { opacity: .7 }\n"
-			   "</style>\n"
-			   "</head>\n"
-			   "<body>\n"
-			   "<h1>apstatd</h1>\n"
-			   "<p id=\"state\" role=\"status\">Loading</p>\n"
-			   "<dl>\n"
-			   "<dt>Process</dt><dd id=\"pid\">&ndash;</dd>\n"
-			   "<dt>Uptime, seconds</dt><dd id=\"uptime_s\">&ndash;</dd>\n"
-			   "<dt>Requests</dt><dd id=\"requests\">&ndash;</dd>\n"
-			   "<dt>Open connections</dt><dd id=\"open_connections\">&ndash;</dd>\n"
-			   "<dt>Deferred answers</dt><dd id=\"deferred_answers\">&ndash;</dd>\n"
-			   "<dt>Timers fired</dt><dd id=\"timers_fired\">&ndash;</dd>\n"
-			   "</dl>\n"
-			   "<script>\n"
-			   "async function refresh() {\n"
-			   "  const state = document.getElementById('state');\n"
-			   "  try {\n"
-			   "    const status = await (await fetch('/status')).json();\n"
-			   "    for (const name in status)\n"
-			   "      document.getElementById(name).textContent = status[name];\n"
-			   "    state.textContent = 'Running';\n"
-			   "  } catch (error) {\n"
-			   "    state.textContent = 'No answer';\n"
-			   "  }\n"
-			   "  setTimeout(refresh, 2000);\n"
-			   "}\n"
-			   "refresh();\n"
-			   "</script>\n"
-			   "</body>\n"
-			   "</html>\n";
-
 static int32_t get_page(struct httpd_conn *conn)
 {
-	put_text(conn->res_body, page);
+	buffer_write(conn->res_body, page, page_length);
 	return answer_body(conn, "text/html; charset=utf-8");
+}
+
+/* ---- The requests of the last minutes ---- */
+
+static void history_end_step(struct evloop_timeout *timeout)
+{
+	struct apstatd *apstatd = container_of(timeout, struct apstatd, history.timeout);
+	struct history *history = &apstatd->history;
+
+	history->requests[history->step] = apstatd->requests - history->requests_before;
+	history->requests_before = apstatd->requests;
+	history->step = (history->step + 1) % HISTORY_STEPS;
+	evloop_timeout_set(timeout, HISTORY_STEP_MS);
+}
+
+static void history_start(struct history *history)
+{
+	history->timeout.cb = history_end_step;
+	evloop_timeout_set(&history->timeout, HISTORY_STEP_MS);
+}
+
+/* The oldest step first, the present one last. */
+static json_t *history_json(const struct apstatd *apstatd)
+{
+	const struct history *history = &apstatd->history;
+	json_t *requests = json_array();
+	for (int age = HISTORY_STEPS - 1; age > 0; age--) {
+		int step = (history->step + HISTORY_STEPS - age) % HISTORY_STEPS;
+		json_array_append_new(requests, json_integer((json_int_t)history->requests[step]));
+	}
+	json_array_append_new(
+		requests, json_integer((json_int_t)(apstatd->requests - history->requests_before)));
+	return json_pack("{s:i, s:o}", "step_s", HISTORY_STEP_MS / 1000, "requests", requests);
 }
 
 /* ---- GET /status ---- */
@@ -226,9 +239,50 @@ static json_t *status_json(const struct apstatd *apstatd)
 		"timers_fired", (json_int_t)apstatd->timers_fired);
 }
 
+static json_t *led_state_json(const struct apstatd *apstatd)
+{
+	return apstatd->led == LED_UNKNOWN ? json_null() : json_integer(apstatd->led);
+}
+
 static int32_t get_status(struct httpd_conn *conn)
 {
-	return answer_json(conn, status_json(apstatd_of(conn)));
+	const struct apstatd *apstatd = apstatd_of(conn);
+	json_t *status = status_json(apstatd);
+
+	json_object_set(status, "board", apstatd->board);
+	json_object_set_new(status, "led", led_state_json(apstatd));
+	json_object_set_new(status, "history", history_json(apstatd));
+	return answer_json(conn, status);
+}
+
+/* ---- POST /led?state=2 ---- */
+
+/*
+ * The state in a query that is "?state=" and its one digit, or LED_UNKNOWN. Of a POST the library looks up
+ * parameters in the body, so query_number is of no help.
+ */
+static int led_wanted(const struct httpd_conn *conn)
+{
+	static const char name[] = "?state=";
+	const int32_t name_length = sizeof name - 1;
+
+	if (conn->query_len != name_length + 1 || memcmp(conn->query, name, sizeof name - 1) != 0)
+		return LED_UNKNOWN;
+	int state = conn->query[name_length] - '0';
+	return state >= DEV_LED_OFF && state <= DEV_LED_BLUE_BLINK ? state : LED_UNKNOWN;
+}
+
+/* The board's LEDs are told, and cannot be asked: what they show is what they were told last. */
+static int32_t post_led(struct httpd_conn *conn)
+{
+	struct apstatd *apstatd = apstatd_of(conn);
+	int state = led_wanted(conn);
+
+	if (state == LED_UNKNOWN)
+		return answer_error(conn, 400);
+	dev_led_set((unsigned int)state);
+	apstatd->led = state;
+	return answer_json(conn, json_pack("{s:i}", "state", state));
 }
 
 /* ---- GET /leds ---- */
@@ -405,6 +459,7 @@ static const struct route routes[] = {
 	{"/param", HTTPD_METHOD_GET, get_param},
 	{"/slow", HTTPD_METHOD_GET, get_slow},
 	{"/run", HTTPD_METHOD_GET, get_run},
+	{"/led", HTTPD_METHOD_POST, post_led},
 };
 
 static int32_t handle_request(struct httpd_conn *conn)
@@ -415,7 +470,7 @@ static int32_t handle_request(struct httpd_conn *conn)
 
 /* ---- The object on the bus ---- */
 
-/* {"pid": 17, ..., "name": "hall", "leds": {"power": true}}: as GET /status, and more. */
+/* {"pid": 17, ..., "name": "hall", "leds": {"power": true}}: the numbers of GET /status, and more. */
 static int bus_status(struct ubus_context *ctx, struct ubus_object *object, struct ubus_request_data *req,
 	const char *method, struct blob_attr *message)
 {
@@ -530,7 +585,7 @@ static void join(struct bus *bus)
 
 /* ---- Start and stop ---- */
 
-/* Two LEDs that are only remembered; those of the board would be set in led_set. */
+/* Two LEDs that are only remembered, for apctl to set; those of the board are set by POST /led. */
 static const struct leds initial_leds = {.led = {{"power", true}, {"wlan", false}}, .count = 2};
 
 /* Everything about the bus that does not need one. Without a name it is the only access point around. */
@@ -568,6 +623,8 @@ static void apstatd_stop(struct apstatd *apstatd)
 		next = deferred->next;
 		deferred_abandon(deferred);
 	}
+	evloop_timeout_cancel(&apstatd->history.timeout);
+	json_decref(apstatd->board);
 	ubus_retry_request_abort(&apstatd->announce);
 	mox_ubus_unsubscribe(&apstatd->apctl);
 	daemon_stop(&apstatd->daemon);
@@ -577,11 +634,13 @@ static void apstatd_stop(struct apstatd *apstatd)
 static int apstatd_run(const struct daemon_options *options)
 {
 	struct ubus_object_type type = UBUS_OBJECT_TYPE("apstat", bus_methods);
-	struct apstatd apstatd = {.started = time_now()};
+	struct apstatd apstatd = {.started = time_now(), .led = LED_UNKNOWN};
 
 	apstatd_init_bus(&apstatd, options->name, &type);
 	if (daemon_start(&apstatd.daemon, options, handle_request))
 		return EXIT_FAILURE;
+	apstatd.board = board_json();
+	history_start(&apstatd.history);
 	evloop_run();
 	_log(6, "stopping\n");
 	apstatd_stop(&apstatd);
@@ -601,7 +660,9 @@ static const char usage[] =
 	"  --help             print this text\n"
 	"\n"
 	"GET  /                     a page that shows the status\n"
-	"GET  /status               the status as JSON\n"
+	"GET  /status               the status and the board as JSON\n"
+	"POST /led?state=N          set the board's LEDs: 0 off, 1 white blinking, 2 blue,\n"
+	"                           3 white blinking fast, 4 slowly, 5 blue blinking\n"
 	"GET  /leds                 which LEDs are on, as JSON\n"
 	"GET  /bus                  what the message bus looks like from here, as JSON\n"
 	"POST /echo                 the body that was sent\n"
