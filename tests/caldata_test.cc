@@ -668,7 +668,7 @@ TEST(caldata_export, returns_why_the_file_cannot_be_made)
 			"read only");
 		EXPECT_EQ(export_all("cal.bin", 5), -EROFS);
 		EXPECT_EQ(messages, errors({unable_to_open("/lib/firmware/ath10k/cal.bin", 20),
-					    unable_to_open("/lib/firmware/loop", 40),
+					    unable_to_open("/lib/firmware/loop", ELOOP),
 					    unable_to_open("/lib/firmware/cal.bin", 30)}));
 		EXPECT_EQ(read_file("/lib/firmware/ath10k"), "no directory");
 	});
