@@ -14,7 +14,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "internal/owned.h"
 #include "log.h"
 
 // ---- One digest ----

@@ -6,7 +6,6 @@
 #include <errno.h>
 #include <initializer_list>
 #include <stdio.h>
-#include <stdlib.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
