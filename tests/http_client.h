@@ -232,7 +232,8 @@ inline int32_t answer_with_description(httpd_conn *conn)
 
 inline httpd_conn *conn_of(httpd_link *link)
 {
-	return reinterpret_cast<httpd_conn *>(reinterpret_cast<char *>(link) - offsetof(httpd_conn, node));
+	void *conn = reinterpret_cast<char *>(link) - offsetof(httpd_conn, node);
+	return static_cast<httpd_conn *>(conn);
 }
 
 // A server without a listening socket: clients are handed to it as accepted descriptors.

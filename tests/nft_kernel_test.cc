@@ -7,6 +7,7 @@
 #include <libmnl/libmnl.h>
 #include <libnftnl/common.h>
 #include <linux/netfilter/nfnetlink.h>
+#include <stddef.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 
@@ -1641,7 +1642,8 @@ TEST(nft_sending, answer_for_another_port_is_not_taken)
 	});
 	in_private_network([] {
 		std::string bytes = message_bytes(NLMSG_NOOP, 16, 0);
-		reinterpret_cast<nlmsghdr *>(bytes.data())->nlmsg_pid = 0x7ffffff1;
+		const uint32_t another_port = 0x7ffffff1;
+		memcpy(bytes.data() + offsetof(nlmsghdr, nlmsg_pid), &another_port, sizeof(another_port));
 		EXPECT_EQ(result_behind(bytes, false), -ESRCH);
 		EXPECT_EQ(ruleset().size(), 1U) << "the kernel has made the change all the same";
 	});

@@ -824,7 +824,7 @@ TEST_F(ubus_async, call_of_an_object_of_the_same_context_is_answered)
 	ubus_method method{};
 	method.handler = [](ubus_context *, ubus_object *own, ubus_request_data *, const char *,
 				 blob_attr *) {
-		++*const_cast<int *>(reinterpret_cast<const int *>(own->path));
+		++*static_cast<int *>(const_cast<void *>(static_cast<const void *>(own->path)));
 		return int{UBUS_STATUS_NO_DATA};
 	};
 	ubus_object own{};
