@@ -56,7 +56,10 @@ static int open_context(struct bus *bus)
 		bus->ctx = ubus_connect(bus->path);
 		return bus->ctx ? 0 : -1;
 	}
-	if (ubus_reconnect(bus->ctx, bus->path)) {
+	bus->reconnecting = true;
+	int status = ubus_reconnect(bus->ctx, bus->path);
+	bus->reconnecting = false;
+	if (status) {
 		bus->ctx->sock.fd = -1; /* it may name a descriptor that is closed already */
 		return -1;
 	}
@@ -149,8 +152,8 @@ void bus_notify(struct bus *bus, struct ubus_object *object, const char *type, j
 {
 	struct blob_buf message = {0};
 	pack(&message, json);
-	if (bus->online)
-		ubus_notify(bus->online, object, type, message.head, -1);
+	if (bus->online || bus->reconnecting)
+		ubus_notify(bus->ctx, object, type, message.head, -1);
 	blob_buf_free(&message);
 }
 

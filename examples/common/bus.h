@@ -27,6 +27,7 @@ struct bus {
 	const char *path;            /* of the socket; null: where libubus looks by itself */
 	struct ubus_context *ctx;    /* from the first connection on the same one; null before it */
 	struct ubus_context *online; /* the same while connected, else null: for retry requests to ask */
+	bool reconnecting;           /* inside ubus_reconnect, where our objects are called already */
 	struct evloop_io io;
 	struct stable_connection connection;
 };
