@@ -1,5 +1,6 @@
 # Compiler and linker flags of the library and of what is built beside it.
 
+include(CheckCXXCompilerFlag)
 include(CheckLinkerFlag)
 
 # Not CMake's -O3: flash memory is scarce.
@@ -20,8 +21,18 @@ if(APBASE_SANITIZE)
 	target_link_options(apbase_common INTERFACE -fsanitize=${APBASE_SANITIZE})
 endif()
 
-# MIPS linkers know the old hash table of symbols only.
-check_linker_flag(C -Wl,--hash-style=gnu APBASE_LINKER_HAS_GNU_HASH)
+# MIPS has two sizes of instructions; of the short ones (MIPS16e), the library's code takes a third less. Of its two
+# hash tables of symbols the newer one needs a table of translation beside it, and is the larger. And its linker
+# puts in a stub for each function that could be bound when it is first called, although all are bound before.
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^mips")
+	check_cxx_compiler_flag(-mips16 APBASE_COMPILER_HAS_MIPS16)
+	set(APBASE_MIPS_COMPILE_OPTIONS $<$<AND:$<CONFIG:MinSizeRel>,$<BOOL:${APBASE_COMPILER_HAS_MIPS16}>>:-mips16>)
+	set(APBASE_HASH_STYLE -Wl,--hash-style=sysv)
+	set(APBASE_LINKER_SCRIPT ${CMAKE_CURRENT_LIST_DIR}/mips.ld)
+else()
+	check_linker_flag(C -Wl,--hash-style=gnu APBASE_LINKER_HAS_GNU_HASH)
+	set(APBASE_HASH_STYLE $<$<BOOL:${APBASE_LINKER_HAS_GNU_HASH}>:-Wl,--hash-style=gnu>)
+endif()
 
 # The library: no exceptions, no RTTI, no C++ run-time library, names exported by the map only.
 function(apbase_library_flags target)
@@ -36,18 +47,22 @@ function(apbase_library_flags target)
 		# Every symbol is bound at load time anyway, so calls go through the table of addresses
 		# directly; those from module to module are bound when the library is linked.
 		-fno-plt -fno-semantic-interposition
-		-fstack-protector-strong)
+		-fstack-protector-strong
+		${APBASE_MIPS_COMPILE_OPTIONS})
 	target_link_options(${target} PRIVATE
 		-Wl,--version-script=${map} -Wl,-Bsymbolic-functions
 		-Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack
-		-Wl,--gc-sections -Wl,--as-needed -Wl,-O1
-		$<$<BOOL:${APBASE_LINKER_HAS_GNU_HASH}>:-Wl,--hash-style=gnu>)
+		-Wl,--gc-sections -Wl,--as-needed ${APBASE_HASH_STYLE}
+		"$<$<BOOL:${APBASE_LINKER_SCRIPT}>:-Wl,-T,${APBASE_LINKER_SCRIPT}>"
+		# A faster hash table, and a larger one.
+		$<$<NOT:$<CONFIG:MinSizeRel>>:-Wl,-O1>)
 	if(APBASE_SANITIZE)
 		# The sanitizers' own names are found in the program; fortified calls would bypass their checks.
 	else()
 		target_compile_options(${target} PRIVATE $<${optimised}:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
-		# What 32-bit targets need of libgcc (64-bit division) is taken from its static half.
-		target_link_options(${target} PRIVATE -Wl,--no-undefined -static-libgcc)
+		# What targets need of libgcc is taken from its static half. The start files, which compilers put around
+		# a library, see to objects with destructors, to exceptions and to profiles; here are none of these.
+		target_link_options(${target} PRIVATE -Wl,--no-undefined -static-libgcc -nostartfiles)
 	endif()
 	target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:apbase_common>)
 	set_target_properties(${target} PROPERTIES
@@ -56,5 +71,5 @@ function(apbase_library_flags target)
 		VERSION ${PROJECT_VERSION}
 		SOVERSION ${PROJECT_VERSION_MAJOR}
 		LINKER_LANGUAGE C
-		LINK_DEPENDS ${map})
+		LINK_DEPENDS "${map};${APBASE_LINKER_SCRIPT}")
 endfunction()

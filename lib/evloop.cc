@@ -18,6 +18,7 @@
 #include "internal/evloop-internal.h"
 #include "internal/intrusive.h"
 #include "internal/layout.h"
+#include "internal/time-internal.h"
 #include "internal/units.h"
 #include "internal/wrap.h"
 #include "log.h"
@@ -254,8 +255,7 @@ int32_t evloop_get_next_timeout(void)
 	int64_t now = time_now();
 	if (!is_later(first->expires, now))
 		return 0;
-	uint64_t wait_ms =
-		(static_cast<uint64_t>(first->expires) - static_cast<uint64_t>(now)) / USEC_PER_MSEC;
+	uint64_t wait_ms = whole_msec(static_cast<uint64_t>(first->expires) - static_cast<uint64_t>(now));
 	return wait_ms > INT32_MAX ? INT32_MAX : static_cast<int32_t>(wait_ms);
 }
 

@@ -33,6 +33,8 @@
 #include "internal/stream-internal.h"
 #include "log.h"
 
+LAYOUT_FIELD(httpd_link, prev, 4);
+LAYOUT_SIZE(httpd_link, 8);
 LAYOUT_FIELD(httpd_ctx, connections, 4);
 LAYOUT_SIZE(httpd_ctx, 12);
 LAYOUT_FIELD(httpd_conn, stream, 8);
@@ -41,9 +43,13 @@ LAYOUT_FIELD(httpd_conn, idle_timer, 112);
 LAYOUT_FIELD(httpd_conn, version, 136);
 LAYOUT_FIELD(httpd_conn, method, 140);
 LAYOUT_FIELD(httpd_conn, target, 144);
+LAYOUT_FIELD(httpd_conn, target_len, 148);
 LAYOUT_FIELD(httpd_conn, host, 152);
+LAYOUT_FIELD(httpd_conn, host_len, 156);
 LAYOUT_FIELD(httpd_conn, path, 160);
+LAYOUT_FIELD(httpd_conn, path_len, 164);
 LAYOUT_FIELD(httpd_conn, query, 168);
+LAYOUT_FIELD(httpd_conn, query_len, 172);
 LAYOUT_FIELD(httpd_conn, head_start, 176);
 LAYOUT_FIELD(httpd_conn, head_end, 180);
 LAYOUT_FIELD(httpd_conn, head_len, 184);
@@ -817,7 +823,8 @@ static void on_readable(stream *s)
 	if (is_deferred(c) || c->in_handler)
 		return;
 	follow_rx(c);
-	stream_hold(s);
+	stream_room room;
+	stream_hold(s, &room);
 	step result = run_parser(c);
 	stream_release(s);
 	if (result == step::wait)

@@ -1,5 +1,5 @@
-// Many functions that differ in a few words: `expr` says how an expression is made, append() how a
-// message is put into a batch, transact() how one is sent alone. What stands in the functions
+// Many functions that differ in a few words: the put_ functions say how an expression is made, begin_message()
+// how a message is put into a batch, transact() how one is sent alone. What stands in the functions
 // themselves is what differs.
 //
 // libnftnl and libmnl write where they are told, as much as there is. So nothing longer than a kernel
@@ -37,125 +37,110 @@ constexpr size_t MESSAGE_BYTES_MAX = ANSWER_BYTES_MAX - NLMSG_LENGTH(sizeof(int3
 
 // ---- Expressions ----
 
-// An expression being made; the first failure makes the result null.
-class expr
+// Each puts a value into an expression being made, if there still is one.
+
+static void put_u8(nftnl_expr *e, uint16_t attribute, uint8_t value)
 {
-	nftnl_expr *expr_;
-	bool complete_ = true;
+	if (e)
+		nftnl_expr_set_u8(e, attribute, value);
+}
 
-public:
-	explicit expr(const char *name) : expr_(nftnl_expr_alloc(name)) {}
-	expr(const expr &) = delete;
-	expr &operator=(const expr &) = delete;
+static void put_u16(nftnl_expr *e, uint16_t attribute, uint16_t value)
+{
+	if (e)
+		nftnl_expr_set_u16(e, attribute, value);
+}
 
-	expr &u16(uint16_t attribute, uint16_t value)
-	{
-		if (expr_)
-			nftnl_expr_set_u16(expr_, attribute, value);
-		return *this;
-	}
-	expr &u8(uint16_t attribute, uint8_t value)
-	{
-		if (expr_)
-			nftnl_expr_set_u8(expr_, attribute, value);
-		return *this;
-	}
-	expr &u32(uint16_t attribute, uint32_t value)
-	{
-		if (expr_)
-			nftnl_expr_set_u32(expr_, attribute, value);
-		return *this;
-	}
-	expr &u64(uint16_t attribute, uint64_t value)
-	{
-		if (expr_)
-			nftnl_expr_set_u64(expr_, attribute, value);
-		return *this;
-	}
-	expr &text(uint16_t attribute, const char *value)
-	{
-		complete_ = expr_ && complete_ && nftnl_expr_set_str(expr_, attribute, value) == 0;
-		return *this;
-	}
-	expr &data(uint16_t attribute, const void *value, uint32_t length)
-	{
-		complete_ = expr_ && complete_ && length <= DATA_BYTES_MAX &&
-			    nftnl_expr_set_data(expr_, attribute, value, length) == 0;
-		return *this;
-	}
-	// The expression takes over another, unless it has failed.
-	expr &nested(uint16_t attribute, nftnl_expr *inner)
-	{
-		if (expr_ && complete_)
-			nftnl_expr_set(expr_, attribute, inner, 0);
-		return *this;
-	}
-	nftnl_expr *done()
-	{
-		if (!complete_ && expr_) {
-			nftnl_expr_free(expr_);
-			expr_ = nullptr;
-		}
-		return expr_;
-	}
-};
+static void put_u32(nftnl_expr *e, uint16_t attribute, uint32_t value)
+{
+	if (e)
+		nftnl_expr_set_u32(e, attribute, value);
+}
+
+static void put_u64(nftnl_expr *e, uint16_t attribute, uint64_t value)
+{
+	if (e)
+		nftnl_expr_set_u64(e, attribute, value);
+}
+
+// The result is the expression, or null if the value does not fit: then there is none any more.
+static nftnl_expr *put_text(nftnl_expr *e, uint16_t attribute, const char *value)
+{
+	if (!e || nftnl_expr_set_str(e, attribute, value) == 0)
+		return e;
+	nftnl_expr_free(e);
+	return nullptr;
+}
+
+static nftnl_expr *put_data(nftnl_expr *e, uint16_t attribute, const void *value, uint32_t length)
+{
+	if (!e || (length <= DATA_BYTES_MAX && nftnl_expr_set_data(e, attribute, value, length) == 0))
+		return e;
+	nftnl_expr_free(e);
+	return nullptr;
+}
 
 static nftnl_expr *kvnft_payload_expr(uint32_t reg, uint32_t base, uint32_t offset, uint32_t len, bool is_set)
 {
-	return expr("payload")
-		.u32(is_set ? NFTNL_EXPR_PAYLOAD_SREG : NFTNL_EXPR_PAYLOAD_DREG, reg)
-		.u32(NFTNL_EXPR_PAYLOAD_BASE, base)
-		.u32(NFTNL_EXPR_PAYLOAD_OFFSET, offset)
-		.u32(NFTNL_EXPR_PAYLOAD_LEN, len)
-		.done();
+	nftnl_expr *e = nftnl_expr_alloc("payload");
+	put_u32(e, is_set ? NFTNL_EXPR_PAYLOAD_SREG : NFTNL_EXPR_PAYLOAD_DREG, reg);
+	put_u32(e, NFTNL_EXPR_PAYLOAD_BASE, base);
+	put_u32(e, NFTNL_EXPR_PAYLOAD_OFFSET, offset);
+	put_u32(e, NFTNL_EXPR_PAYLOAD_LEN, len);
+	return e;
 }
 
 struct nftnl_expr *_kvnft_build_expr_meta(uint32_t key, uint32_t reg, int is_set)
 {
-	return expr("meta")
-		.u32(NFTNL_EXPR_META_KEY, key)
-		.u32(is_set ? NFTNL_EXPR_META_SREG : NFTNL_EXPR_META_DREG, reg)
-		.done();
+	nftnl_expr *e = nftnl_expr_alloc("meta");
+	put_u32(e, NFTNL_EXPR_META_KEY, key);
+	put_u32(e, is_set ? NFTNL_EXPR_META_SREG : NFTNL_EXPR_META_DREG, reg);
+	return e;
 }
 
 struct nftnl_expr *kvnft_build_expr_ct(uint32_t dreg, uint32_t key)
 {
-	return expr("ct").u32(NFTNL_EXPR_CT_KEY, key).u32(NFTNL_EXPR_CT_DREG, dreg).done();
+	nftnl_expr *e = nftnl_expr_alloc("ct");
+	put_u32(e, NFTNL_EXPR_CT_KEY, key);
+	put_u32(e, NFTNL_EXPR_CT_DREG, dreg);
+	return e;
 }
 
 struct nftnl_expr *kvnft_build_expr_reject(uint32_t type, uint8_t code)
 {
-	expr e{"reject"};
-	e.u32(NFTNL_EXPR_REJECT_TYPE, type);
+	nftnl_expr *e = nftnl_expr_alloc("reject");
+	put_u32(e, NFTNL_EXPR_REJECT_TYPE, type);
 	if (type == NFT_REJECT_ICMPX_UNREACH) // on purpose not with the others
-		e.u8(NFTNL_EXPR_REJECT_CODE, code);
-	return e.done();
+		put_u8(e, NFTNL_EXPR_REJECT_CODE, code);
+	return e;
 }
 
 struct nftnl_expr *kvnft_build_expr_verdict(uint32_t verdict)
 {
-	return expr("immediate")
-		.u32(NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT)
-		.u32(NFTNL_EXPR_IMM_VERDICT, verdict)
-		.done();
+	nftnl_expr *e = nftnl_expr_alloc("immediate");
+	put_u32(e, NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);
+	put_u32(e, NFTNL_EXPR_IMM_VERDICT, verdict);
+	return e;
 }
 
 struct nftnl_expr *kvnft_build_expr_imm(uint32_t dreg, const void *data, uint32_t len)
 {
-	return expr("immediate").u32(NFTNL_EXPR_IMM_DREG, dreg).data(NFTNL_EXPR_IMM_DATA, data, len).done();
+	nftnl_expr *e = nftnl_expr_alloc("immediate");
+	put_u32(e, NFTNL_EXPR_IMM_DREG, dreg);
+	return put_data(e, NFTNL_EXPR_IMM_DATA, data, len);
 }
 
 struct nftnl_expr *kvnft_build_expr_limit(uint64_t rate, uint64_t burst)
 {
-	expr e{"limit"};
-	e.u64(NFTNL_EXPR_LIMIT_RATE, rate)
-		.u32(NFTNL_EXPR_LIMIT_TYPE, NFT_LIMIT_PKT_BYTES)
-		.u64(NFTNL_EXPR_LIMIT_UNIT, 1)
-		.u32(NFTNL_EXPR_LIMIT_FLAGS,
-			NFT_LIMIT_F_INV); // on purpose always: what is beyond the rate matches
+	nftnl_expr *e = nftnl_expr_alloc("limit");
+	put_u64(e, NFTNL_EXPR_LIMIT_RATE, rate);
+	put_u32(e, NFTNL_EXPR_LIMIT_TYPE, NFT_LIMIT_PKT_BYTES);
+	put_u64(e, NFTNL_EXPR_LIMIT_UNIT, 1);
+	// On purpose always: what is beyond the rate matches.
+	put_u32(e, NFTNL_EXPR_LIMIT_FLAGS, NFT_LIMIT_F_INV);
 	if (burst)
-		e.u32(NFTNL_EXPR_LIMIT_BURST, static_cast<uint32_t>(burst));
-	return e.done();
+		put_u32(e, NFTNL_EXPR_LIMIT_BURST, static_cast<uint32_t>(burst));
+	return e;
 }
 
 struct nftnl_expr *kvnft_build_expr_dynset(uint32_t sreg_key, const char *set_name, uint32_t set_id,
@@ -163,15 +148,16 @@ struct nftnl_expr *kvnft_build_expr_dynset(uint32_t sreg_key, const char *set_na
 {
 	if (!set_name || !inner)
 		return nullptr;
-	expr e{"dynset"};
-	e.u32(NFTNL_EXPR_DYNSET_SREG_KEY, sreg_key)
-		.u32(NFTNL_EXPR_DYNSET_OP, update ? NFT_DYNSET_OP_UPDATE : NFT_DYNSET_OP_ADD);
+	nftnl_expr *e = nftnl_expr_alloc("dynset");
+	put_u32(e, NFTNL_EXPR_DYNSET_SREG_KEY, sreg_key);
+	put_u32(e, NFTNL_EXPR_DYNSET_OP, update ? NFT_DYNSET_OP_UPDATE : NFT_DYNSET_OP_ADD);
 	if (timeout_ms != 0)
-		e.u64(NFTNL_EXPR_DYNSET_TIMEOUT, static_cast<uint64_t>(timeout_ms));
-	return e.text(NFTNL_EXPR_DYNSET_SET_NAME, set_name)
-		.u32(NFTNL_EXPR_DYNSET_SET_ID, set_id)
-		.nested(NFTNL_EXPR_DYNSET_EXPR, inner)
-		.done();
+		put_u64(e, NFTNL_EXPR_DYNSET_TIMEOUT, static_cast<uint64_t>(timeout_ms));
+	e = put_text(e, NFTNL_EXPR_DYNSET_SET_NAME, set_name);
+	put_u32(e, NFTNL_EXPR_DYNSET_SET_ID, set_id);
+	if (e) // which takes over the other only now
+		nftnl_expr_set(e, NFTNL_EXPR_DYNSET_EXPR, inner, 0);
+	return e;
 }
 
 struct nftnl_expr *kvnft_build_expr_payload(uint32_t dreg, uint32_t base, uint32_t offset, uint32_t len)
@@ -186,7 +172,9 @@ struct nftnl_expr *kvnft_build_expr_payload_set(uint32_t sreg, uint32_t base, ui
 
 struct nftnl_expr *kvnft_build_expr_log(uint16_t group)
 {
-	return expr("log").u16(NFTNL_EXPR_LOG_GROUP, group).done();
+	nftnl_expr *e = nftnl_expr_alloc("log");
+	put_u16(e, NFTNL_EXPR_LOG_GROUP, group);
+	return e;
 }
 
 struct nftnl_expr *kvnft_build_expr_meta(uint32_t key, uint32_t dreg)
@@ -201,32 +189,33 @@ struct nftnl_expr *kvnft_build_expr_meta_set(uint32_t key, uint32_t sreg)
 
 struct nftnl_expr *kvnft_build_expr_cmp(uint32_t sreg, uint32_t op, const void *data, uint32_t len)
 {
-	return expr("cmp")
-		.u32(NFTNL_EXPR_CMP_SREG, sreg)
-		.u32(NFTNL_EXPR_CMP_OP, op)
-		.data(NFTNL_EXPR_CMP_DATA, data, len)
-		.done();
+	nftnl_expr *e = nftnl_expr_alloc("cmp");
+	put_u32(e, NFTNL_EXPR_CMP_SREG, sreg);
+	put_u32(e, NFTNL_EXPR_CMP_OP, op);
+	return put_data(e, NFTNL_EXPR_CMP_DATA, data, len);
 }
 
 struct nftnl_expr *kvnft_build_expr_redir(uint32_t reg)
 {
-	return expr("redir").u32(NFTNL_EXPR_REDIR_REG_PROTO_MIN, reg).done();
+	nftnl_expr *e = nftnl_expr_alloc("redir");
+	put_u32(e, NFTNL_EXPR_REDIR_REG_PROTO_MIN, reg);
+	return e;
 }
 
 struct nftnl_expr *kvnft_build_expr_masq(void)
 {
-	return expr("masq").done();
+	return nftnl_expr_alloc("masq");
 }
 
 struct nftnl_expr *kvnft_build_expr_queue(uint16_t num, uint16_t total, uint16_t flags)
 {
-	expr e{"queue"};
-	e.u16(NFTNL_EXPR_QUEUE_NUM, num);
+	nftnl_expr *e = nftnl_expr_alloc("queue");
+	put_u16(e, NFTNL_EXPR_QUEUE_NUM, num);
 	if (total)
-		e.u16(NFTNL_EXPR_QUEUE_TOTAL, total);
+		put_u16(e, NFTNL_EXPR_QUEUE_TOTAL, total);
 	if (flags)
-		e.u16(NFTNL_EXPR_QUEUE_FLAGS, flags);
-	return e.done();
+		put_u16(e, NFTNL_EXPR_QUEUE_FLAGS, flags);
+	return e;
 }
 
 struct nftnl_expr *kvnft_build_expr_lookup(
@@ -234,27 +223,26 @@ struct nftnl_expr *kvnft_build_expr_lookup(
 {
 	if (!set_name && !set_id)
 		return nullptr;
-	expr e{"lookup"};
-	e.u32(NFTNL_EXPR_LOOKUP_SREG, sreg);
+	nftnl_expr *e = nftnl_expr_alloc("lookup");
+	put_u32(e, NFTNL_EXPR_LOOKUP_SREG, sreg);
 	if (set_name)
-		e.text(NFTNL_EXPR_LOOKUP_SET, set_name);
+		e = put_text(e, NFTNL_EXPR_LOOKUP_SET, set_name);
 	if (set_id)
-		e.u32(NFTNL_EXPR_LOOKUP_SET_ID, set_id);
+		put_u32(e, NFTNL_EXPR_LOOKUP_SET_ID, set_id);
 	if (flags)
-		e.u32(NFTNL_EXPR_LOOKUP_FLAGS, flags);
-	return e.done();
+		put_u32(e, NFTNL_EXPR_LOOKUP_FLAGS, flags);
+	return e;
 }
 
 struct nftnl_expr *kvnft_build_expr_bitwise(uint32_t sreg, uint32_t dreg, uint32_t len, const void *mask,
 	uint32_t mask_len, const void *xor_data, uint32_t xor_len)
 {
-	return expr("bitwise")
-		.u32(NFTNL_EXPR_BITWISE_SREG, sreg)
-		.u32(NFTNL_EXPR_BITWISE_DREG, dreg)
-		.u32(NFTNL_EXPR_BITWISE_LEN, len)
-		.data(NFTNL_EXPR_BITWISE_MASK, mask, mask_len)
-		.data(NFTNL_EXPR_BITWISE_XOR, xor_data, xor_len)
-		.done();
+	nftnl_expr *e = nftnl_expr_alloc("bitwise");
+	put_u32(e, NFTNL_EXPR_BITWISE_SREG, sreg);
+	put_u32(e, NFTNL_EXPR_BITWISE_DREG, dreg);
+	put_u32(e, NFTNL_EXPR_BITWISE_LEN, len);
+	e = put_data(e, NFTNL_EXPR_BITWISE_MASK, mask, mask_len);
+	return put_data(e, NFTNL_EXPR_BITWISE_XOR, xor_data, xor_len);
 }
 
 struct nftnl_expr *kvnft_build_expr_ether_saddr(uint32_t reg)
@@ -477,7 +465,14 @@ static size_t known_expr_size(const nftnl_expr *e, const expr_kind *kind)
 	return size;
 }
 
-static int add_expr_size(nftnl_expr *e, void *size);
+// What expressions take together. With `by_room` there is no look at values whose room is known: enough for most
+// rules, in half the time.
+struct expr_bound {
+	size_t size = 0;
+	bool by_room = false;
+};
+
+static int add_expr(nftnl_expr *e, void *bound);
 
 // Expressions inside something else: from two on they are nested once more.
 static size_t list_size(size_t exprs_size)
@@ -491,35 +486,23 @@ static size_t other_expr_size(nftnl_expr *e)
 	size_t size = 2 * MNL_ATTR_HDRLEN + text_size(name);
 	for (uint16_t attribute = NFTNL_EXPR_BASE; attribute < 32; attribute++)
 		size += value_size(e, attribute);
-	size_t inner = 0;
+	expr_bound inner;
 	if (strcmp(name, "dynset") == 0)
-		nftnl_expr_expr_foreach(e, add_expr_size, &inner);
-	return size + list_size(inner);
+		nftnl_expr_expr_foreach(e, add_expr, &inner);
+	return size + list_size(inner.size);
 }
 
-// With `by_room` there is no look at values whose room is known: enough for most rules, in half the time.
-template <bool by_room>
-static int add_expr(nftnl_expr *e, void *size)
+static int add_expr(nftnl_expr *e, void *bound)
 {
 	const expr_kind *kind = kind_of(e);
-	size_t *sum = static_cast<size_t *>(size);
+	expr_bound *sum = static_cast<expr_bound *>(bound);
 	if (!kind)
-		*sum += other_expr_size(e);
-	else if (by_room && kind->in_record)
-		*sum += kind->room;
+		sum->size += other_expr_size(e);
+	else if (sum->by_room && kind->in_record)
+		sum->size += kind->room;
 	else
-		*sum += known_expr_size(e, kind);
+		sum->size += known_expr_size(e, kind);
 	return 0;
-}
-
-static int add_expr_size(nftnl_expr *e, void *size)
-{
-	return add_expr<false>(e, size);
-}
-
-static int add_expr_room(nftnl_expr *e, void *size)
-{
-	return add_expr<true>(e, size);
 }
 
 // What messages have besides texts, values, elements and expressions: headers, and every number of
@@ -551,12 +534,13 @@ static size_t message_size(nftnl_rule *rule)
 		if (nftnl_rule_get_data(rule, attribute, &length))
 			size += attribute_size(length);
 	}
-	size_t room = size;
-	nftnl_expr_foreach(rule, add_expr_room, &room);
-	if (room <= MESSAGE_BYTES_MAX)
-		return room;
-	nftnl_expr_foreach(rule, add_expr_size, &size);
-	return size;
+	expr_bound bound = {size, true};
+	nftnl_expr_foreach(rule, add_expr, &bound);
+	if (bound.size > MESSAGE_BYTES_MAX) {
+		bound = {size, false};
+		nftnl_expr_foreach(rule, add_expr, &bound);
+	}
+	return bound.size;
 }
 
 static size_t names_size(const nftnl_set *set)
@@ -571,9 +555,9 @@ static size_t message_size(nftnl_set *set)
 	uint32_t length = 0;
 	if (nftnl_set_get_data(set, NFTNL_SET_USERDATA, &length))
 		size += attribute_size(length);
-	size_t exprs = 0;
-	nftnl_set_expr_foreach(set, add_expr_size, &exprs);
-	return size + list_size(exprs);
+	expr_bound exprs;
+	nftnl_set_expr_foreach(set, add_expr, &exprs);
+	return size + list_size(exprs.size);
 }
 
 static size_t nesting_size(uint16_t elem_attribute)
@@ -600,9 +584,9 @@ static int add_elem_size(nftnl_set_elem *elem, void *size)
 		if (nftnl_set_elem_is_set(elem, attribute) && nftnl_set_elem_get(elem, attribute, &length))
 			bytes += nesting_size(attribute) + attribute_size(length);
 	}
-	size_t exprs = 0;
-	nftnl_set_elem_expr_foreach(elem, add_expr_size, &exprs);
-	*static_cast<size_t *>(size) += bytes + list_size(exprs);
+	expr_bound exprs;
+	nftnl_set_elem_expr_foreach(elem, add_expr, &exprs);
+	*static_cast<size_t *>(size) += bytes + list_size(exprs.size);
 	return 0;
 }
 
@@ -631,36 +615,43 @@ struct message {
 	uint16_t flags; // NLM_F_REQUEST comes along
 };
 
-// Appends the message about an object that `build` writes.
-template <typename T>
-static int append(mnl_nlmsg_batch *batch, message m, uint32_t family, uint32_t seq, T *object, size_t size,
-	void (*build)(nlmsghdr *header, T *object))
+// Begins a message of no more than `size` bytes behind the others: whoever writes the rest then has to advance().
+// Null if there is no room for it.
+static nlmsghdr *begin_message(mnl_nlmsg_batch *batch, message m, uint32_t family, uint32_t seq, size_t size)
 {
 	if (size > MESSAGE_BYTES_MAX)
-		return -ENOMEM;
-	nlmsghdr *header =
-		nftnl_nlmsg_build_hdr(current(batch), m.type, static_cast<uint16_t>(family), m.flags, seq);
-	build(header, object);
-	return advance(batch);
+		return nullptr;
+	return nftnl_nlmsg_build_hdr(current(batch), m.type, static_cast<uint16_t>(family), m.flags, seq);
 }
 
 static int append_set(mnl_nlmsg_batch *batch, message m, nftnl_set *set, uint32_t seq)
 {
-	return append(batch, m, nftnl_set_get_u32(set, NFTNL_SET_FAMILY), seq, set, message_size(set),
-		nftnl_set_nlmsg_build_payload);
+	uint32_t family = nftnl_set_get_u32(set, NFTNL_SET_FAMILY);
+	nlmsghdr *header = begin_message(batch, m, family, seq, message_size(set));
+	if (!header)
+		return -ENOMEM;
+	nftnl_set_nlmsg_build_payload(header, set);
+	return advance(batch);
 }
 
 static int append_set_elems(mnl_nlmsg_batch *batch, message m, nftnl_set *set, uint32_t seq)
 {
-	return append(batch, m, nftnl_set_get_u32(set, NFTNL_SET_FAMILY), seq, set, elems_message_size(set),
-		nftnl_set_elems_nlmsg_build_payload);
+	uint32_t family = nftnl_set_get_u32(set, NFTNL_SET_FAMILY);
+	nlmsghdr *header = begin_message(batch, m, family, seq, elems_message_size(set));
+	if (!header)
+		return -ENOMEM;
+	nftnl_set_elems_nlmsg_build_payload(header, set);
+	return advance(batch);
 }
 
 static int kvnft_batch_rule_msg(mnl_nlmsg_batch *batch, nftnl_rule *rule, uint16_t type, uint32_t family,
 	uint16_t flags, uint32_t seq)
 {
-	return append(
-		batch, {type, flags}, family, seq, rule, message_size(rule), nftnl_rule_nlmsg_build_payload);
+	nlmsghdr *header = begin_message(batch, {type, flags}, family, seq, message_size(rule));
+	if (!header)
+		return -ENOMEM;
+	nftnl_rule_nlmsg_build_payload(header, rule);
+	return advance(batch);
 }
 
 constexpr uint16_t CREATE = NLM_F_CREATE | NLM_F_ACK;
@@ -700,8 +691,8 @@ int kvnft_batch_del_set_elem(struct mnl_nlmsg_batch *batch, struct nftnl_set *se
 
 int kvnft_batch_add_rule(struct mnl_nlmsg_batch *batch, struct nftnl_rule *rule, uint32_t seq)
 {
-	return kvnft_batch_rule_msg(batch, rule, NFT_MSG_NEWRULE, nftnl_rule_get_u32(rule, NFTNL_RULE_FAMILY),
-		NLM_F_APPEND | CREATE, seq);
+	uint32_t family = nftnl_rule_get_u32(rule, NFTNL_RULE_FAMILY);
+	return kvnft_batch_rule_msg(batch, rule, NFT_MSG_NEWRULE, family, NLM_F_APPEND | CREATE, seq);
 }
 
 int kvnft_batch_finish(struct mnl_nlmsg_batch *batch, uint32_t seq)
@@ -722,7 +713,7 @@ void kvnft_batch_free(struct mnl_nlmsg_batch *batch)
 
 // ---- Sending ----
 
-using owned_socket = owned<mnl_socket *, nullptr, mnl_socket_close>;
+using owned_socket = owned<mnl_socket *, nullptr, quietly<mnl_socket *, mnl_socket_close>>;
 
 // Whether an answer is there already: 1, 0, or -1 with errno set.
 static int is_readable(int fd)
@@ -769,9 +760,11 @@ static int append_table(mnl_nlmsg_batch *batch, message m, const char *name, uin
 	owned_table table{kvnft_build_table(name, family)};
 	if (!table.ok())
 		return -ENOMEM;
-	// The one object that libnftnl takes as const.
-	auto build = [](nlmsghdr *header, nftnl_table *t) { nftnl_table_nlmsg_build_payload(header, t); };
-	return append<nftnl_table>(batch, m, family, seq, table.get(), message_size(table.get()), build);
+	nlmsghdr *header = begin_message(batch, m, family, seq, message_size(table.get()));
+	if (!header)
+		return -ENOMEM;
+	nftnl_table_nlmsg_build_payload(header, table.get());
+	return advance(batch);
 }
 
 // Deletes the rules of a chain, or of the whole table.
@@ -804,8 +797,11 @@ static nftnl_chain *build_chain(const char *table, const char *name, const char 
 
 static int append_chain(mnl_nlmsg_batch *batch, message m, uint32_t family, uint32_t seq, nftnl_chain *chain)
 {
-	auto build = [](nlmsghdr *header, nftnl_chain *c) { nftnl_chain_nlmsg_build_payload(header, c); };
-	return append<nftnl_chain>(batch, m, family, seq, chain, message_size(chain), build);
+	nlmsghdr *header = begin_message(batch, m, family, seq, message_size(chain));
+	if (!header)
+		return -ENOMEM;
+	nftnl_chain_nlmsg_build_payload(header, chain);
+	return advance(batch);
 }
 
 int kvnft_batch_add_table_simple(
@@ -868,45 +864,53 @@ int kvnft_batch_accept_mark_neq(struct mnl_nlmsg_batch *batch, uint32_t family, 
 using owned_memory = owned<void *, nullptr, free>;
 using owned_batch = owned<mnl_nlmsg_batch *, nullptr, mnl_nlmsg_batch_stop>;
 
-// One change, appended by `append_change(batch, sequence number)`, as a transaction of its own.
-template <typename F>
-static int transact(F append_change)
+// Appends one change of a table, or of a chain in it. 0, or -ENOMEM.
+using change = int (*)(
+	mnl_nlmsg_batch *batch, uint32_t family, const char *table, const char *chain, uint32_t seq);
+
+// One change as a transaction of its own.
+static int transact(change append_change, uint32_t family, const char *table, const char *chain)
 {
 	size_t limit = static_cast<size_t>(MNL_SOCKET_BUFFER_SIZE);
 	owned_memory buf{xzalloc(KVNFT_BATCH_BUFFER_SIZE(limit))};
 	owned_batch batch{kvnft_batch_alloc_start(buf.get(), limit, 0)};
-	if (!batch.ok() || append_change(batch.get(), 1) != 0 || kvnft_batch_finish(batch.get(), 2) != 0)
+	if (!batch.ok() || append_change(batch.get(), family, table, chain, 1) != 0 ||
+		kvnft_batch_finish(batch.get(), 2) != 0)
 		return -ENOMEM;
 	return kvnft_batch_send(batch.get());
 }
 
 int kvnft_flush_chain_simple(const char *chain, const char *table, uint32_t family)
 {
-	return transact([=](mnl_nlmsg_batch *batch, uint32_t seq) {
-		return kvnft_batch_flush_chain_simple(batch, chain, table, family, seq);
-	});
+	return transact(append_flush, family, table, chain);
 }
 
 int kvnft_flush_table_simple(const char *table, uint32_t family)
 {
-	return transact([=](mnl_nlmsg_batch *batch, uint32_t seq) {
-		return kvnft_batch_flush_table_simple(batch, table, family, seq);
-	});
+	return transact(append_flush, family, table, nullptr);
+}
+
+static int append_table_deletion(
+	mnl_nlmsg_batch *batch, uint32_t family, const char *table, const char *, uint32_t seq)
+{
+	return kvnft_batch_del_table_simple(batch, table, family, seq);
 }
 
 int kvnft_del_table_simple(const char *name, uint32_t family)
 {
-	return transact([=](mnl_nlmsg_batch *batch, uint32_t seq) {
-		return kvnft_batch_del_table_simple(batch, name, family, seq);
-	});
+	return transact(append_table_deletion, family, name, nullptr);
+}
+
+static int append_chain_deletion(
+	mnl_nlmsg_batch *batch, uint32_t family, const char *table, const char *chain, uint32_t seq)
+{
+	owned_chain named{build_chain(table, chain, nullptr, -1, -1, nullptr, family)};
+	if (!named.ok())
+		return -ENOMEM;
+	return append_chain(batch, {NFT_MSG_DELCHAIN, NLM_F_ACK}, family, seq, named.get());
 }
 
 int kvnft_del_chain_simple(const char *chain, const char *table, uint32_t family)
 {
-	return transact([=](mnl_nlmsg_batch *batch, uint32_t seq) {
-		owned_chain named{build_chain(table, chain, nullptr, -1, -1, nullptr, family)};
-		if (!named.ok())
-			return -ENOMEM;
-		return append_chain(batch, {NFT_MSG_DELCHAIN, NLM_F_ACK}, family, seq, named.get());
-	});
+	return transact(append_chain_deletion, family, table, chain);
 }

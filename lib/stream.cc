@@ -33,11 +33,11 @@ static constexpr int32_t TX_SIZE = 256; // bytes at first
 static constexpr int32_t RX_SIZE = 512;
 static constexpr int32_t READ_CHUNK = 1024; // bytes read at once, into the stack
 
-// What is written to the held stream before it is sent. While bytes wait here its `tx` is empty.
-static constexpr uint32_t HELD_MAX = 16384;
+// What is written to the held stream before it is sent, in its holder's room. While bytes wait there its `tx` is
+// empty.
 static stream *held_stream;
+static stream_room *held;
 static uint32_t held_length;
-static char held_bytes[HELD_MAX];
 
 int32_t stream_read_fd(stream *s, void *bytes, uint32_t count)
 {
@@ -194,12 +194,12 @@ static void send_held(stream *s)
 		return;
 	uint32_t length = held_length;
 	held_length = 0;
-	write_through(s, held_bytes, length);
+	write_through(s, held->bytes, length);
 }
 
 static bool can_hold(const stream *s, uint32_t count)
 {
-	return held_stream == s && s->tx->length == 0 && count <= HELD_MAX - held_length;
+	return held_stream == s && s->tx->length == 0 && count <= sizeof held->bytes - held_length;
 }
 
 int32_t stream_write(struct stream *stream, const void *bytes, uint32_t count)
@@ -214,7 +214,7 @@ int32_t stream_write(struct stream *stream, const void *bytes, uint32_t count)
 		return -EINVAL;
 	if (!can_hold(stream, count))
 		return write_through(stream, bytes, count);
-	memcpy(held_bytes + held_length, bytes, count);
+	memcpy(held->bytes + held_length, bytes, count);
 	held_length += count;
 	return static_cast<int32_t>(count);
 }
@@ -282,10 +282,12 @@ void stream_cleanup(struct stream *stream)
 	stream->rx = stream->tx = nullptr;
 }
 
-void stream_hold(stream *s)
+void stream_hold(stream *s, stream_room *room)
 {
-	if (!held_stream)
-		held_stream = s;
+	if (held_stream)
+		return;
+	held_stream = s;
+	held = room;
 }
 
 void stream_release(stream *s)

@@ -3,6 +3,7 @@
 
 #include "time.h"
 
+#include "internal/time-internal.h"
 #include "internal/units.h"
 #include "internal/wrap.h"
 
@@ -30,7 +31,9 @@ int64_t time_now(void)
 
 uint64_t time_now_msec_clock(clockid_t clock)
 {
-	return static_cast<uint64_t>(time_now_clock(clock) / USEC_PER_MSEC);
+	uint64_t now = static_cast<uint64_t>(time_now_clock(clock));
+	bool is_negative = now > INT64_MAX; // rounded towards zero, too
+	return is_negative ? 0 - whole_msec(0 - now) : whole_msec(now);
 }
 
 uint64_t time_now_msec(void)
@@ -51,7 +54,11 @@ int32_t time_now_sec(void)
 struct timespec *time_to_timespec(struct timespec *result, int64_t time)
 {
 	result->tv_sec = low_word(time) / USEC_PER_SEC;
-	result->tv_nsec = static_cast<long>(static_cast<uint64_t>(time) % USEC_PER_SEC) * NSEC_PER_USEC;
+	uint64_t usec = static_cast<uint64_t>(time);
+	uint32_t seconds = static_cast<uint32_t>(whole_msec(whole_msec(usec)));
+	// Of the low words the rest is right: it has no more than 20 bits.
+	result->tv_nsec =
+		static_cast<long>(static_cast<uint32_t>(usec) - seconds * USEC_PER_SEC) * NSEC_PER_USEC;
 	return result;
 }
 

@@ -18,7 +18,7 @@
 #include "internal/owned.h"
 #include "log.h"
 
-using owned_directory = owned<DIR *, nullptr, closedir>;
+using owned_directory = owned<DIR *, nullptr, quietly<DIR *, closedir>>;
 
 // ---- Programs ----
 

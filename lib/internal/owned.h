@@ -18,7 +18,7 @@ public:
 		take(from.give());
 		return *this;
 	}
-	~owned() { take(none); }
+	[[gnu::always_inline]] ~owned() { take(none); } // so that a guard lives in a register
 	bool ok() const { return value_ != none; }
 	T get() const { return value_; }
 	[[nodiscard]] T give()
@@ -27,16 +27,25 @@ public:
 		value_ = none;
 		return value;
 	}
-	void take(T value) // drops what it had; errno survives for the caller
+	[[gnu::always_inline]] void take(T value) // drops what it had
 	{
-		int saved_errno = errno;
 		if (ok())
 			drop(value_);
 		value_ = value;
-		errno = saved_errno;
 	}
 };
 
-using owned_fd = owned<int, -1, close>; // never retried: after EINTR the number may be another's
-using owned_file = owned<FILE *, nullptr, fclose>;
+// What is dropped tells nobody whether that worked: errno survives for the caller. Releasing memory keeps it
+// anyway.
+template <typename T, auto drop>
+void quietly(T value)
+{
+	int saved_errno = errno;
+	drop(value);
+	errno = saved_errno;
+}
+
+// Closing is never retried: after EINTR the number may be another's.
+using owned_fd = owned<int, -1, quietly<int, close>>;
+using owned_file = owned<FILE *, nullptr, quietly<FILE *, fclose>>;
 using owned_text = owned<char *, nullptr, free>;

@@ -1,8 +1,10 @@
-"""Compiles the modules for a 32-bit target, so that the layout they assert is checked, and looks where the
-`registered` bit of struct evloop_io lies in an object file of that target."""
+"""Looks whether the modules assert the layout of every public record, compiles them for a 32-bit target, so that the
+assertions are checked, and looks where the `registered` bit of struct evloop_io lies in an object file of that
+target."""
 
 import argparse
 import pathlib
+import re
 
 import house
 
@@ -24,6 +26,34 @@ for header in ("jansson.h", "jansson_config.h", "libnftnl", "libmnl", "mbedtls")
     (others / header).symlink_to(f"/usr/include/{header}")
 compile_cxx += [f"-isystem{others}", f"-isystem{tree}/host/include"]
 compile_cxx += ["-Wall", "-Wextra", "-Werror", f"-I{tree}", "-c", "-o", scratch / "module.o"]
+
+
+def members(body):
+    """The names that a record's body declares, without bits, which have no offset."""
+    for declaration in re.sub(r"/\*.*?\*/", "", body, flags=re.DOTALL).split(";"):
+        function = re.search(r"\(\*(\w+)\)\(", declaration)
+        if function:
+            yield function[1]
+        elif declaration.strip() and ":" not in declaration:
+            for each in declaration.split(","):
+                yield re.search(r"(\w+)(\[\w+\])?$", each.strip())[1]
+
+
+def check_completeness():
+    """The size of every public record is asserted, and the place of every member but the first."""
+    sources = "".join(module.read_text() for module in (tree / "lib").glob("*.cc"))
+    sized = set(re.findall(r"^LAYOUT_SIZE\((\w+), \d+\);", sources, re.MULTILINE))
+    placed = set(re.findall(r"^LAYOUT_FIELD\((\w+), (\w+), \d+\);", sources, re.MULTILINE))
+    headers = "".join(header.read_text() for header in (tree / "lib").glob("*.h"))
+    records = re.findall(r"^struct (\w+) \{\n(.*?)^\}", headers, re.MULTILINE | re.DOTALL)
+    if not records:
+        house.fail("the headers have no record")
+    for record, body in records:
+        if record not in sized:
+            house.fail(f"no assertion pins the size of struct {record}")
+        for member in list(members(body))[1:]:
+            if (record, member) not in placed:
+                house.fail(f"no assertion pins the place of {member} in struct {record}")
 
 
 def check_asserts():
@@ -76,5 +106,6 @@ def check_bit():
 
 
 if not arguments.only_bit:
+    check_completeness()
     check_asserts()
 check_bit()
