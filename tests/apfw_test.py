@@ -20,7 +20,7 @@ import subprocess
 import sys
 import unittest
 
-from daemons import PATIENCE_S, die_with_the_test, libc_check, wait_until
+from daemons import PATIENCE_S, die_with_the_test, libc_check, skip_if_emulated, wait_until
 
 APFW = ""  # its path, from the command line
 
@@ -127,8 +127,8 @@ def generation(namespace):
     return struct.unpack_from(">I", answer, 24)[0]  # the first attribute, NFTA_GEN_ID
 
 
-class OneNamespace(unittest.TestCase):
-    """The command and the ruleset, without packets."""
+class Command(unittest.TestCase):
+    """The command, in a namespace of its own."""
 
     def setUp(self):
         self.ap = Namespace(self)
@@ -145,6 +145,11 @@ class OneNamespace(unittest.TestCase):
         result = self.apfw(*arguments)
         found = (result.returncode, result.stderr, result.stdout)
         self.assertEqual(found, (status, f"apfw: {text}\n", output), arguments)
+
+
+@skip_if_emulated("the emulator opens no sockets of netfilter")
+class OneNamespace(Command):
+    """The command and the ruleset, without packets."""
 
     def ruleset(self):
         return without_handles(self.ap.nft_json("list", "ruleset"))
@@ -415,7 +420,7 @@ class Refusals(OneNamespace):
         self.assertEqual(self.ruleset(), owned)
 
 
-class TheCommandLine(OneNamespace):
+class TheCommandLine(Command):
     """Nothing here comes as far as the kernel, as the exit status tells."""
 
     def check_usage(self, arguments, text):

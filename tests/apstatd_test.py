@@ -25,7 +25,7 @@ import time
 import unittest
 
 import daemons
-from daemons import CURL, PATIENCE_S, Client, curl, libc_check
+from daemons import CURL, PATIENCE_S, Client, curl, libc_check, wait_until
 
 COMMON = b"Server: kvhttpd\r\nPragma: no-cache\r\nExpires: 0\r\n"
 NUMBERS = {"pid", "uptime_s", "requests", "open_connections", "deferred_answers", "timers_fired"}
@@ -75,6 +75,16 @@ def processes(wanted):
 
 def children_of(pid):
     return processes(lambda parent, group: parent == pid)
+
+
+def started_children_of(pid):
+    """Once each is what it was started to be, and no longer a copy of its parent."""
+
+    def program_of(process):
+        return os.readlink(f"/proc/{process}/exe")
+
+    wait_until(lambda: program_of(pid) not in map(program_of, children_of(pid)), "each child is another program")
+    return children_of(pid)
 
 
 def cpu_seconds(pid):
@@ -668,7 +678,7 @@ class Run(DaemonTest):
         client = self.connect()
         client.send(b"GET /run?seconds=30&code=5 HTTP/1.1\r\n\r\n")
         self.daemon.wait_for(deferred_answers=1)
-        (child,) = children_of(self.daemon.process.pid)
+        (child,) = started_children_of(self.daemon.process.pid)
         os.killpg(child, signal.SIGKILL)
         self.assertEqual(json.loads(client.read().body), {"exit_code": 0, "reported": 0})
 
@@ -676,7 +686,7 @@ class Run(DaemonTest):
         client = self.connect()
         client.send(b"GET /run?seconds=30 HTTP/1.1\r\n\r\n")
         self.daemon.wait_for(deferred_answers=1)
-        (child,) = children_of(self.daemon.process.pid)
+        (child,) = started_children_of(self.daemon.process.pid)
         self.assertEqual(os.getpgid(child), child)
         self.assertEqual(sorted(os.listdir(f"/proc/{child}/fd")), ["0", "1", "2"])
 
@@ -713,7 +723,7 @@ class Run(DaemonTest):
             client.send(b"GET /run?seconds=30 HTTP/1.1\r\n\r\n")
             self.daemon.wait_for(deferred_answers=count)
         self.assertEqual(clients[32].get("/run").code, 503)
-        os.killpg(children_of(self.daemon.process.pid)[0], signal.SIGKILL)
+        os.killpg(started_children_of(self.daemon.process.pid)[0], signal.SIGKILL)
         self.daemon.wait_for(deferred_answers=31)
         self.assertEqual(clients[32].get("/run?code=4").body, b'{"exit_code": 4, "reported": 4}\n')
 
@@ -926,7 +936,7 @@ class Shutdown(DaemonTest):
 
     def stop_with_children(self, count):
         """Stops the daemon, which has `count` of them; they and what they started end with it."""
-        children = children_of(self.daemon.process.pid)
+        children = started_children_of(self.daemon.process.pid)
         self.assertEqual(len(children), count)
         deaths = [os.pidfd_open(pid) for pid in processes(lambda parent, group: group in children)]
         self.assertGreaterEqual(len(deaths), count)

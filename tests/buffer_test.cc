@@ -49,20 +49,24 @@ struct owned_buffer {
 	std::string text() const { return {b->data, static_cast<size_t>(b->length)}; }
 };
 
-// A full-sized buffer over address space of which only what is touched becomes memory.
+// A full-sized buffer of which only the end is memory: not every machine has room for the whole in one piece.
 class vast_buffer
 {
-	static constexpr size_t space = size_t{1} << 31;
+	static constexpr uintptr_t space = uintptr_t{1} << 31;
+	static constexpr size_t end_bytes = 1 << 16;
+	void *end_ = mmap(nullptr, end_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+
+	char *beginning() const
+	{
+		return reinterpret_cast<char *>(reinterpret_cast<uintptr_t>(end_) + end_bytes - space);
+	}
 
 public:
 	buffer b;
 
-	vast_buffer(int32_t size, int32_t length)
-		: b{static_cast<char *>(mmap(nullptr, space, PROT_READ | PROT_WRITE,
-			    MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0)),
-			  size, length}
+	vast_buffer(int32_t size, int32_t length) : b{beginning(), size, length}
 	{
-		EXPECT_NE(static_cast<void *>(b.data), MAP_FAILED);
+		EXPECT_NE(end_, MAP_FAILED);
 		memory.give = grow;
 		growable = b.data;
 		grown_to = 0;
@@ -72,7 +76,7 @@ public:
 	~vast_buffer()
 	{
 		growable = nullptr;
-		munmap(b.data, space);
+		munmap(end_, end_bytes);
 	}
 };
 

@@ -19,6 +19,7 @@ import time
 import unittest
 
 PROGRAMS = {}  # name to path, from the command line
+EMULATOR = os.environ.get("EMULATOR")  # what the programs run with if they are another machine's
 PATIENCE_S = 60  # far more than anything takes here; reaching it fails a test
 NO_BUS = "/nonexistent/bus"  # of daemons that a test wants to be left alone
 
@@ -31,6 +32,11 @@ def main(script_documentation):
         sys.exit(script_documentation)
     PROGRAMS.update((name, os.path.abspath(sys.argv.pop(1))) for name in names)
     unittest.main(module="__main__", verbosity=2)
+
+
+def skip_if_emulated(reason):
+    """Decorates tests of what the emulator cannot do, although the machine it stands for can."""
+    return unittest.skipIf(EMULATOR, reason)
 
 
 def libc_check(result):

@@ -202,6 +202,8 @@ int lowest_free_descriptor()
 	return fd;
 }
 
+constexpr char no_ptrace[] = "the emulator has no ptrace";
+
 // The system calls with which `body` writes its messages, in a traced child: "open kmsg", "write kmsg 12",
 // "close kmsg", "write stderr 12", "send 30".
 lines trace(const scene &s, const std::function<void()> &body)
@@ -463,6 +465,7 @@ TEST(log_kmsg, prints_the_priority_as_it_is_given)
 
 TEST(log_kmsg, takes_each_message_in_an_opening_and_a_write_of_its_own)
 {
+	skip_if_emulated(no_ptrace);
 	scene s;
 	lines calls = trace(s, [] {
 		log_open(LOG_DEST_KMSG, LOG_DAEMON, "foo");
@@ -476,6 +479,7 @@ TEST(log_kmsg, takes_each_message_in_an_opening_and_a_write_of_its_own)
 
 TEST(log_kmsg, takes_a_long_message_in_one_write_too)
 {
+	skip_if_emulated(no_ptrace);
 	scene s;
 	const std::string text(3000, 'y');
 	lines calls = trace(s, [&text] {
@@ -580,6 +584,7 @@ TEST(log_syslog, that_nobody_listens_to_is_silence)
 
 TEST(log_destination, order_is_kmsg_then_stdio_then_syslog)
 {
+	skip_if_emulated(no_ptrace);
 	scene s;
 	lines calls = trace(s, [] {
 		log_open(LOG_DEST_KMSG | LOG_DEST_SYSLOG | LOG_DEST_STDIO, LOG_DAEMON, "foo");

@@ -122,7 +122,7 @@ void make_table_and_chain(uint16_t family = inet)
 
 TEST(nft_kernel, tables_of_every_family_are_made)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		transaction change;
 		for (uint16_t family : families)
 			change.table(family, (std::string(name_of(family)) + "_table").c_str());
@@ -140,7 +140,7 @@ TEST(nft_kernel, tables_of_every_family_are_made)
 
 TEST(nft_kernel, table_is_deleted_in_its_family_only)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		ASSERT_EQ(transaction().table(ip).table(bridge).send(), 0);
 		EXPECT_EQ(transaction().del_table(bridge).send(), 0);
 		EXPECT_EQ(ruleset(), plain({R"({"table": {"family": "ip", "name": "t"}})"}));
@@ -149,7 +149,7 @@ TEST(nft_kernel, table_is_deleted_in_its_family_only)
 
 TEST(nft_kernel, table_is_made_and_deleted_in_one_transaction)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		EXPECT_EQ(transaction().table(inet).chain(inet).del_table(inet).send(), 0);
 		EXPECT_EQ(ruleset(), no_lines);
 	});
@@ -157,7 +157,7 @@ TEST(nft_kernel, table_is_made_and_deleted_in_one_transaction)
 
 TEST(nft_kernel, table_that_is_there_already_is_left_as_it_is)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		std::vector<std::string> before = ruleset();
 		EXPECT_EQ(transaction().table(inet).send(), 0);
@@ -208,22 +208,22 @@ const std::vector<base_chain> routed_chains = {
 
 TEST(nft_kernel, base_chains_of_ip_are_made_at_every_hook)
 {
-	in_private_network([] { expect_base_chains(ip, routed_chains); });
+	in_nft_network([] { expect_base_chains(ip, routed_chains); });
 }
 
 TEST(nft_kernel, base_chains_of_ip6_are_made_at_every_hook)
 {
-	in_private_network([] { expect_base_chains(ip6, routed_chains); });
+	in_nft_network([] { expect_base_chains(ip6, routed_chains); });
 }
 
 TEST(nft_kernel, base_chains_of_inet_are_made_at_every_hook)
 {
-	in_private_network([] { expect_base_chains(inet, routed_chains); });
+	in_nft_network([] { expect_base_chains(inet, routed_chains); });
 }
 
 TEST(nft_kernel, base_chains_of_bridge_are_made_at_every_hook)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		expect_base_chains(bridge, {
 						   {"filter", NF_INET_PRE_ROUTING, "prerouting", -300},
 						   {"filter", NF_INET_LOCAL_IN, "input", 0},
@@ -236,7 +236,7 @@ TEST(nft_kernel, base_chains_of_bridge_are_made_at_every_hook)
 
 TEST(nft_kernel, base_chains_of_arp_are_made_at_both_hooks)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		expect_base_chains(arp, {{"filter", 0, "input", 0}, {"filter", 1, "output", -1}});
 	});
 }
@@ -244,7 +244,7 @@ TEST(nft_kernel, base_chains_of_arp_are_made_at_both_hooks)
 // `nft` 1.0.6 names the device in its own language only.
 TEST(nft_kernel, base_chains_of_netdev_are_bound_to_their_device)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		must_run("ip link add dev wlan0 type veth peer name peer0");
 		expect_base_chains(netdev, {
 						   {"filter", NF_NETDEV_INGRESS, "ingress", -500, "wlan0"},
@@ -260,7 +260,7 @@ TEST(nft_kernel, base_chains_of_netdev_are_bound_to_their_device)
 
 TEST(nft_kernel, base_chain_of_inet_at_ingress_is_bound_to_its_device)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		must_run("ip link add dev wlan0 type veth peer name peer0");
 		expect_base_chains(inet, {{"filter", NF_INET_INGRESS, "ingress", 0, "wlan0"}});
 		EXPECT_THAT(must_run("nft list ruleset"), testing::HasSubstr("ingress device \"wlan0\""));
@@ -269,7 +269,7 @@ TEST(nft_kernel, base_chain_of_inet_at_ingress_is_bound_to_its_device)
 
 TEST(nft_kernel, base_chain_without_a_type_filters)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		ASSERT_EQ(transaction().table(ip).base_chain(ip, "c", nullptr, NF_INET_FORWARD, 3).send(), 0);
 		EXPECT_EQ(ruleset().back(), plain(R"({"chain": {"family": "ip", "table": "t", "name": "c",
 			"type": "filter", "hook": "forward", "prio": 3, "policy": "accept"}})"));
@@ -278,7 +278,7 @@ TEST(nft_kernel, base_chain_without_a_type_filters)
 
 TEST(nft_kernel, chain_without_a_hook_is_regular_though_it_has_a_priority)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		for (uint16_t family : families) {
 			transaction change;
 			change.table(family);
@@ -296,7 +296,7 @@ TEST(nft_kernel, chain_without_a_hook_is_regular_though_it_has_a_priority)
 
 TEST(nft_kernel, base_chain_is_refused_where_its_type_and_hook_do_not_go_together)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		ASSERT_EQ(transaction().table(ip).send(), 0);
 		EXPECT_EQ(transaction().base_chain(ip, "c", "nat", NF_INET_FORWARD).send(), -EOPNOTSUPP);
 		EXPECT_EQ(transaction().base_chain(ip, "c", "route", NF_INET_LOCAL_IN).send(), -EOPNOTSUPP);
@@ -388,7 +388,7 @@ public:
 
 TEST(nft_kernel, verdicts_are_listed)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		listed_rules()
 			.add({kvnft_build_expr_verdict(NF_ACCEPT)}, {accepts})
@@ -403,7 +403,7 @@ TEST(nft_kernel, verdicts_are_listed)
 
 TEST(nft_kernel, meta_and_compared_values_are_listed)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		uint32_t mark = 6;
 		uint8_t tcp = IPPROTO_TCP;
@@ -423,7 +423,7 @@ TEST(nft_kernel, meta_and_compared_values_are_listed)
 
 TEST(nft_kernel, every_comparison_is_listed)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		uint16_t port = htons(8080);
 		listed_rules list;
@@ -442,7 +442,7 @@ TEST(nft_kernel, every_comparison_is_listed)
 
 TEST(nft_kernel, mark_that_is_set_is_listed)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		owned_rule rule = make_rule(inet, {});
 		ASSERT_EQ(kvnft_rule_set_mark(rule.get(), 0x1234), 0);
@@ -454,7 +454,7 @@ TEST(nft_kernel, mark_that_is_set_is_listed)
 
 TEST(nft_kernel, accept_by_mark_is_listed)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		EXPECT_EQ(transaction().accept_mark(inet, 5).accept_mark_neq(inet, 7).send(), 0);
 		EXPECT_EQ(rules(), listing({
@@ -466,7 +466,7 @@ TEST(nft_kernel, accept_by_mark_is_listed)
 
 TEST(nft_kernel, connection_state_masked_and_compared_is_listed)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		uint32_t known = 2 | 4; // established, related
 		listed_rules()
@@ -482,7 +482,7 @@ TEST(nft_kernel, connection_state_masked_and_compared_is_listed)
 
 TEST(nft_kernel, header_fields_are_listed_by_place_and_length)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		uint32_t address = htonl(0x0a010002);
 		uint16_t port = htons(67);
@@ -517,7 +517,7 @@ TEST(nft_kernel, header_fields_are_listed_by_place_and_length)
 
 TEST(nft_kernel, masked_address_is_listed)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		uint32_t net = htonl(0x0a010200), mask = htonl(0xffffff00);
 		listed_rules()
@@ -532,7 +532,7 @@ TEST(nft_kernel, masked_address_is_listed)
 
 TEST(nft_kernel, header_field_that_is_overwritten_is_listed)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain(bridge);
 		listed_rules(bridge)
 			.add({kvnft_build_expr_imm(NFT_REG_1, phone, 6),
@@ -548,7 +548,7 @@ TEST(nft_kernel, header_field_that_is_overwritten_is_listed)
 
 TEST(nft_kernel, byte_rate_limit_is_listed_as_the_traffic_over_it)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		listed_rules()
 			.add({kvnft_build_expr_limit(125000, 9000), kvnft_build_expr_verdict(NF_DROP)},
@@ -561,7 +561,7 @@ TEST(nft_kernel, byte_rate_limit_is_listed_as_the_traffic_over_it)
 
 TEST(nft_kernel, log_group_is_listed)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		listed_rules().add({kvnft_build_expr_log(7)}, {R"({"log": {"group": 7}})"}).check();
 	});
@@ -569,7 +569,7 @@ TEST(nft_kernel, log_group_is_listed)
 
 TEST(nft_kernel, reset_and_family_independent_rejections_are_listed)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		listed_rules()
 			.add({kvnft_build_expr_reject(NFT_REJECT_TCP_RST, 9)},
@@ -591,7 +591,7 @@ TEST(nft_kernel, reset_and_family_independent_rejections_are_listed)
 
 TEST(nft_kernel, reject_of_a_rule_is_listed)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain(ip6);
 		owned_rule rule = make_rule(ip6, {});
 		ASSERT_EQ(kvnft_rule_reject(rule.get(), NFT_REJECT_TCP_RST, 0), 0);
@@ -603,7 +603,7 @@ TEST(nft_kernel, reject_of_a_rule_is_listed)
 // The kernel asks for the code that is left out on purpose.
 TEST(nft_kernel, reject_by_the_familys_own_icmp_is_refused_for_want_of_a_code)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		for (uint16_t family : {ip, ip6, inet, netdev}) {
 			make_table_and_chain(family);
 			transaction change;
@@ -616,11 +616,12 @@ TEST(nft_kernel, reject_by_the_familys_own_icmp_is_refused_for_want_of_a_code)
 
 TEST(nft_kernel, rejections_of_bridge_are_listed)
 {
+	skip_if_emulated(no_netfilter);
 	if (std::string reason =
 			refusal_of("bridge", "add rule bridge t c reject with icmpx port-unreachable");
 		!reason.empty())
 		GTEST_SKIP() << "this kernel has no \"reject\" in the family bridge: " << reason;
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain(bridge);
 		listed_rules(bridge)
 			.add({kvnft_build_expr_reject(
@@ -632,9 +633,10 @@ TEST(nft_kernel, rejections_of_bridge_are_listed)
 
 TEST(nft_kernel, queue_is_listed)
 {
+	skip_if_emulated(no_netfilter);
 	if (std::string reason = refusal_of("inet", "add rule inet t c queue num 0"); !reason.empty())
 		GTEST_SKIP() << "this kernel has no \"queue\": " << reason;
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		listed_rules()
 			.add({kvnft_build_expr_queue(5, 0, 0)}, {R"({"queue": {"num": 5}})"})
@@ -648,7 +650,7 @@ TEST(nft_kernel, queue_is_listed)
 
 TEST(nft_kernel, redirect_and_masquerade_are_listed)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		for (uint16_t family : {ip, ip6, inet}) {
 			uint16_t port = htons(8080);
 			transaction change;
@@ -668,7 +670,7 @@ TEST(nft_kernel, redirect_and_masquerade_are_listed)
 
 TEST(nft_kernel, redirect_and_masquerade_are_refused_outside_of_nat)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		ASSERT_EQ(transaction().table(ip).base_chain(ip, "c", "filter", NF_INET_FORWARD).send(), 0);
 		EXPECT_EQ(transaction().rule(ip, {kvnft_build_expr_masq()}).send(), -EOPNOTSUPP);
 		uint16_t port = htons(80);
@@ -682,7 +684,7 @@ TEST(nft_kernel, redirect_and_masquerade_are_refused_outside_of_nat)
 
 TEST(nft_kernel, rules_stand_in_the_order_of_their_messages)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		EXPECT_EQ(transaction().accept_mark(inet, 1).accept_mark(inet, 2).send(), 0);
 		EXPECT_EQ(transaction().accept_mark(inet, 3).send(), 0);
@@ -694,7 +696,7 @@ TEST(nft_kernel, rules_stand_in_the_order_of_their_messages)
 
 TEST(nft_kernel, rule_that_is_put_into_a_batch_twice_is_there_twice)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		owned_rule rule = make_rule(inet, {kvnft_build_expr_verdict(NF_DROP)});
 		EXPECT_EQ(transaction().rule(rule).rule(rule).send(), 0);
@@ -704,7 +706,7 @@ TEST(nft_kernel, rule_that_is_put_into_a_batch_twice_is_there_twice)
 
 TEST(nft_kernel, rules_of_bridge_are_listed)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain(bridge);
 		listed_rules(bridge)
 			.add({kvnft_build_expr_ether_saddr(NFT_REG_1),
@@ -720,7 +722,7 @@ TEST(nft_kernel, rules_of_bridge_are_listed)
 
 TEST(nft_kernel, rules_of_netdev_are_listed)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain(netdev);
 		listed_rules(netdev)
 			.add({kvnft_build_expr_ether_saddr(NFT_REG_1),
@@ -733,7 +735,7 @@ TEST(nft_kernel, rules_of_netdev_are_listed)
 
 TEST(nft_kernel, rules_of_arp_are_listed)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain(arp);
 		listed_rules(arp)
 			.add({kvnft_build_expr_payload(NFT_REG_1, NFT_PAYLOAD_NETWORK_HEADER, 6, 2),
@@ -748,7 +750,7 @@ TEST(nft_kernel, rules_of_arp_are_listed)
 
 TEST(nft_kernel, set_is_listed_with_its_elements)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set set = make_set(inet, 0, type_ether);
 		add_phone(set);
 		add_laptop(set);
@@ -760,7 +762,7 @@ TEST(nft_kernel, set_is_listed_with_its_elements)
 
 TEST(nft_kernel, sets_of_every_family_are_made)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		for (uint16_t family : families) {
 			owned_set set = make_set(family, 0, type_ether);
 			add_phone(set);
@@ -773,7 +775,7 @@ TEST(nft_kernel, sets_of_every_family_are_made)
 
 TEST(nft_kernel, elements_are_listed_with_their_time_outs)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set set = make_set(inet, NFT_SET_TIMEOUT, type_ether);
 		add_phone(set, 3'600'000);
 		add_laptop(set);
@@ -786,7 +788,7 @@ TEST(nft_kernel, elements_are_listed_with_their_time_outs)
 
 TEST(nft_kernel, element_is_gone_when_its_time_is_out)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set set = make_set(inet, NFT_SET_TIMEOUT, type_ether);
 		add_phone(set, 50);
 		add_laptop(set, 3'600'000);
@@ -808,7 +810,7 @@ owned_set make_set_with_default(uint64_t timeout_ms)
 
 TEST(nft_kernel, element_without_a_time_out_gets_that_of_its_set_and_one_of_0_none)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set set = make_set_with_default(60'000);
 		ASSERT_EQ(transaction().table(inet).set(set).elements_of(set).send(), 0);
 		std::string listed = must_run("nft list set inet t s");
@@ -821,7 +823,7 @@ TEST(nft_kernel, element_without_a_time_out_gets_that_of_its_set_and_one_of_0_no
 
 TEST(nft_kernel, element_with_a_time_out_of_0_stays_when_that_of_its_set_is_out)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set set = make_set_with_default(50);
 		ASSERT_EQ(transaction().table(inet).set(set).elements_of(set).send(), 0);
 		std::string left = plain(R"(["02:00:00:00:00:06"])");
@@ -831,7 +833,7 @@ TEST(nft_kernel, element_with_a_time_out_of_0_stays_when_that_of_its_set_is_out)
 
 TEST(nft_kernel, element_with_a_time_out_is_refused_by_a_set_without)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set set = make_set(inet, 0, type_ether);
 		ASSERT_EQ(transaction().table(inet).set(set).send(), 0);
 		add_phone(set, 0); // even "for ever"
@@ -842,7 +844,7 @@ TEST(nft_kernel, element_with_a_time_out_is_refused_by_a_set_without)
 
 TEST(nft_kernel, elements_are_deleted)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set set = make_set(inet, 0, type_ether);
 		add_phone(set);
 		add_laptop(set);
@@ -857,7 +859,7 @@ TEST(nft_kernel, elements_are_deleted)
 
 TEST(nft_kernel, set_without_elements_deletes_all_of_them)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set set = make_set(inet, 0, type_ether);
 		add_phone(set);
 		add_laptop(set);
@@ -869,7 +871,7 @@ TEST(nft_kernel, set_without_elements_deletes_all_of_them)
 
 TEST(nft_kernel, element_that_is_there_already_is_no_error)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set set = make_set(inet, 0, type_ether);
 		add_phone(set);
 		ASSERT_EQ(transaction().table(inet).set(set).elements_of(set).send(), 0);
@@ -880,7 +882,7 @@ TEST(nft_kernel, element_that_is_there_already_is_no_error)
 
 TEST(nft_kernel, element_of_another_length_is_refused)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set set = make_set(inet, 0, type_ether);
 		ASSERT_EQ(transaction().table(inet).set(set).send(), 0);
 		EXPECT_EQ(kvnft_build_set_add_elem(set.get(), "abcd", 4, -1), 0);
@@ -890,7 +892,7 @@ TEST(nft_kernel, element_of_another_length_is_refused)
 
 TEST(nft_kernel, set_is_deleted)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set set = make_set(inet, 0, type_ether);
 		ASSERT_EQ(transaction().table(inet).set(set).send(), 0);
 		EXPECT_EQ(transaction().del_set(set).send(), 0);
@@ -900,7 +902,7 @@ TEST(nft_kernel, set_is_deleted)
 
 TEST(nft_kernel, hundreds_of_elements_go_in_several_messages)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		transaction change;
 		owned_set set = make_set(inet, 0, type_ipv4);
 		change.table(inet).set(set);
@@ -920,7 +922,7 @@ TEST(nft_kernel, hundreds_of_elements_go_in_several_messages)
 
 TEST(nft_kernel, lookups_are_listed)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain(bridge);
 		owned_set set = make_set(bridge, 0, type_ether);
 		listed_rules list(bridge);
@@ -938,7 +940,7 @@ TEST(nft_kernel, lookups_are_listed)
 
 TEST(nft_kernel, set_is_made_and_used_by_name_in_one_batch)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set set = make_set(inet, 0, type_ether);
 		add_phone(set);
 		transaction change;
@@ -953,7 +955,7 @@ TEST(nft_kernel, set_is_made_and_used_by_name_in_one_batch)
 // Two sets, so that only the id can tell which of them is meant.
 TEST(nft_kernel, set_is_made_and_used_by_id_in_one_batch)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set first = make_set(inet, 0, type_ether, "first");
 		owned_set second = make_set(inet, 0, type_ether, "second");
 		transaction change;
@@ -972,7 +974,7 @@ TEST(nft_kernel, set_is_made_and_used_by_id_in_one_batch)
 // The library can say it, but the kernel wants a name too, be it any.
 TEST(nft_kernel, lookup_by_id_alone_is_refused)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set set = make_set(inet, 0, type_ether);
 		transaction change;
 		change.table(inet).chain(inet).set(set).rule(
@@ -985,7 +987,7 @@ TEST(nft_kernel, lookup_by_id_alone_is_refused)
 
 TEST(nft_kernel, set_ids_hold_in_their_own_batch_only)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		owned_set set = make_set(inet, 0, type_ether);
 		ASSERT_EQ(transaction().set(set).send(), 0);
@@ -998,7 +1000,7 @@ TEST(nft_kernel, set_ids_hold_in_their_own_batch_only)
 
 TEST(nft_kernel, anonymous_set_is_bound_by_its_id)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set set = make_set(inet, NFT_SET_ANONYMOUS | NFT_SET_CONSTANT, type_ether, "__set%d");
 		add_phone(set);
 		transaction change;
@@ -1017,7 +1019,7 @@ constexpr uint32_t dynamic_flags = NFT_SET_EVAL | NFT_SET_TIMEOUT;
 
 TEST(nft_kernel, dynset_with_a_limit_is_listed)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain(ip);
 		owned_set set = make_set(ip, dynamic_flags, type_ipv4);
 		ASSERT_EQ(transaction().set(set).send(), 0);
@@ -1040,7 +1042,7 @@ TEST(nft_kernel, dynset_with_a_limit_is_listed)
 
 TEST(nft_kernel, dynset_finds_a_set_of_its_own_batch_by_id)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set set = make_set(ip, dynamic_flags, type_ipv4);
 		transaction change;
 		change.table(ip).chain(ip).set(set).rule(
@@ -1054,7 +1056,7 @@ TEST(nft_kernel, dynset_finds_a_set_of_its_own_batch_by_id)
 
 TEST(nft_kernel, dynset_is_refused_where_the_set_does_not_fit)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain(ip);
 		owned_set fixed = make_set(ip, 0, type_ipv4, "fixed");
 		owned_set eternal = make_set(ip, NFT_SET_EVAL, type_ipv4, "eternal");
@@ -1075,7 +1077,7 @@ TEST(nft_kernel, dynset_is_refused_where_the_set_does_not_fit)
 
 TEST(nft_kernel, negative_time_out_of_a_dynset_is_out_of_range)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain(ip);
 		owned_set set = make_set(ip, dynamic_flags, type_ipv4);
 		transaction change;
@@ -1090,7 +1092,7 @@ TEST(nft_kernel, negative_time_out_of_a_dynset_is_out_of_range)
 
 TEST(nft_kernel, flushed_chain_is_empty_and_others_are_not)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		ASSERT_EQ(transaction()
 				  .table(inet)
 				  .chain(inet, "c")
@@ -1108,7 +1110,7 @@ TEST(nft_kernel, flushed_chain_is_empty_and_others_are_not)
 
 TEST(nft_kernel, flushed_table_keeps_chains_and_sets)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set set = make_set(inet, 0, type_ether);
 		add_phone(set);
 		ASSERT_EQ(transaction()
@@ -1130,7 +1132,7 @@ TEST(nft_kernel, flushed_table_keeps_chains_and_sets)
 
 TEST(nft_kernel, chain_is_flushed_and_filled_again_in_one_transaction)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		ASSERT_EQ(transaction().accept_mark(inet, 1).accept_mark(inet, 2).send(), 0);
 		EXPECT_EQ(transaction()
@@ -1144,7 +1146,7 @@ TEST(nft_kernel, chain_is_flushed_and_filled_again_in_one_transaction)
 
 TEST(nft_kernel, one_call_flushes_a_chain)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		ASSERT_EQ(transaction().accept_mark(inet, 1).send(), 0);
 		EXPECT_EQ(kvnft_flush_chain_simple("c", "t", inet), 0);
@@ -1159,7 +1161,7 @@ TEST(nft_kernel, one_call_flushes_a_chain)
 
 TEST(nft_kernel, one_call_flushes_a_table)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		ASSERT_EQ(transaction().accept_mark(inet, 1).send(), 0);
 		EXPECT_EQ(kvnft_flush_table_simple("t", inet), 0);
@@ -1173,7 +1175,7 @@ TEST(nft_kernel, one_call_flushes_a_table)
 
 TEST(nft_kernel, one_call_deletes_a_chain)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		EXPECT_EQ(kvnft_del_chain_simple("c", "t", inet), 0);
 		EXPECT_EQ(ruleset(), plain({R"({"table": {"family": "inet", "name": "t"}})"}));
@@ -1184,7 +1186,7 @@ TEST(nft_kernel, one_call_deletes_a_chain)
 
 TEST(nft_kernel, one_call_deletes_a_base_chain_with_its_rules)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		ASSERT_EQ(transaction()
 				  .table(inet)
 				  .base_chain(inet, "c", "filter", NF_INET_FORWARD, 5)
@@ -1198,7 +1200,7 @@ TEST(nft_kernel, one_call_deletes_a_base_chain_with_its_rules)
 
 TEST(nft_kernel, one_call_deletes_a_table_with_all_that_is_in_it)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set set = make_set(inet, 0, type_ether);
 		ASSERT_EQ(transaction().table(inet).chain(inet).set(set).accept_mark(inet, 1).send(), 0);
 		EXPECT_EQ(kvnft_del_table_simple("t", inet), 0);
@@ -1209,7 +1211,7 @@ TEST(nft_kernel, one_call_deletes_a_table_with_all_that_is_in_it)
 
 TEST(nft_kernel, one_call_with_a_name_too_long_for_a_message_is_refused)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		std::string name(10'000, 'x');
 		calls.sent = 0;
 		EXPECT_EQ(kvnft_flush_chain_simple(name.c_str(), "t", inet), -ENOMEM);
@@ -1224,7 +1226,7 @@ TEST(nft_kernel, one_call_with_a_name_too_long_for_a_message_is_refused)
 
 TEST(nft_kernel, what_is_missing_is_not_found)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set set = make_set(inet, 0, type_ether);
 		add_phone(set);
 		EXPECT_EQ(transaction().del_table(inet).send(), -ENOENT);
@@ -1247,7 +1249,7 @@ TEST(nft_kernel, what_is_missing_is_not_found)
 
 TEST(nft_kernel, another_thing_of_the_same_name_exists)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		EXPECT_EQ(transaction().base_chain(inet, "c", "filter", NF_INET_FORWARD).send(), -EEXIST);
 		ASSERT_EQ(transaction().set(make_set(inet, 0, type_ether)).send(), 0);
@@ -1258,7 +1260,7 @@ TEST(nft_kernel, another_thing_of_the_same_name_exists)
 
 TEST(nft_kernel, what_is_in_use_is_busy)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set set = make_set(inet, 0, type_ether);
 		transaction change;
 		change.table(inet).chain(inet, "c").chain(inet, "target").set(set);
@@ -1277,7 +1279,7 @@ TEST(nft_kernel, what_is_in_use_is_busy)
 
 TEST(nft_kernel, unknown_family_is_not_supported)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		EXPECT_EQ(transaction().table(NFPROTO_UNSPEC).send(), -EOPNOTSUPP);
 		EXPECT_EQ(transaction().table(99).send(), -EOPNOTSUPP);
 	});
@@ -1285,7 +1287,7 @@ TEST(nft_kernel, unknown_family_is_not_supported)
 
 TEST(nft_kernel, values_that_make_no_sense_are_refused)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		auto result_of = [](nftnl_expr *expression) {
 			return transaction().rule(inet, {expression}).send();
@@ -1302,7 +1304,7 @@ TEST(nft_kernel, values_that_make_no_sense_are_refused)
 
 TEST(nft_kernel, name_longer_than_the_kernels_is_refused)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		EXPECT_EQ(transaction().table(inet, std::string(NFT_TABLE_MAXNAMELEN, 'x').c_str()).send(),
 			-ERANGE);
 		std::string longest(NFT_TABLE_MAXNAMELEN - 1, 'x');
@@ -1313,7 +1315,7 @@ TEST(nft_kernel, name_longer_than_the_kernels_is_refused)
 
 TEST(nft_kernel, process_without_the_capability_is_not_permitted)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		std::vector<std::string> before = ruleset();
 		expect_in_child([] {
@@ -1333,7 +1335,7 @@ TEST(nft_kernel, process_without_the_capability_is_not_permitted)
 
 TEST(nft_kernel, batch_with_one_bad_message_changes_nothing)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		ASSERT_EQ(transaction().accept_mark(inet, 1).send(), 0);
 		std::vector<std::string> before = ruleset();
@@ -1353,7 +1355,7 @@ TEST(nft_kernel, batch_with_one_bad_message_changes_nothing)
 
 TEST(nft_kernel, first_of_several_refusals_is_the_result)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		ASSERT_EQ(transaction().table(ip).send(), 0);
 		EXPECT_EQ(transaction()
 				  .base_chain(ip, "c", "nat", NF_INET_FORWARD)
@@ -1370,7 +1372,7 @@ TEST(nft_kernel, first_of_several_refusals_is_the_result)
 
 TEST(nft_kernel, batch_of_begin_and_end_alone_succeeds)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		EXPECT_EQ(transaction().send(), 0);
 		EXPECT_EQ(ruleset(), no_lines);
 	});
@@ -1378,7 +1380,7 @@ TEST(nft_kernel, batch_of_begin_and_end_alone_succeeds)
 
 TEST(nft_kernel, batch_without_its_end_changes_nothing)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		transaction change;
 		change.table(inet);
 		EXPECT_EQ(kvnft_batch_send(change.get()), 0) << "the kernel says nothing";
@@ -1388,7 +1390,7 @@ TEST(nft_kernel, batch_without_its_end_changes_nothing)
 
 TEST(nft_kernel, batch_may_be_sent_again)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		transaction change;
 		change.accept_mark(inet, 1).finish();
@@ -1400,7 +1402,7 @@ TEST(nft_kernel, batch_may_be_sent_again)
 
 TEST(nft_kernel, message_that_did_not_fit_is_not_sent)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_table_and_chain();
 		transaction change(500);
 		size_t count = 0;
@@ -1457,7 +1459,7 @@ void make_rules(uint32_t count)
 
 TEST(nft_sending, callback_sees_every_answer_of_many_datagrams)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_rules(500);
 		rules_request request;
 		answers seen;
@@ -1470,7 +1472,7 @@ TEST(nft_sending, callback_sees_every_answer_of_many_datagrams)
 
 TEST(nft_sending, error_of_the_callback_is_the_result)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_rules(100);
 		rules_request request;
 		answers seen{0, 3, MNL_CB_ERROR, EDOM};
@@ -1481,7 +1483,7 @@ TEST(nft_sending, error_of_the_callback_is_the_result)
 
 TEST(nft_sending, callback_that_stops_skips_the_rest_of_a_datagram_without_an_error)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_rules(100);
 		rules_request request;
 		answers seen{0, 1, MNL_CB_STOP, 0};
@@ -1494,7 +1496,7 @@ TEST(nft_sending, callback_that_stops_skips_the_rest_of_a_datagram_without_an_er
 
 TEST(nft_sending, callback_is_not_asked_about_acknowledgements)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		transaction change;
 		change.table(inet).chain(inet).finish();
 		answers seen;
@@ -1508,7 +1510,7 @@ TEST(nft_sending, callback_is_not_asked_about_acknowledgements)
 
 TEST(nft_sending, answers_without_a_callback_are_let_go)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_rules(300);
 		rules_request request;
 		EXPECT_EQ(kvnft_send_msg_cb(request.bytes, request.length, nullptr, nullptr), 0);
@@ -1517,7 +1519,7 @@ TEST(nft_sending, answers_without_a_callback_are_let_go)
 
 TEST(nft_sending, garbage_gets_no_answer)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		char bytes[100];
 		memset(bytes, 0xff, sizeof(bytes));
 		EXPECT_EQ(kvnft_send_msg_cb(bytes, sizeof(bytes), nullptr, nullptr), 0);
@@ -1529,7 +1531,7 @@ TEST(nft_sending, garbage_gets_no_answer)
 // of more than 4096 bytes by that.
 TEST(nft_sending, refusal_of_the_longest_message_arrives_whole)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		ASSERT_EQ(transaction().table(inet).send(), 0);
 		std::optional<transaction> longest;
 		for (uint32_t count = 1;; count++) {
@@ -1548,7 +1550,7 @@ TEST(nft_sending, refusal_of_the_longest_message_arrives_whole)
 
 TEST(nft_sending, answer_of_more_than_4096_bytes_has_no_space)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		ASSERT_EQ(transaction().table(inet).send(), 0);
 		owned_set missing = make_set(inet, 0, type_ipv4);
 		for (uint32_t address = 0; address < 400; address++)
@@ -1619,7 +1621,7 @@ std::string message_bytes(uint16_t type, uint32_t length_claimed, size_t payload
 
 TEST(nft_sending, forged_bytes_that_are_no_message_are_let_go)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		EXPECT_EQ(result_behind(std::string(1, 'x')), 0);
 		EXPECT_EQ(result_behind(std::string(15, '\xff')), 0);
 		EXPECT_EQ(result_behind(message_bytes(NLMSG_DONE, 0, 20)), 0) << "no length";
@@ -1632,15 +1634,15 @@ TEST(nft_sending, forged_bytes_that_are_no_message_are_let_go)
 
 TEST(nft_sending, forged_error_without_room_for_one_is_a_bad_message)
 {
-	in_private_network([] { EXPECT_EQ(result_behind(message_bytes(NLMSG_ERROR, 20, 4)), -EBADMSG); });
+	in_nft_network([] { EXPECT_EQ(result_behind(message_bytes(NLMSG_ERROR, 20, 4)), -EBADMSG); });
 }
 
 TEST(nft_sending, answer_for_another_port_is_not_taken)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		EXPECT_EQ(result_behind(message_bytes(NLMSG_NOOP, 16, 0), false), 0) << "port 0: for all";
 	});
-	in_private_network([] {
+	in_nft_network([] {
 		std::string bytes = message_bytes(NLMSG_NOOP, 16, 0);
 		const uint32_t another_port = 0x7ffffff1;
 		memcpy(bytes.data() + offsetof(nlmsghdr, nlmsg_pid), &another_port, sizeof(another_port));
@@ -1651,7 +1653,7 @@ TEST(nft_sending, answer_for_another_port_is_not_taken)
 
 TEST(nft_sending, forged_datagram_that_is_too_long_has_no_space)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		EXPECT_EQ(result_behind(message_bytes(NLMSG_NOOP, 4096, 4080)), 0) << "the longest that fits";
 		EXPECT_EQ(result_behind(message_bytes(NLMSG_NOOP, 4097, 4081)), -ENOSPC);
 	});
@@ -1659,7 +1661,7 @@ TEST(nft_sending, forged_datagram_that_is_too_long_has_no_space)
 
 TEST(nft_sending, answers_cannot_be_forged_without_the_capability)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_fd target{socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER)};
 		sockaddr_nl name{};
 		name.nl_family = AF_NETLINK;
@@ -1698,7 +1700,7 @@ int result_of_messages(size_t count)
 
 TEST(nft_sending, every_change_is_acknowledged)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_set set = make_set(inet, 0, type_ether);
 		add_phone(set);
 		transaction change;
@@ -1724,7 +1726,7 @@ TEST(nft_sending, every_change_is_acknowledged)
 
 TEST(nft_sending, two_hundred_acknowledgements_fit_into_the_usual_queue)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		EXPECT_EQ(result_of_messages(200), 0);
 		EXPECT_EQ(calls.received, 200) << "one datagram each";
 	});
@@ -1732,7 +1734,7 @@ TEST(nft_sending, two_hundred_acknowledgements_fit_into_the_usual_queue)
 
 TEST(nft_sending, acknowledgements_beyond_the_queue_are_no_buffer_space_though_the_change_is_made)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		size_t fits = 200, does_not = 1000;
 		ASSERT_EQ(result_of_messages(does_not), -ENOBUFS);
 		while (does_not - fits > 1) {
@@ -1753,7 +1755,7 @@ TEST(nft_sending, acknowledgements_beyond_the_queue_are_no_buffer_space_though_t
 
 TEST(nft_sending, thousands_of_acknowledgements_in_a_queue_that_holds_them_are_all_taken)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		transaction change(size_t{4} << 20);
 		for (int index = 0; index < 5000; index++)
 			change.table(inet);
@@ -1770,7 +1772,7 @@ TEST(nft_sending, thousands_of_acknowledgements_in_a_queue_that_holds_them_are_a
 
 TEST(nft_sending, refusal_behind_too_many_messages_may_be_lost_and_nothing_is_changed)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		transaction change(size_t{4} << 20);
 		for (int index = 0; index < 2000; index++)
 			change.table(inet);
@@ -1783,7 +1785,7 @@ TEST(nft_sending, refusal_behind_too_many_messages_may_be_lost_and_nothing_is_ch
 
 TEST(nft_sending, flood_of_acknowledgements_leaks_no_descriptor)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		std::set<int> before = open_descriptors();
 		for (int turn = 0; turn < 20; turn++)
 			EXPECT_EQ(result_of_messages(5000), -ENOBUFS);
@@ -1793,7 +1795,7 @@ TEST(nft_sending, flood_of_acknowledgements_leaks_no_descriptor)
 
 TEST(nft_sending, batch_longer_than_the_sockets_send_buffer_is_too_long)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		owned_fd fd{socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER)};
 		int send_buffer_bytes = 0;
 		socklen_t length = sizeof(send_buffer_bytes);
@@ -1814,7 +1816,7 @@ TEST(nft_sending, batch_longer_than_the_sockets_send_buffer_is_too_long)
 // The kernel takes its time to undo a change that it refuses: milliseconds each.
 TEST(nft_sending, ten_thousand_sends_leave_no_descriptor)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		std::set<int> before = open_descriptors();
 		transaction accepted, refused;
 		accepted.finish();
@@ -1832,7 +1834,7 @@ TEST(nft_sending, ten_thousand_sends_leave_no_descriptor)
 
 TEST(nft_sending, ten_thousand_refused_sends_leave_no_descriptor)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		transaction change;
 		change.table(inet).finish();
 		expect_in_child([&] {
@@ -1849,7 +1851,7 @@ TEST(nft_sending, ten_thousand_refused_sends_leave_no_descriptor)
 
 TEST(nft_sending, no_descriptor_left_is_the_result)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		int next_fd = dup(0);
 		close(next_fd);
 		rlimit limit{};
@@ -1864,7 +1866,7 @@ TEST(nft_sending, no_descriptor_left_is_the_result)
 
 TEST(nft_sending, descriptor_that_select_cannot_take_is_refused_before_anything_is_sent)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		rlimit limit{};
 		ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
 		limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, FD_SETSIZE + 10);
@@ -1885,10 +1887,10 @@ TEST(nft_sending, descriptor_that_select_cannot_take_is_refused_before_anything_
 	});
 }
 
-// Each leaves no descriptor: in_private_network looks.
+// Each leaves no descriptor: in_nft_network looks.
 TEST(nft_sending, every_step_that_fails_is_the_result_and_closes_the_socket)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		std::set<int> before = open_descriptors();
 		for (int *error : {&calls.bind_error, &calls.getsockname_error, &calls.sendto_error,
 			     &calls.select_error, &calls.recvmsg_error}) {
@@ -1903,7 +1905,7 @@ TEST(nft_sending, every_step_that_fails_is_the_result_and_closes_the_socket)
 
 TEST(nft_sending, nothing_is_sent_when_binding_fails)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		calls.sent = 0;
 		calls.bind_error = EADDRINUSE;
 		EXPECT_EQ(transaction().table(inet).send(), -EADDRINUSE);
@@ -1915,7 +1917,7 @@ TEST(nft_sending, nothing_is_sent_when_binding_fails)
 
 TEST(nft_sending, change_is_made_although_its_answer_cannot_be_taken)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		calls.recvmsg_error = EIO;
 		EXPECT_EQ(transaction().table(inet).send(), -EIO);
 		calls.recvmsg_error = 0;
@@ -1926,7 +1928,7 @@ TEST(nft_sending, change_is_made_although_its_answer_cannot_be_taken)
 // A signal is one of its reasons.
 TEST(nft_sending, change_is_made_although_looking_for_answers_is_interrupted)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		calls.select_error = EINTR;
 		EXPECT_EQ(transaction().table(inet).send(), -EINTR);
 		calls.select_error = 0;
@@ -1936,7 +1938,7 @@ TEST(nft_sending, change_is_made_although_looking_for_answers_is_interrupted)
 
 TEST(nft_sending, answers_are_never_waited_for)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		calls.waiting = 0;
 		EXPECT_EQ(transaction().table(inet).send(), 0);
 		EXPECT_EQ(kvnft_del_table_simple("missing", inet), -ENOENT);
@@ -1950,7 +1952,7 @@ TEST(nft_sending, answers_are_never_waited_for)
 // So neither the process's number nor that of another call may be the address.
 TEST(nft_sending, callback_may_send_over_a_socket_of_its_own)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		make_rules(2);
 		rules_request request;
 		auto send_another = [](const nlmsghdr *, void *count) {
@@ -1970,7 +1972,7 @@ TEST(nft_sending, callback_may_send_over_a_socket_of_its_own)
 
 TEST(nft_sending, whole_change_takes_names_up_to_the_length_of_a_message)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		EXPECT_EQ(kvnft_del_table_simple(std::string(4007, 'n').c_str(), inet), -ERANGE)
 			<< "the kernel's";
 		EXPECT_EQ(kvnft_del_table_simple(std::string(4008, 'n').c_str(), inet), -ENOMEM) << "ours";

@@ -297,7 +297,7 @@ void mark_packets_to(transaction &change, uint16_t port, uint32_t mark)
 
 TEST(nft_packet, all_pass_before_there_are_rules_and_after_they_are_deleted)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		owned_fd receiver = ap.socket_at_server(SOCK_DGRAM, 1000);
 		EXPECT_TRUE(ap.passes(ap.phone, receiver, 1000));
@@ -314,7 +314,7 @@ TEST(nft_packet, all_pass_before_there_are_rules_and_after_they_are_deleted)
 
 TEST(nft_packet, only_packets_with_the_mark_are_accepted)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		owned_fd marked = ap.socket_at_server(SOCK_DGRAM, 1001);
 		owned_fd unmarked = ap.socket_at_server(SOCK_DGRAM, 1002);
@@ -331,7 +331,7 @@ TEST(nft_packet, only_packets_with_the_mark_are_accepted)
 
 TEST(nft_packet, all_packets_but_those_with_the_mark_are_accepted)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		owned_fd marked = ap.socket_at_server(SOCK_DGRAM, 1001);
 		owned_fd unmarked = ap.socket_at_server(SOCK_DGRAM, 1002);
@@ -349,7 +349,7 @@ TEST(nft_packet, all_packets_but_those_with_the_mark_are_accepted)
 // The number that a socket option gives and the one that a rule compares are the same in either byte order.
 TEST(nft_packet, mark_is_the_number_that_sockets_set)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		transaction change;
 		change.table(ip)
 			.base_chain(ip, "c", "filter", NF_INET_LOCAL_OUT)
@@ -371,7 +371,7 @@ TEST(nft_packet, mark_is_the_number_that_sockets_set)
 
 TEST(nft_packet, masked_address_chooses_a_network)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		must_run("ip route add 10.8.0.0/24 via 10.9.0.2");
 		owned_fd receiver = ap.socket_at_server(SOCK_DGRAM, 1000);
@@ -394,7 +394,7 @@ TEST(nft_packet, masked_address_chooses_a_network)
 
 TEST(nft_packet, replies_pass_and_what_is_new_does_not)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		uint32_t established = 2;
 		transaction change;
@@ -450,7 +450,7 @@ void drop_by_set(uint16_t family, int32_t hook, uint32_t set_flags = 0, const ch
 
 TEST(nft_packet, client_is_dropped_while_its_address_is_in_the_set)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		owned_fd receiver = ap.socket_at_server(SOCK_DGRAM, 1000);
 		drop_by_set(inet, NF_INET_FORWARD);
@@ -465,7 +465,7 @@ TEST(nft_packet, client_is_dropped_while_its_address_is_in_the_set)
 
 TEST(nft_packet, client_passes_again_when_its_time_in_the_set_is_out)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		owned_fd receiver = ap.socket_at_server(SOCK_DGRAM, 1000);
 		drop_by_set(inet, NF_INET_FORWARD, NFT_SET_TIMEOUT);
@@ -479,7 +479,7 @@ TEST(nft_packet, client_passes_again_when_its_time_in_the_set_is_out)
 
 TEST(nft_packet, inverted_lookup_lets_only_members_pass)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		owned_fd receiver = ap.socket_at_server(SOCK_DGRAM, 1000);
 		owned_set set = make_set(inet, 0, type_ether);
@@ -501,7 +501,7 @@ TEST(nft_packet, inverted_lookup_lets_only_members_pass)
 
 TEST(nft_packet, client_is_dropped_at_the_devices_ingress)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		owned_fd receiver = ap.socket_at_server(SOCK_DGRAM, 1000);
 		EXPECT_TRUE(ap.passes(ap.phone, receiver, 1000));
@@ -515,7 +515,7 @@ TEST(nft_packet, client_is_dropped_at_the_devices_ingress)
 
 TEST(nft_packet, client_is_dropped_between_ports_of_a_bridge)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap(access_point::bridging);
 		owned_fd receiver = ap.socket_at_server(SOCK_DGRAM, 1000);
 		EXPECT_TRUE(ap.passes(ap.phone, receiver, 1000));
@@ -576,7 +576,7 @@ void reject_all(uint32_t type, uint8_t code)
 
 TEST(nft_packet, every_family_independent_code_arrives_as_the_familys_own)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		struct {
 			uint8_t code, icmp, icmp6;
@@ -599,7 +599,7 @@ TEST(nft_packet, every_family_independent_code_arrives_as_the_familys_own)
 
 TEST(nft_packet, reset_refuses_a_connection_that_the_server_would_take)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		owned_fd listener = ap.socket_at_server(SOCK_STREAM, 80);
 		socket_address server(ap.server_address, 80);
@@ -619,7 +619,7 @@ TEST(nft_packet, reset_refuses_a_connection_that_the_server_would_take)
 
 TEST(nft_packet, reset_ends_an_established_connection)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		owned_fd listener = ap.socket_at_server(SOCK_STREAM, 80);
 		socket_address server(ap.server_address, 80);
@@ -641,7 +641,7 @@ TEST(nft_packet, reset_ends_an_established_connection)
 
 TEST(nft_packet, redirected_connection_reaches_the_portal)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		owned_fd portal = bound_socket(SOCK_STREAM, socket_address("0.0.0.0", 8080));
 		owned_fd web = ap.socket_at_server(SOCK_STREAM, 80),
@@ -685,7 +685,7 @@ TEST(nft_packet, redirected_connection_reaches_the_portal)
 
 TEST(nft_packet, masqueraded_client_has_the_access_points_address)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		owned_fd receiver = ap.socket_at_server(SOCK_DGRAM, 1000);
 		owned_fd client = ap.socket_at(ap.phone, 1000);
@@ -752,7 +752,7 @@ owned_fd roomy_receiver(const access_point &ap)
 
 TEST(nft_packet, everything_under_the_byte_rate_passes)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		owned_fd receiver = roomy_receiver(ap);
 		transaction change;
@@ -766,7 +766,7 @@ TEST(nft_packet, everything_under_the_byte_rate_passes)
 
 TEST(nft_packet, what_is_over_the_byte_rate_is_dropped)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		owned_fd receiver = roomy_receiver(ap);
 		transaction change;
@@ -786,7 +786,7 @@ TEST(nft_packet, what_is_over_the_byte_rate_is_dropped)
 
 TEST(nft_packet, without_a_burst_the_bytes_of_a_second_pass_at_once)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		owned_fd receiver = roomy_receiver(ap);
 		transaction change;
@@ -800,7 +800,7 @@ TEST(nft_packet, without_a_burst_the_bytes_of_a_second_pass_at_once)
 
 TEST(nft_packet, each_client_has_a_byte_rate_of_its_own)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		owned_fd receiver = roomy_receiver(ap);
 		owned_set set = make_set(inet, NFT_SET_EVAL | NFT_SET_TIMEOUT, type_ether);
@@ -830,7 +830,7 @@ TEST(nft_packet, each_client_has_a_byte_rate_of_its_own)
 
 TEST(nft_packet, element_that_a_packet_added_goes_when_its_time_is_out)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		owned_fd receiver = roomy_receiver(ap);
 		owned_set set = make_set(inet, NFT_SET_EVAL | NFT_SET_TIMEOUT, type_ether);
@@ -890,7 +890,7 @@ public:
 
 TEST(nft_packet, logged_packet_reaches_the_group)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		owned_fd receiver = ap.socket_at_server(SOCK_DGRAM, 1000);
 		log_listener seventh(7);
@@ -929,7 +929,7 @@ std::string frame_with(const owned_fd &fd, const std::string &text)
 
 TEST(nft_packet, frame_goes_where_its_overwritten_address_says)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap(access_point::bridging);
 		owned_fd receiver = ap.socket_at_server(SOCK_DGRAM, 1000);
 		EXPECT_TRUE(ap.passes(ap.phone, receiver, 1000));
@@ -953,7 +953,7 @@ TEST(nft_packet, frame_goes_where_its_overwritten_address_says)
 
 TEST(nft_packet, ports_and_types_choose_packets)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		owned_fd receiver = ap.socket_at_server(SOCK_DGRAM, 1000);
 		EXPECT_TRUE(ap.passes(ap.phone, receiver, 1000));
@@ -978,7 +978,7 @@ TEST(nft_packet, ports_and_types_choose_packets)
 // A rule that the kernel refuses leaves what was there at work.
 TEST(nft_packet, refused_transaction_leaves_the_rules_at_work)
 {
-	in_private_network([] {
+	in_nft_network([] {
 		access_point ap;
 		owned_fd receiver = ap.socket_at_server(SOCK_DGRAM, 1000);
 		drop_by_set(inet, NF_INET_FORWARD);

@@ -14,6 +14,7 @@
 #include <memory>
 
 #include "lib/nft.h"
+#include "tests/nft_stubs.h"
 #include "tests/support.h"
 
 namespace nft_support
@@ -36,6 +37,13 @@ inline std::string refusal_of(const std::string &family, const std::string &comm
 	});
 	EXPECT_FALSE(result.exited_with(2)) << "no namespaces";
 	return result.exited_with(0) ? std::string() : "nft: " + result.out + result.err;
+}
+
+// Runs `body` with its expectations in a child with namespaces of its own, and changes rulesets there.
+inline void in_nft_network(const std::function<void()> &body)
+{
+	skip_if_emulated(no_netfilter);
+	in_private_network(body);
 }
 
 // ---- JSON ----

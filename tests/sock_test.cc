@@ -112,21 +112,6 @@ timeval send_timeout(int fd)
 	return value;
 }
 
-// A listener that answers no further connection: its queue is full.
-struct full_listener {
-	loopback_listener listener{0};
-	std::vector<owned_fd> waiting;
-
-	full_listener()
-	{
-		sockaddr_in name = loopback_address(listener.port);
-		for (int count = 0; count < 4; ++count) {
-			waiting.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-			connect(waiting.back().get(), reinterpret_cast<sockaddr *>(&name), sizeof(name));
-		}
-	}
-};
-
 // Only in a private mount namespace: /etc has these files and one more, by which a name in hosts may have
 // several addresses, and no others.
 bool replace_etc(const std::vector<std::pair<std::string, std::string>> &files)
@@ -203,6 +188,7 @@ TEST_F(sock_listen_test, takes_the_port_asked_for)
 
 TEST_F(sock_listen_test, hands_the_backlog_to_the_kernel)
 {
+	skip_if_emulated("the emulator passes only the first bytes of TCP_INFO on");
 	for (int backlog : {1, 7, 100}) {
 		test_sock s;
 		ASSERT_EQ(s.listen_at("127.0.0.1", "0", backlog), 0);

@@ -38,11 +38,31 @@
 // Of LeakSanitizer; null where it is not linked.
 extern "C" int __lsan_do_recoverable_leak_check() __attribute__((weak));
 
+// In a test, not in what it calls: where a program for another machine is emulated, the test ends here and is
+// reported as skipped for that reason. For what the emulator cannot do, although the machine can.
+#define skip_if_emulated(reason)                                                                             \
+	if (support::is_emulated)                                                                            \
+	GTEST_SKIP() << (reason)
+
+// The same on machines with addresses of 32 bits, emulated or not.
+#define skip_on_32_bit(reason)                                                                               \
+	if (sizeof(void *) == 4)                                                                             \
+	GTEST_SKIP() << (reason)
+
 namespace support
 {
 
-// Long enough for a noisy machine under sanitizers; a test that gets here has failed.
-inline constexpr int deadline_ms = 30'000;
+// Whether an emulator runs this program, on another machine's kernel.
+#ifdef APBASE_EMULATED
+inline constexpr bool is_emulated = true;
+#else
+inline constexpr bool is_emulated = false;
+#endif
+
+inline constexpr char no_netfilter[] = "the emulator opens no sockets of netfilter";
+
+// Long enough for a noisy machine under sanitizers or an emulator; a test that gets here has failed.
+inline constexpr int deadline_ms = is_emulated ? 90'000 : 30'000;
 
 inline int64_t now_ms()
 {
@@ -398,6 +418,21 @@ struct loopback_listener {
 	}
 };
 
+// A listener that answers no further connection: its queue is full.
+struct full_listener {
+	loopback_listener listener{0};
+	std::vector<owned_fd> waiting;
+
+	full_listener()
+	{
+		sockaddr_in name = loopback_address(listener.port);
+		for (int count = 0; count < 4; ++count) {
+			waiting.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+			connect(waiting.back().get(), reinterpret_cast<sockaddr *>(&name), sizeof(name));
+		}
+	}
+};
+
 // A blocking socket connected to `port` of 127.0.0.1; -1 inside on failure.
 inline owned_fd connect_to(uint16_t port, uint32_t address = INADDR_LOOPBACK)
 {
@@ -429,6 +464,14 @@ struct child_result {
 		return "wait status " + std::to_string(status) + "\nstdout:\n" + out + "\nstderr:\n" + err;
 	}
 };
+
+// The emulator adds a line of its own to what a program that a signal ends has written.
+inline void drop_emulators_line(std::string *text)
+{
+	size_t at = text->rfind("qemu: uncaught target signal ");
+	if (is_emulated && at != std::string::npos)
+		text->erase(at, text->find('\n', at) - at + 1);
+}
 
 // Runs `body` in a forked child with stdout and stderr collected; for what changes the state of a whole
 // process (limits, namespaces, logging) or ends it. It exits with 0, or with 1 if an expectation failed in
@@ -475,6 +518,8 @@ inline child_result run_child(const std::function<void()> &body)
 	}
 	while (waitpid(pid, &result.status, 0) < 0 && errno == EINTR)
 		;
+	if (WIFSIGNALED(result.status))
+		drop_emulators_line(&result.err);
 	return result;
 }
 

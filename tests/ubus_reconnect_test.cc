@@ -147,6 +147,13 @@ void make_due(evloop_timeout *timer)
 	evloop_timeout_add(timer);
 }
 
+// Keeps the delay from passing by itself while something else takes long.
+void put_off(evloop_timeout *timer)
+{
+	EXPECT_EQ(evloop_timeout_cancel(timer), 0);
+	evloop_timeout_set(timer, 100 * deadline_ms);
+}
+
 // Makes the delay pass and the loop notice.
 void let_pass(evloop_timeout *timer)
 {
@@ -2240,6 +2247,7 @@ TEST_F(ubus_reconnect, bus_that_starts_later_is_joined)
 	retry request{&ctx};
 	EXPECT_EQ(request.invoke(), -EBUSY);
 	EXPECT_EQ(request.state(), "waiting");
+	put_off(&request.retry_timer);
 
 	bus->start();
 	auto server = serve();
@@ -2282,6 +2290,7 @@ TEST_F(ubus_reconnect, failed_reconnects_leave_waiting_requests_waiting)
 		EXPECT_EQ(request.state(), "waiting");
 		EXPECT_EQ(take_log(), missing);
 	}
+	put_off(&request.retry_timer);
 	server->answer(0);
 	bring_bus_back(*server);
 	let_pass(&request.retry_timer);
@@ -2306,6 +2315,8 @@ TEST_F(ubus_reconnect, thousand_requests_in_flight_survive_the_death_of_the_bus)
 		EXPECT_NE(log.find("ubus_retry_req owner." + std::string(request->method) +
 				   ": can't lookup object\n"),
 			std::string::npos);
+	for (auto &request : crowd)
+		put_off(&request->retry_timer);
 
 	server->answer(0);
 	bring_bus_back(*server);
@@ -2483,6 +2494,8 @@ TEST_F(ubus_reconnect, thousands_of_calls_over_many_restarts_take_no_memory_and_
 		lose_bus();
 		EXPECT_EQ(count_in_state(crowd, "waiting"), crowd_count);
 		take_log();
+		for (auto &request : crowd)
+			put_off(&request->retry_timer);
 		bring_bus_back(*server);
 		server->answer(0);
 		for (auto &request : crowd)
