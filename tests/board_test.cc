@@ -1,5 +1,6 @@
 // The board that is built in: what its description says, its LEDs attribute by attribute, and the calibration
 // data that its start-up work copies from flash.
+#include <dlfcn.h>
 #include <sys/mman.h>
 #include <sys/sysmacros.h>
 
@@ -81,12 +82,24 @@ TEST(board, is_described_in_memory_that_cannot_be_written_to)
 	EXPECT_EQ(found, 1);
 }
 
+void expect_described_in_a_copy(const std::string &library)
+{
+	void *copy = dlmopen(LM_ID_NEWLM, library.c_str(), RTLD_NOW);
+	ASSERT_NE(copy, nullptr) << dlerror();
+	auto id_of_copy = reinterpret_cast<const char *(*)()>(dlsym(copy, "dev_id"));
+	ASSERT_NE(id_of_copy, nullptr);
+	EXPECT_STREQ(id_of_copy(), "unifiacpro");
+	EXPECT_NE(id_of_copy(), dev_id());
+	dlclose(copy);
+}
+
 TEST(board, is_there_when_the_library_is_loaded_later)
 {
-	skip_if_emulated("python3 is this machine's, and loads no library of another");
 	const char *script = "import ctypes, sys; id = ctypes.CDLL(sys.argv[1]).dev_id;"
 			     "id.restype = ctypes.c_char_p; print(id().decode())";
 	const std::string library = file_mapped_at(dev_id());
+	if (is_emulated) // where python3 is another machine's; what loads a copy here, sanitizers do not cope with
+		return expect_described_in_a_copy(library);
 	child_result result = run_child([&] {
 		for (const mapping &each : mappings()) // what a sanitized library needs before anything else
 			if (each.path.find("/libasan.so") != std::string::npos)

@@ -19,7 +19,7 @@ import time
 import unittest
 
 PROGRAMS = {}  # name to path, from the command line
-EMULATOR = os.environ.get("EMULATOR")  # what the programs run with if they are another machine's
+EMULATOR = os.environ.get("APBASE_EMULATOR")  # what the programs run with if they are another machine's
 PATIENCE_S = 60  # far more than anything takes here; reaching it fails a test
 NO_BUS = "/nonexistent/bus"  # of daemons that a test wants to be left alone
 

@@ -4,7 +4,7 @@ Runs a command where programs of another machine start like this machine's: the 
 
 Usage: emulated.py LITTLE_ENDIAN|BIG_ENDIAN COMMAND [ARGUMENT...]
 
-The programs are 32-bit MIPS's, of that byte order. In the environment, EMULATOR is the path of qemu for that, and
+The programs are 32-bit MIPS's, of that byte order. In the environment, APBASE_EMULATOR is the path of qemu for that, and
 QEMU_LD_PREFIX the folder of its libraries. Exits with 77 where the kernel can do this only for everybody (before
 Linux 6.7), or not at all. Run it as root.
 """
@@ -74,14 +74,14 @@ def have_own_namespaces():
 def main():
     if len(sys.argv) < 3:
         sys.exit(__doc__)
-    emulator, big_endian = os.environ["EMULATOR"], sys.argv[1] == "BIG_ENDIAN"
+    emulator, big_endian = os.environ["APBASE_EMULATOR"], sys.argv[1] == "BIG_ENDIAN"
     if not os.path.exists(emulator):
         sys.exit(f"emulated.py: there is no {emulator}; install qemu-user")
     try:
         have_own_namespaces()
         check(libc.mount(b"binfmt_misc", BINFMT_MISC.encode(), b"binfmt_misc", 0, None))
     except OSError as error:
-        print(f"skipped: the kernel has no binfmt_misc for one user namespace alone: {error}")
+        print(f"skipped: this machine has no binfmt_misc for one user namespace alone: {error}")
         sys.exit(SKIPPED)
     with open(f"{BINFMT_MISC}/register", "w") as register:
         register.write(handed_over(emulator, big_endian))

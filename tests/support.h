@@ -38,8 +38,9 @@
 // Of LeakSanitizer; null where it is not linked.
 extern "C" int __lsan_do_recoverable_leak_check() __attribute__((weak));
 
-// In a test, not in what it calls: where a program for another machine is emulated, the test ends here and is
-// reported as skipped for that reason. For what the emulator cannot do, although the machine can.
+// Where a program for another machine is emulated, the test is reported as skipped for that reason. Ends the function
+// it stands in: a test, or a helper that returns nothing, behind which the test goes on. For what the emulator cannot
+// do, although the machine can.
 #define skip_if_emulated(reason)                                                                             \
 	if (support::is_emulated)                                                                            \
 	GTEST_SKIP() << (reason)
