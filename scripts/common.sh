@@ -1,9 +1,10 @@
-# Sourced by demo, test and bench: the packages of each, and how they report to whoever runs them.
+# Sourced by the other scripts: the packages of each, and how they report to whoever runs them.
 
 packages_build="g++ cmake ninja-build pkg-config libjansson-dev libnftnl-dev libmnl-dev libmbedtls-dev"
 packages_demo="$packages_build curl nftables iproute2 busybox-static"
-packages_test="$packages_build libgtest-dev libgmock-dev curl python3 clang-format-14 clang-tidy-14
+packages_test="$packages_build libgtest-dev libgmock-dev make dpkg-dev curl python3 clang-format-14 clang-tidy-14
 	g++-mips-linux-gnu g++-mipsel-linux-gnu nftables iproute2 busybox-static chromium chromium-driver"
+packages_target="qemu-user qemu-system-mips curl wrk python3"
 packages_bench="$packages_build python3 libbenchmark-dev libevent-dev libglib2.0-dev nginx-light wrk valgrind strace
 	nftables"
 
@@ -26,10 +27,14 @@ say()
 # quietly <log name> <command>...: runs a step whose output matters only if it fails.
 quietly()
 {
-	local log=$log_folder/$1.log
+	local log=$log_folder/$1.log status
 	shift
 	mkdir -p "$log_folder"
-	if ! "$@" </dev/null >"$log" 2>&1; then
+	set +e # a condition would have a function go on behind what has failed in it
+	(set -e; "$@") </dev/null >"$log" 2>&1
+	status=$?
+	set -e
+	if [ $status -ne 0 ]; then
 		tail -n 40 "$log" >&2
 		die "failed: $* (all of its output: $log)"
 	fi
@@ -58,13 +63,13 @@ install_packages()
 		-o Dpkg::Use-Pty=0 "${missing[@]}" </dev/null || die "apt-get could not install ${missing[*]}"
 }
 
-# build_preset <preset> <folder> <target> [cmake option]...: configures, and builds with progress shown.
+# build_preset <preset> <folder> <targets> [cmake option]...: configures, and builds with progress shown.
 build_preset()
 {
-	local preset=$1 folder=$2 target=$3
+	local preset=$1 folder=$2 targets=$3
 	shift 3
 	say "Configuring $folder"
 	quietly "configure-$preset" cmake --preset "$preset" -B "$folder" "$@"
 	say "Building $folder"
-	cmake --build "$folder" --target "$target" </dev/null || die "$folder does not build"
+	cmake --build "$folder" --target $targets </dev/null || die "$folder does not build"
 }
