@@ -100,14 +100,19 @@ def libraries_of(*command):
     return re.findall(r"^\s*(?:\S+ => )?(/\S+) \(", lines, re.MULTILINE)
 
 
+def place_of(library):
+    """Where it is in the tree: not where our own was built, which what is mounted there may hide."""
+    return library if re.match(r"/(usr/)?lib", library) else "/lib/" + os.path.basename(library)
+
+
 def libraries_to_have():
     """What APINIT needs in its tree: place to file."""
     if not EMULATOR:
-        return {path: path for path in libraries_of("ldd", APINIT)}
-    needed = {path: path for path in libraries_of("ldd", EMULATOR)}
+        return {place_of(path): path for path in libraries_of("ldd", APINIT)}
+    needed = {place_of(path): path for path in libraries_of("ldd", EMULATOR)}
     for path in libraries_of(EMULATOR, "-E", "LD_TRACE_LOADED_OBJECTS=1", APINIT):
         inside = LIBRARY_ROOT + path
-        needed[path] = inside if os.path.exists(inside) else path
+        needed[place_of(path)] = inside if os.path.exists(inside) else path
     return needed
 
 
