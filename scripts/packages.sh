@@ -87,6 +87,19 @@ unpack_packages()
 	merge_into_usr "$folder" lib
 }
 
+# fetch_packages <folder> <package>...: unpacked into that folder, which is made anew.
+fetch_packages()
+{
+	local folder=$1 packages=$apt/packages
+	shift
+	rm -rf "$folder" "$packages"
+	mkdir -p "$folder" "$packages"
+	(cd "$packages" && fetch download "$@")
+	say "Unpacking them into ${folder#"$PWD/"}"
+	unpack_packages "$folder" "$packages"/*.deb
+	rm -r "$packages"
+}
+
 # merge_into_usr <folder> <name>...: /<name> leads to /usr/<name>, as on every machine with Debian 12.
 merge_into_usr()
 {
