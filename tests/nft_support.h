@@ -14,7 +14,6 @@
 #include <memory>
 
 #include "lib/nft.h"
-#include "tests/nft_stubs.h"
 #include "tests/support.h"
 
 namespace nft_support

@@ -26,7 +26,6 @@
 
 #include "lib/log.h"
 #include "tests/memory.h"
-#include "tests/nft_stubs.h"
 #include "tests/support.h"
 #include "tests/syslog_messages.h"
 
