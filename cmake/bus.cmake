@@ -1,8 +1,8 @@
 # The message bus: libubox and libubus as the device has them, or, on a machine that has neither, the stand-in in
 # host/, which is built here and never installed. The code of the library is the same either way.
 #
-# Defines apbase_bus, what links to the two; APBASE_BUS_INCLUDE_DIRS; and the programs APBASE_UBUSD and
-# APBASE_UBUS, empty where the system has none.
+# Defines apbase_bus, what links to the two; APBASE_BUS_INCLUDE_DIRS and APBASE_BUS_LIBRARY_DIR; and the programs
+# APBASE_UBUSD and APBASE_UBUS, empty where the system has none.
 
 find_path(APBASE_UBUS_INCLUDE_DIR libubus.h)
 find_path(APBASE_UBOX_INCLUDE_DIR libubox/blobmsg.h)
@@ -31,6 +31,7 @@ if(APBASE_BUS STREQUAL system)
 	list(REMOVE_DUPLICATES APBASE_BUS_INCLUDE_DIRS)
 	# Named as a folder of its own, the compiler's own would no longer be found in its place.
 	list(REMOVE_ITEM APBASE_BUS_INCLUDE_DIRS ${CMAKE_C_IMPLICIT_INCLUDE_DIRECTORIES})
+	cmake_path(GET APBASE_UBUS_LIBRARY PARENT_PATH APBASE_BUS_LIBRARY_DIR)
 	target_link_libraries(apbase_bus INTERFACE ${APBASE_UBUS_LIBRARY} ${APBASE_UBOX_LIBRARY})
 	find_program(APBASE_UBUSD ubusd)
 	find_program(APBASE_UBUS ubus)
@@ -38,6 +39,7 @@ if(APBASE_BUS STREQUAL system)
 elseif(APBASE_BUS STREQUAL host)
 	set(APBASE_BUS_INCLUDE_DIRS ${PROJECT_SOURCE_DIR}/host/include)
 	add_subdirectory(host)
+	set(APBASE_BUS_LIBRARY_DIR $<TARGET_FILE_DIR:ubus>)
 	target_link_libraries(apbase_bus INTERFACE ubus ubox)
 	set(APBASE_UBUSD $<TARGET_FILE:ubusd>)
 	set(APBASE_UBUS $<TARGET_FILE:ubus-cli>)
