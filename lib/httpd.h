@@ -73,6 +73,28 @@ extern "C" {
 #define HTTPD_STATE_DISPATCH     4
 #define HTTPD_STATE_DONE         5
 
+/*
+ * What clients do that surprises a handler. examples/common/guard.h and http.h do what is advised here.
+ *
+ * - Node's fetch, HAProxy and other gateways from HTTP/2 write header names in lower case. "content-length" is then
+ *   a header like any other: `body_len` is 0, and the body is parsed as the next request, which may be one that an
+ *   attacker wrote. Refuse a request with that name in any other spelling: answer 400 and return 0; what follows is
+ *   then never parsed. Compare other names regardless of case.
+ * - A chunked body is announced by "Transfer-Encoding". The server does not decode it, so the same holds. A header name
+ *   with white space or a control character in it may be a way to get either past a proxy: refuse it as well.
+ * - HEAD is HTTPD_METHOD_OTHER; the request line begins at `head_end` - `head_len`. Answer as for GET, but write no
+ *   body: a client would take it for the next answer. httpd_fail writes one; return 0 after it.
+ * - "Expect: 100-continue" waits for an interim answer, which the server does not send. The handler is called once the
+ *   body has arrived; most clients send it after a second, and at once if told not to use that header.
+ * - A half-closed peer, which sends no more but still reads, gets the answers to all it has sent, deferred ones
+ *   included; then the connection ends.
+ * - A proxy sends requests of many users over one connection. An answer has exactly the bytes that its
+ *   "Content-Length" says, the handler keeps nothing of one request for the next, and an answer that ends the
+ *   connection has "Connection: close", or the proxy may send it the next user's request meanwhile.
+ * - A browser sends requests for any page that it shows. Before a request changes anything, compare its "Host" with
+ *   the names that the daemon is reached by, and its "Origin", if there is one, with that "Host".
+ */
+
 struct httpd_conn;
 
 /*
