@@ -589,7 +589,7 @@ class Announcing(BusTest):
 
 class Leds(BusTest):
     def push(self, apctl, body):
-        request = f"POST /led HTTP/1.1\r\nContent-Length: {len(body)}\r\n\r\n".encode() + body
+        request = f"POST /led HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: {len(body)}\r\n\r\n".encode() + body
         with apctl.connect() as client:
             return client.ask(request)
 

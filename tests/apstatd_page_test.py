@@ -32,7 +32,8 @@ class Browser:
     which ends as a whole, however this process ends.
     """
 
-    def __init__(self):
+    def __init__(self, *options):
+        self.options = options  # of Chromium, besides those that it always gets
         self.folder = tempfile.TemporaryDirectory()
         self.driver = subprocess.Popen(
             ["unshare", "--pid", "--fork", "--kill-child", "--mount-proc", "chromedriver", "--port=0"],
@@ -60,7 +61,7 @@ class Browser:
 
     def _capabilities(self):
         arguments = ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage"]
-        arguments += ["--no-first-run", f"--user-data-dir={self.folder.name}/profile"]
+        arguments += ["--no-first-run", f"--user-data-dir={self.folder.name}/profile", *self.options]
         wanted = {"goog:chromeOptions": {"args": arguments}, "goog:loggingPrefs": {"browser": "ALL"}}
         return {"capabilities": {"alwaysMatch": wanted}}
 
@@ -70,6 +71,8 @@ class Browser:
             os.kill(driver, signal.SIGKILL)
         self.driver.wait(PATIENCE_S)
         self.driver.stdout.close()
+        if self.session:
+            self.connection.close()
         self.folder.cleanup()
 
     def call(self, method, path, parameters=None):
@@ -226,7 +229,7 @@ class Desktop(PageTest):
 
     def test_dome_follows_what_others_set(self):
         with self.daemon.connect() as client:
-            client.ask(b"POST /led?state=5 HTTP/1.1\r\n\r\n")
+            client.ask(b"POST /led?state=5 HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n")
         self.wait_for_dome(BLUE, "blink", "1s")
         self.assertEqual(self.pressed(), ["Blue blink"])
 

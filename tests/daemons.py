@@ -206,12 +206,14 @@ class Client:
             raise EOFError(f"the connection ended within an answer: {self.received!r}")
         self.received += data
 
-    def read(self):
+    def read(self, has_body=True):
         while b"\r\n\r\n" not in self.received:
             self._receive()
         head_length = self.received.index(b"\r\n\r\n") + 4
         head = self.received[:head_length]
-        length = head_length + int(re.search(rb"\r\nContent-Length: ([0-9]+)\r\n", head)[1])
+        length = head_length
+        if has_body:
+            length += int(re.search(rb"(?i)\r\nContent-Length: ([0-9]+)\r\n", head)[1])
         while len(self.received) < length:
             self._receive()
         answer = Answer(head, self.received[head_length:length])

@@ -281,7 +281,7 @@ static const struct route routes[] = {
 
 static int32_t handle_request(struct httpd_conn *conn)
 {
-	return answer_by_route(conn, routes, sizeof routes / sizeof routes[0]);
+	return answer_by_route(conn, routes, sizeof routes / sizeof routes[0], apctl_of(conn)->daemon.host);
 }
 
 /* ---- Start and stop ---- */
@@ -310,7 +310,8 @@ static int apctl_run(const struct daemon_options *options)
 }
 
 static const char usage[] =
-	"Usage: apctl [--address ADDRESS] [--port PORT] [--bus SOCKET]\n"
+	"Usage: apctl [--address ADDRESS] [--port PORT] [--host HOST]\n"
+	"             [--bus SOCKET]\n"
 	"\n"
 	"Looks after the access points that announce themselves on the message bus, until SIGTERM or\n"
 	"SIGINT.\n"
@@ -318,6 +319,8 @@ static const char usage[] =
 	"  --address ADDRESS  IPv4 address or host name to listen on (127.0.0.1);\n"
 	"                     0.0.0.0 is every address of this machine\n"
 	"  --port PORT        port to listen on, 0 to 65535 (8081); 0 takes a free one\n"
+	"  --host HOST        a name that browsers reach it by, besides its address: requests\n"
+	"                     that change something are refused if they name another host\n"
 	"  --bus SOCKET       the bus to join when there is one (the system's)\n"
 	"  --help             print this text\n"
 	"\n"

@@ -38,6 +38,7 @@
 #include "examples/apstatd/page.h"
 #include "examples/common/board.h"
 #include "examples/common/daemon.h"
+#include "examples/common/guard.h"
 #include "examples/common/http.h"
 #include "examples/common/message.h"
 #include "lib/device.h"
@@ -318,7 +319,7 @@ static int32_t get_bus(struct httpd_conn *conn)
 /* Any bytes come back as they are; so does their type, but for white space, which the server tidies up. */
 static int32_t post_echo(struct httpd_conn *conn)
 {
-	const char *content_type = httpd_header_table_get(conn, "Content-Type");
+	const char *content_type = header_get(conn, "Content-Type");
 	buffer_write(conn->res_body, conn->body, conn->body_len);
 	return answer_body(conn, content_type ? content_type : "application/octet-stream");
 }
@@ -465,7 +466,7 @@ static const struct route routes[] = {
 static int32_t handle_request(struct httpd_conn *conn)
 {
 	apstatd_of(conn)->requests++;
-	return answer_by_route(conn, routes, sizeof routes / sizeof routes[0]);
+	return answer_by_route(conn, routes, sizeof routes / sizeof routes[0], apstatd_of(conn)->daemon.host);
 }
 
 /* ---- The object on the bus ---- */
@@ -648,13 +649,16 @@ static int apstatd_run(const struct daemon_options *options)
 }
 
 static const char usage[] =
-	"Usage: apstatd [--address ADDRESS] [--port PORT] [--bus SOCKET] [--name NAME]\n"
+	"Usage: apstatd [--address ADDRESS] [--port PORT] [--host HOST]\n"
+	"               [--bus SOCKET] [--name NAME]\n"
 	"\n"
 	"Serves its own status over HTTP and on the message bus until SIGTERM or SIGINT.\n"
 	"\n"
 	"  --address ADDRESS  IPv4 address or host name to listen on (127.0.0.1);\n"
 	"                     0.0.0.0 is every address of this machine\n"
 	"  --port PORT        port to listen on, 0 to 65535 (8080); 0 takes a free one\n"
+	"  --host HOST        a name that browsers reach it by, besides its address: requests\n"
+	"                     that change something are refused if they name another host\n"
 	"  --bus SOCKET       the bus to join when there is one (the system's)\n"
 	"  --name NAME        be the object apstat.NAME on the bus (apstat)\n"
 	"  --help             print this text\n"

@@ -6,6 +6,7 @@ add_library(example_common STATIC
 	${CMAKE_CURRENT_LIST_DIR}/board.c
 	${CMAKE_CURRENT_LIST_DIR}/bus.c
 	${CMAKE_CURRENT_LIST_DIR}/daemon.c
+	${CMAKE_CURRENT_LIST_DIR}/guard.c
 	${CMAKE_CURRENT_LIST_DIR}/http.c
 	${CMAKE_CURRENT_LIST_DIR}/message.c)
 target_compile_features(example_common PUBLIC c_std_11)

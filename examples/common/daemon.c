@@ -69,6 +69,11 @@ static int option_set(struct daemon_options *options, int option, const char *va
 		if (parse_number(value, UINT16_MAX, &options->port))
 			return usage_error(options, "bad port", value, ": not a number from 0 to 65535");
 		return DAEMON_RUN;
+	case 'o':
+		if (!*value || strchr(value, ':') || !http_check_host_port(value))
+			return usage_error(options, "bad host", value, ": a name without a port is wanted");
+		options->host = value;
+		return DAEMON_RUN;
 	case 'b':
 		if (strlen(value) >= sizeof((struct sockaddr_un *)NULL)->sun_path)
 			return usage_error(options, "bad bus", value, ": too long for the path of a socket");
@@ -91,6 +96,7 @@ int daemon_options_parse(struct daemon_options *options, int argc, char **argv)
 	const struct option known[] = {
 		{"address", required_argument, NULL, 'a'},
 		{"port", required_argument, NULL, 'p'},
+		{"host", required_argument, NULL, 'o'},
 		{"bus", required_argument, NULL, 'b'},
 		{"help", no_argument, NULL, 'h'},
 		{options->name ? "name" : NULL, required_argument, NULL, 'n'},
@@ -191,6 +197,7 @@ int daemon_start(struct daemon *daemon, const struct daemon_options *options, ht
 	const char *program = options->program;
 	const char *address = options->address ? options->address : "127.0.0.1";
 
+	daemon->host = options->host;
 	httpd_ctx_init(&daemon->http, handler);
 	if (evloop_init()) {
 		fprintf(stderr, "%s: cannot set up the event loop: %s\n", program, strerror(errno));

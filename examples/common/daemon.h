@@ -26,6 +26,7 @@ struct daemon_options {
 	const char *usage;
 	const char *address; /* null: 127.0.0.1 */
 	int port;            /* 0: a free one */
+	const char *host;    /* a name that HTTP clients know us by; null: our address only */
 	const char *bus;     /* the bus's socket; null: where libubus looks by itself */
 	const char *name;    /* null: --name is no option of this program */
 };
@@ -36,6 +37,7 @@ int daemon_options_parse(struct daemon_options *options, int argc, char **argv);
 /* A running daemon, part of the record that owns all there is; start from zero bytes, set `bus.joined`. */
 struct daemon {
 	char url[URL_SIZE]; /* of the HTTP server, with the port that it has got */
+	const char *host;   /* as in the options */
 	struct httpd_ctx http;
 	struct sock listener;
 	struct evloop_io signals; /* a signalfd */

@@ -3,30 +3,36 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "examples/common/guard.h"
+
 void put_text(struct buffer *buffer, const char *text)
 {
 	buffer_write(buffer, text, (int32_t)strlen(text));
 }
 
-int32_t answer_error(struct httpd_conn *conn, int code)
+/* The server knows it as a method like any other; the request line says more. */
+static bool is_head(const struct httpd_conn *conn)
 {
-	httpd_fail(conn, conn->version, code);
-	return conn->method != HTTPD_METHOD_OTHER;
+	static const char method[] = "HEAD ";
+	return memcmp(conn->head_end - conn->head_len, method, sizeof method - 1) == 0;
 }
 
 /*
+ * Sends the body that was composed, after its head; for HEAD, where a body would be taken for the next answer, the
+ * head alone.
+ *
  * What formats into a buffer only fills the space that is free. It comes first, while the head has the
  * 512 bytes it starts with. The type, which may be a peer's text of any length, is appended.
  */
-int32_t answer_body(struct httpd_conn *conn, const char *content_type)
+static void answer(struct httpd_conn *conn, int code, const char *content_type, bool keep)
 {
 	struct buffer *head = conn->res_head;
 	struct buffer *body = conn->res_body;
 
-	http_res_put_status_line(head, conn->version, 200, http_code_to_string(200));
+	http_res_put_status_line(head, conn->version, code, http_code_to_string(code));
 	httpd_common_headers(conn);
 	http_res_put_header(head, "Content-Length", "%d", (int)buffer_length(body));
-	if (conn->close_requested)
+	if (!keep)
 		put_text(head, "Connection: close\r\n");
 	put_text(head, "X-Content-Type-Options: nosniff\r\n"
 		       "Content-Type: ");
@@ -34,8 +40,44 @@ int32_t answer_body(struct httpd_conn *conn, const char *content_type)
 	put_text(head, "\r\n\r\n");
 
 	stream_write(&conn->stream, head->data, (uint32_t)head->length);
-	stream_write(&conn->stream, body->data, (uint32_t)body->length);
+	if (!is_head(conn))
+		stream_write(&conn->stream, body->data, (uint32_t)body->length);
 	httpd_res_buffers_reset(conn);
+}
+
+int32_t answer_body(struct httpd_conn *conn, const char *content_type)
+{
+	answer(conn, 200, content_type, !conn->close_requested);
+	return 1;
+}
+
+/* A refusal, with its reason as a text. */
+static void answer_why(struct httpd_conn *conn, int code, const char *reason, bool keep)
+{
+	httpd_res_buffers_reset(conn);
+	put_text(conn->res_body, reason);
+	answer(conn, code, "text/plain; charset=utf-8", keep);
+}
+
+/* The page for HEAD, less the page, and less its length. */
+static void answer_error_head(struct httpd_conn *conn, int code)
+{
+	struct buffer *head = conn->res_head;
+
+	httpd_res_buffers_reset(conn);
+	http_res_put_status_line(head, conn->version, code, http_code_to_string(code));
+	httpd_common_headers(conn);
+	put_text(head, "\r\n");
+	stream_write(&conn->stream, head->data, (uint32_t)head->length);
+	httpd_res_buffers_reset(conn);
+}
+
+int32_t answer_error(struct httpd_conn *conn, int code)
+{
+	if (is_head(conn))
+		answer_error_head(conn, code);
+	else
+		httpd_fail(conn, conn->version, code);
 	return 1;
 }
 
@@ -62,15 +104,32 @@ static int path_is(const struct httpd_conn *conn, const char *path)
 	return (size_t)conn->path_len == strlen(path) && memcmp(conn->path, path, strlen(path)) == 0;
 }
 
-int32_t answer_by_route(struct httpd_conn *conn, const struct route *routes, size_t count)
+int32_t answer_by_route(
+	struct httpd_conn *conn, const struct route *routes, size_t count, const char *host_name)
 {
 	const struct route *route = routes;
 
+	if (!guard_knows_length(conn)) {
+		answer_why(conn, 400,
+			"The length of a body is understood from \"Content-Length\" only, "
+			"in this spelling of case.\n",
+			false);
+		return 0;
+	}
+	if (is_head(conn)) /* what GET would answer; parameters are looked up for GET */
+		conn->method = HTTPD_METHOD_GET;
 	while (route < routes + count && !path_is(conn, route->path))
 		route++;
 	if (route == routes + count)
 		return answer_error(conn, 404);
 	if (conn->method != route->method)
 		return answer_error(conn, 405);
+	if (route->method != HTTPD_METHOD_GET && !guard_is_ours(conn, host_name)) {
+		answer_why(conn, 403,
+			"Only a request to this host, and from no page of another, "
+			"may change anything here.\n",
+			!conn->close_requested);
+		return 1;
+	}
 	return route->answer(conn);
 }

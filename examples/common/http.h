@@ -16,16 +16,21 @@ struct route {
 	int32_t (*answer)(struct httpd_conn *conn);
 };
 
-/* Has the route of this path and method answer; 404 where there is no such path, 405 for another method. */
-int32_t answer_by_route(struct httpd_conn *conn, const struct route *routes, size_t count);
-
 /*
- * Sends an error page instead of whatever was composed. The page would be taken for the next answer by
- * whoever asked with HEAD, so only the two methods that are understood keep their connection.
+ * Has the route of this path and method answer; 404 where there is no such path, 405 for another method. HEAD is
+ * answered as GET is, without the body.
+ *
+ * Refused before that (guard.h): 400, and the connection is closed, if the end of the body is not known; 403 if the
+ * method may change something and the request is not meant for us. `host_name` is a name that we are reached by,
+ * null if there is none but our address.
  */
+int32_t answer_by_route(
+	struct httpd_conn *conn, const struct route *routes, size_t count, const char *host_name);
+
+/* Sends an error page instead of whatever was composed. */
 int32_t answer_error(struct httpd_conn *conn, int code);
 
-/* Sends the body that was composed in `res_body`, behind a head. */
+/* Sends the body that was composed in `res_body`, after a head. */
 int32_t answer_body(struct httpd_conn *conn, const char *content_type);
 
 /* Sends `json`, and drops the reference to it. Null, when memory was exhausted, becomes an error page. */
