@@ -1,5 +1,6 @@
-// The copy is made by read and write, without stdio in between: what does not fit on the file system is
-// learnt of at the write that it fails, and the file can go.
+// A copy gets its name when it is whole: it is made under another name in the same folder, flushed to the
+// medium and renamed. Whoever makes one locks it, so a copy without a lock was left by a process that has ended.
+// Copies are written without stdio in between, so that a full disk fails the write.
 
 #include "caldata.h"
 
@@ -8,6 +9,7 @@
 #include <stddef.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +20,8 @@
 constexpr size_t CHUNK_BYTES_MAX = 512;
 constexpr size_t MAC_BYTES = 6;
 constexpr off_t MAC_OFFSET = 6;
+constexpr char UNFINISHED[] = ".cal~"; // a copy in the making; short, to fit where the file's own name does
+constexpr int LINKS_MAX = 40;          // the kernel follows no more
 
 // ---- Partitions ----
 
@@ -47,12 +51,12 @@ char *find_mtd(const char *name)
 
 // ---- The copy ----
 
-static int open_or_log(const char *path, int flags)
+// Reports a file that could not be opened or made, and returns the negated errno.
+static int not_opened(const char *path)
 {
-	int fd = open(path, flags | O_CLOEXEC, 0666);
-	if (fd < 0)
-		_log(3, "caldata: unable to open %s: err=-%d\n", path, errno);
-	return fd;
+	int error = errno;
+	_log(3, "caldata: unable to open %s: err=-%d\n", path, error);
+	return -error;
 }
 
 // All of the bytes: a file system that runs full may take a part of them first. False with errno set.
@@ -101,31 +105,178 @@ static int copy_slice(int device, int target, unsigned offset, unsigned length)
 	return copy(device, target, length);
 }
 
-static int make_copy(const char *device_path, const char *path, unsigned offset, unsigned length)
+// ---- A file that appears whole ----
+
+// The file that a path leads to, and its unfinished copy.
+struct place {
+	char target[PATH_BYTES];
+	char unfinished[PATH_BYTES + sizeof UNFINISHED]; // the kernel refuses one that is too long
+};
+
+// Where the name begins. Every path here is absolute.
+static char *name_in(char *path)
 {
-	owned_fd device{open_or_log(device_path, O_RDONLY)};
-	if (!device.ok())
-		return -errno;
-	owned_fd target{open_or_log(path, O_WRONLY | O_CREAT | O_TRUNC)};
-	if (!target.ok())
-		return -errno;
-	int error = copy_slice(device.get(), target.get(), offset, length);
-	target.take(-1);
-	device.take(-1);
-	if (error)
-		unlink(path);
-	return error;
+	return strrchr(path, '/') + 1;
 }
 
-// Also of a file that is shorter: it grows.
-static int write_mac(const char *path, const unsigned char *mac)
+// Of an error with a path: nothing is there, which is no reason yet why a file could not be made.
+static bool is_missing(int error)
 {
-	owned_fd target{open_or_log(path, O_WRONLY)};
-	if (!target.ok())
-		return -errno;
-	if (lseek(target.get(), MAC_OFFSET, SEEK_SET) < 0 || !write_all(target.get(), mac, MAC_BYTES))
+	return error == ENOENT || error == ENOTDIR;
+}
+
+static bool exists(const char *path)
+{
+	struct stat about;
+	return stat(path, &about) == 0;
+}
+
+// Makes `path` the path of what the link there points to. False with errno set; EINVAL: it is no link.
+static bool follow_link(char (&path)[PATH_BYTES])
+{
+	char link[PATH_BYTES];
+	ssize_t length = readlink(path, link, sizeof link);
+	if (length < 0)
+		return false;
+	char *end = link[0] == '/' ? path : name_in(path);
+	if (length >= path + sizeof path - end) {
+		errno = ENAMETOOLONG;
+		return false;
+	}
+	memcpy(end, link, static_cast<size_t>(length));
+	end[length] = '\0';
+	return true;
+}
+
+// Follows a link to a file that is not there, which may be another link. False with errno set.
+static bool follow_links(char (&path)[PATH_BYTES])
+{
+	for (int links = 0; links <= LINKS_MAX; links++)
+		if (!follow_link(path))
+			return errno == EINVAL || is_missing(errno);
+	errno = ELOOP;
+	return false;
+}
+
+// Finds where the file is to be made. False with errno set: the error that making it at `path` would meet.
+static bool find_place(place *p, const char *path)
+{
+	if (!exists(path) && !is_missing(errno))
+		return false;
+	format_path(p->target, "%s", path);
+	if (!follow_links(p->target))
+		return false;
+	const char *name = name_in(p->target);
+	int folder_length = static_cast<int>(name - p->target);
+	// Without a name there can be no file: the kernel says why, when it is opened.
+	snprintf(p->unfinished, sizeof p->unfinished, "%.*s%s", folder_length, p->target,
+		*name ? UNFINISHED : "");
+	return true;
+}
+
+// Waits for the lock of an open file, as long as another process makes the copy in it.
+static void lock(int fd)
+{
+	while (flock(fd, LOCK_EX) < 0 && errno == EINTR) {}
+}
+
+static bool is_at(int fd, const char *path)
+{
+	struct stat mine, there;
+	return fstat(fd, &mine) == 0 && lstat(path, &there) == 0 && mine.st_dev == there.st_dev &&
+	       mine.st_ino == there.st_ino;
+}
+
+// Removes what stands in the way of an unfinished copy, except for a copy that another process finishes
+// meanwhile. False with errno set.
+static bool remove_unfinished(const char *path)
+{
+	owned_fd file{open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)};
+	if (file.ok()) {
+		lock(file.get());
+		if (!is_at(file.get(), path))
+			return true;
+	}
+	return unlink(path) == 0 || errno == ENOENT;
+}
+
+// A new file with a lock of ours. -1 with errno set.
+static int create_unfinished(const char *path)
+{
+	while (true) {
+		owned_fd file{open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666)};
+		if (file.ok()) {
+			lock(file.get());
+			if (is_at(file.get(), path)) // else another process took it for a leftover
+				return file.give();
+		} else if (errno != EEXIST || !remove_unfinished(path)) {
+			return -1;
+		}
+	}
+}
+
+static bool flush(int fd)
+{
+	return fsync(fd) == 0 || errno == EINVAL; // a file system that has nothing to flush to
+}
+
+// Flushes the folder of `path`, which is cut off there. If that fails, the worst is that the next start finds
+// no file, and makes it again.
+static void flush_folder(char *path)
+{
+	*name_in(path) = '\0';
+	owned_fd folder{open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+	if (folder.ok())
+		flush(folder.get());
+}
+
+// Extends a file that is too short. An error is about `path`, the file's name to be.
+static int write_mac(const char *unfinished, const char *path, const unsigned char *mac)
+{
+	owned_fd file{open(unfinished, O_WRONLY | O_CLOEXEC)};
+	if (!file.ok())
+		return not_opened(path);
+	if (lseek(file.get(), MAC_OFFSET, SEEK_SET) < 0 || !write_all(file.get(), mac, MAC_BYTES))
 		return failed("write");
 	return 0;
+}
+
+// Gives the copy its name, with the bytes on the medium.
+static int publish(int fd, const place *p, const char *path)
+{
+	if (!flush(fd))
+		return failed("write");
+	return rename(p->unfinished, p->target) < 0 ? not_opened(path) : 0;
+}
+
+static int make_copy(
+	const char *device_path, const char *path, unsigned offset, unsigned length, const unsigned char *mac)
+{
+	owned_fd device{open(device_path, O_RDONLY | O_CLOEXEC)};
+	if (!device.ok())
+		return not_opened(device_path);
+	place p;
+	if (!find_place(&p, path))
+		return not_opened(path);
+	owned_fd copy{create_unfinished(p.unfinished)};
+	if (!copy.ok())
+		return not_opened(path);
+	if (exists(path)) { // another process has finished it meanwhile
+		unlink(p.unfinished);
+		return 0;
+	}
+	int error = copy_slice(device.get(), copy.get(), offset, length);
+	device.take(-1);
+	// On purpose the file appears, too, if only the address could not be written.
+	int mac_error = !error && mac ? write_mac(p.unfinished, path, mac) : 0;
+	if (!error)
+		error = publish(copy.get(), &p, path);
+	if (error) {
+		unlink(p.unfinished);
+		return error;
+	}
+	flush_folder(p.target);
+	return mac_error;
 }
 
 // 0, -ENOENT without such a partition, which is logged, or -1 if the path is too long.
@@ -146,14 +297,11 @@ static int export_slice(
 	char path[PATH_BYTES], device_path[PATH_BYTES];
 	if (!format_path(path, "/lib/firmware/%s", file))
 		return -1;
-	struct stat about;
-	if (stat(path, &about) == 0)
+	if (exists(path))
 		return 0; // made on an earlier start, and never again
 	int error = find_device(device_path, partition);
 	if (!error)
-		error = make_copy(device_path, path, offset, length);
-	if (!error && mac)
-		error = write_mac(path, mac);
+		error = make_copy(device_path, path, offset, length, mac);
 	return error;
 }
 

@@ -24,13 +24,19 @@ extern "C" {
 char *find_mtd(const char *name);
 
 /*
- * Copies `length` bytes from byte `offset` of a partition on to /lib/firmware/<file>, unless there is
- * such a file already; a directory in `file` must be there.
+ * Copies `length` bytes from byte `offset` of a partition to /lib/firmware/<file>, unless there is
+ * such a file already; a directory in `file` must be there. A link to a file that is not there stays, and
+ * that file is made.
+ *
+ * The file appears when it is whole and on the medium. Until then the copy is called ".cal~", in the same
+ * folder; `file` must not be called so. A process that is killed may leave that one: the next call for a
+ * file of the folder removes it, and starts anew. A call waits while another process makes a file in the
+ * same folder.
  *
  * Returns: 0, also if the file was there already, whatever it holds; -ENOENT without such a partition; -1
  *          if the path is longer than 4096 characters (on purpose one of exactly 4096 is tried without its
- *          last character); else a negated errno of opening, seeking, reading or writing. A file begun is
- *          removed then.
+ *          last character); else a negated errno of opening, seeking, reading or writing. Then there is
+ *          no file, and no part of one.
  *
  * The slice must lie within the partition. On purpose it is no error if reading comes to an end of the
  * data: the call goes on reading for ever.
@@ -38,11 +44,11 @@ char *find_mtd(const char *name);
 int caldata_export(const char *file, const char *partition, unsigned offset, unsigned length);
 
 /*
- * The same, and writes the 6 bytes at `mac` over those from byte 6 of the copy on, which grows if it is
- * shorter. No checksum in the data is mended.
+ * The same, and writes the 6 bytes at `mac` over those from byte 6 of the copy on; a shorter copy is
+ * extended. The file appears with the address in it. No checksum in the data is mended.
  *
- * Returns: as caldata_export; -EINVAL without `mac`. If only the address cannot be written, the copy
- *          stays, perhaps with a part of it, and the next call finds it and returns 0.
+ * Returns: as caldata_export; -EINVAL without `mac`. On purpose, if only the address cannot be written,
+ *          the file appears without it, or with a part of it: the next call finds it and returns 0.
  */
 int ath10k_caldata_patch(
 	const char *file, const char *partition, const unsigned char *mac, unsigned offset, unsigned length);

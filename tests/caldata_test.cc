@@ -3,8 +3,11 @@
 // patched in.
 #include "lib/caldata.h"
 
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+
+#include <map>
 
 #include <gmock/gmock.h>
 
@@ -13,15 +16,48 @@
 
 using namespace board_support;
 
-// Called once, before the next file is removed. The definition of unlink stands before the C library's, for the
-// library under test too.
-static std::function<void()> unlinking;
+// Called before and after each call of the functions below, with its name and its file's path as it was before.
+// The definitions stand before the C library's, for the library under test too.
+static std::function<void(const std::string &call, const std::string &path)> on_call;
 
-extern "C" int unlink(const char *path) noexcept
+static int flush_error; // that of every fsync; 0: none
+
+static int reported(const std::string &call, const std::string &path, const std::function<long()> &make)
 {
-	if (auto call = std::exchange(unlinking, nullptr))
-		call();
-	return static_cast<int>(syscall(SYS_unlinkat, AT_FDCWD, path, 0));
+	if (on_call)
+		on_call(call, path);
+	int result = static_cast<int>(make());
+	int saved_errno = errno;
+	if (on_call)
+		on_call(call + " done", path);
+	errno = saved_errno;
+	return result;
+}
+
+extern "C" {
+int unlink(const char *path) noexcept
+{
+	return reported("unlink", path, [&] { return syscall(SYS_unlinkat, AT_FDCWD, path, 0); });
+}
+
+int rename(const char *path, const char *new_path) noexcept
+{
+	return reported(
+		"rename", path, [&] { return syscall(SYS_renameat, AT_FDCWD, path, AT_FDCWD, new_path); });
+}
+
+int fsync(int fd)
+{
+	return reported("fsync", descriptor_target(fd), [&] {
+		errno = flush_error;
+		return flush_error ? -1 : syscall(SYS_fsync, fd);
+	});
+}
+
+int flock(int fd, int operation) noexcept
+{
+	return reported("flock", descriptor_target(fd), [&] { return syscall(SYS_flock, fd, operation); });
+}
 }
 
 namespace
@@ -30,6 +66,7 @@ namespace
 const char *const no_table = "unable to read /proc/mtd\n";
 const char *const no_partition = "caldata: not found 'EEPROM' mtd partition\n";
 const std::string firmware = "/lib/firmware/";
+const std::string unfinished = ".cal~"; // a copy in the making
 const unsigned char mac[6] = {0x00, 0xff, 0x80, 0x0a, 0x25, 0x7f};
 const std::string mac_bytes(reinterpret_cast<const char *>(mac), sizeof(mac));
 
@@ -370,13 +407,13 @@ TEST(caldata_export, reads_and_writes_512_bytes_at_a_time_and_the_rest_at_last)
 	on_bare_board([] {
 		std::string flash = random_bytes(4096);
 		make_flash(flash);
-		const std::string target = std::filesystem::canonical(firmware).string() + "/cal.bin";
+		const std::string copy = std::filesystem::canonical(firmware).string() + "/" + unfinished;
 		size_t at = 100;
 		bool reads_next = true;
 		std::vector<size_t> chunks;
 		auto check = [&](const transfer &each) {
 			EXPECT_EQ(each.is_read, reads_next);
-			EXPECT_EQ(each.path, each.is_read ? "/dev/mtd1" : target);
+			EXPECT_EQ(each.path, each.is_read ? "/dev/mtd1" : copy);
 			EXPECT_EQ(each.bytes, flash.substr(at, each.requested));
 			if (each.is_read)
 				chunks.push_back(each.requested);
@@ -469,8 +506,7 @@ TEST(caldata_export, takes_a_length_beyond_2_gigabytes)
 
 // Runs `export_slice`, which must not come back: at its thousandth read in a row that finds the end of the
 // data the child looks at the copy and ends.
-void expect_endless(
-	const std::string &file, const std::string &copied, const std::function<void()> &export_slice)
+void expect_endless(const std::string &copied, const std::function<void()> &export_slice)
 {
 	int at_the_end = 0;
 	auto look = [&](const transfer &each) {
@@ -479,7 +515,8 @@ void expect_endless(
 		if (at_the_end < 1000)
 			return;
 		EXPECT_EQ(each.path, "/dev/mtd1");
-		EXPECT_EQ(read_file(firmware + file), copied);
+		EXPECT_EQ(read_file(firmware + unfinished), copied);
+		EXPECT_EQ(names_in(firmware), std::set<std::string>{unfinished});
 		EXPECT_EQ(messages, errors({}));
 		fflush(nullptr);
 		_exit(testing::Test::HasFailure() ? 1 : 0);
@@ -493,8 +530,7 @@ TEST(caldata_export, goes_on_reading_at_the_end_of_the_data)
 	on_bare_board([] {
 		std::string flash = random_bytes(1000);
 		make_flash(flash);
-		expect_endless(
-			"cal.bin", flash.substr(100), [] { caldata_export("cal.bin", "EEPROM", 100, 901); });
+		expect_endless(flash.substr(100), [] { caldata_export("cal.bin", "EEPROM", 100, 901); });
 	});
 }
 
@@ -502,7 +538,7 @@ TEST(caldata_export, goes_on_reading_from_an_offset_beyond_the_end_of_the_data)
 {
 	on_bare_board([] {
 		make_flash(random_bytes(1000));
-		expect_endless("cal.bin", "", [] { caldata_export("cal.bin", "EEPROM", 5000, 1); });
+		expect_endless("", [] { caldata_export("cal.bin", "EEPROM", 5000, 1); });
 	});
 }
 
@@ -597,6 +633,294 @@ TEST(caldata_export, writes_through_a_link_to_a_file_that_is_not_there)
 		};
 		EXPECT_EQ(lstat("/lib/firmware/link", &about), 0);
 		EXPECT_TRUE(S_ISLNK(about.st_mode));
+	});
+}
+
+TEST(caldata_export, writes_through_links_of_every_kind)
+{
+	on_bare_board([] {
+		make_flash("flash");
+		for (const char *path : {"/lib/firmware/a", "/lib/firmware/b", "/dev/c"})
+			make_directory(path);
+		const std::pair<const char *, const char *> links[] = {{"relative", "a/1"},
+			{"absolute", "/lib/firmware/a/2"}, {"upwards", "a/../b/./3"}, {"chain", "a/chain"},
+			{"a/chain", "../b/chain"}, {"b/chain", "/dev/c/chain"}, {"/dev/c/chain", "4"},
+			{"folder", "/dev/c"}, {"file_system", "folder/5"}};
+		for (const auto &[link, target] : links)
+			require(symlink(target, (link[0] == '/' ? link : firmware + link).c_str()) == 0,
+				link);
+		for (const char *link : {"relative", "absolute", "upwards", "chain", "file_system"})
+			EXPECT_EQ(export_all(link, 5), 0) << link;
+		for (const char *path : {"/lib/firmware/a/1", "/lib/firmware/a/2", "/lib/firmware/b/3",
+			     "/dev/c/4", "/dev/c/5"})
+			EXPECT_EQ(read_file(path), "flash") << path;
+		for (const auto &[link, target] : links)
+			EXPECT_TRUE(std::filesystem::is_symlink(link[0] == '/' ? link : firmware + link))
+				<< link;
+		EXPECT_EQ(names_in("/dev/c"), (std::set<std::string>{"chain", "4", "5"}));
+		EXPECT_EQ(names_in("/lib/firmware/a"), (std::set<std::string>{"chain", "1", "2"}));
+		EXPECT_EQ(messages, errors({}));
+	});
+}
+
+// Makes a file at `path` as opening does, and removes it again. Returns where it was, or what failed; 0 also where
+// there is something already.
+std::pair<std::string, int> made_by_opening(const std::string &path)
+{
+	if (access(path.c_str(), F_OK) == 0)
+		return {"", 0};
+	owned_fd fd{open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666)};
+	if (fd.get() < 0)
+		return {"", errno};
+	std::string made = std::filesystem::canonical(path);
+	require(unlink(made.c_str()) == 0, made);
+	return {made, 0};
+}
+
+TEST(caldata_export, makes_a_file_or_fails_as_opening_its_path_does)
+{
+	on_bare_board([] {
+		make_flash("flash");
+		make_file(firmware + "file", "");
+		make_directory(firmware + "folder");
+		std::map<std::string, std::string> links{{"to_a_file_in_none", "none/cal.bin"},
+			{"to_a_slash", "cal/"}, {"to_a_link_to_a_slash", "to_a_slash"},
+			{"to_a_file_below_a_file", "file/cal.bin"}, {"to_a_long_name", std::string(256, 'x')},
+			{"to_a_name_of_255", std::string(255, 'x')},
+			{"to_a_way_back_from_none", "none/../cal"},
+			{"to_a_long_path", std::string(4000, '/') + firmware + "cal"},
+			{"to_itself", "to_itself"}, {"link_0", "cal"}};
+		for (int links_before = 0; links_before < 42; links_before++)
+			links["link_" + std::to_string(links_before + 1)] =
+				"link_" + std::to_string(links_before);
+		for (const auto &[link, target] : links)
+			require(symlink(target.c_str(), (firmware + link).c_str()) == 0, link);
+		std::vector<std::string> files{"cal", "none/cal", "file/cal", "cal/", "none/cal/", "file/",
+			"cal/.", "folder//cal", "folder/../cal", "none/../cal", std::string(255, 'x'),
+			std::string(256, 'x'), padded("cal.bin", 4095), padded("cal.bin/", 4095)};
+		for (const auto &[link, target] : links)
+			files.push_back(link);
+		const std::set<std::string> before = names_in(firmware);
+		std::set<int> results;
+		for (const std::string &file : files) {
+			SCOPED_TRACE(file.substr(0, 30));
+			const auto [made, error] = made_by_opening(firmware + file);
+			results.insert(error);
+			messages.clear();
+			EXPECT_EQ(export_all(file, 5), -error);
+			ASSERT_EQ(messages.size(), error ? 1u : 0u);
+			if (error) { // a message is cut at some length
+				EXPECT_THAT(unable_to_open(firmware + file, error),
+					testing::StartsWith(messages[0].text.substr(0, 200)));
+			}
+			if (!made.empty()) {
+				EXPECT_EQ(read_file(made), "flash");
+				require(unlink(made.c_str()) == 0, made);
+			}
+			EXPECT_EQ(names_in(firmware), before);
+		}
+		EXPECT_EQ(results, (std::set<int>{0, ENOENT, ENOTDIR, EISDIR, ELOOP, ENAMETOOLONG}));
+	});
+}
+
+// ---- A copy that is not finished ----
+
+struct bytes_of_copy {
+	std::string flash = random_bytes(1300);
+	std::string whole = std::string(flash).replace(6, 6, mac_bytes);
+};
+
+// Runs `body` in a process that is killed at the `nth` of its reads, writes and other calls. Returns whether it
+// has come to its end before.
+bool ends_before(int nth, const std::function<void()> &body)
+{
+	pid_t child = fork();
+	if (child == 0) {
+		int left = nth;
+		auto step = [&] {
+			if (left-- == 0)
+				kill(getpid(), SIGKILL);
+		};
+		on_call = [&](const std::string &, const std::string &) { step(); };
+		watch_transfers([&](const transfer &) { step(); }, body);
+		_exit(0);
+	}
+	int status = -1;
+	EXPECT_EQ(waitpid(child, &status, 0), child);
+	EXPECT_TRUE(WIFEXITED(status) || WTERMSIG(status) == SIGKILL) << status;
+	return WIFEXITED(status);
+}
+
+TEST(caldata_export, killed_at_any_point_leaves_no_file_or_a_whole_one_and_the_next_call_finishes_it)
+{
+	on_bare_board([] {
+		const bytes_of_copy bytes;
+		make_flash(bytes.flash);
+		int points = 0;
+		size_t without_file = 0, with_file = 0;
+		while (!ends_before(points, [] { patch_all("cal.bin", 1300); })) {
+			(exists(firmware + "cal.bin") ? with_file : without_file)++;
+			if (exists(firmware + "cal.bin")) {
+				EXPECT_EQ(read_file(firmware + "cal.bin"), bytes.whole) << points;
+				EXPECT_EQ(names_in(firmware), std::set<std::string>{"cal.bin"}) << points;
+			}
+			EXPECT_EQ(patch_all("cal.bin", 1300), 0) << points;
+			EXPECT_EQ(read_file(firmware + "cal.bin"), bytes.whole) << points;
+			EXPECT_EQ(names_in(firmware), std::set<std::string>{"cal.bin"}) << points;
+			require(unlink((firmware + "cal.bin").c_str()) == 0, "the file");
+			points++;
+		}
+		// Three chunks are read and written, and the address is written.
+		EXPECT_GE(without_file, 7u + 2);
+		EXPECT_GE(with_file, 1u);
+		EXPECT_EQ(messages, errors({}));
+	});
+}
+
+TEST(caldata_export, is_on_the_medium_before_it_has_its_name_and_then_the_name_is)
+{
+	on_bare_board([] {
+		make_flash(random_bytes(600));
+		const std::string folder = std::filesystem::canonical(firmware).string();
+		const std::string copy = folder + "/" + unfinished;
+		std::vector<std::string> seen;
+		on_call = [&](const std::string &call, const std::string &path) {
+			if (call == "fsync" || call == "rename done")
+				seen.push_back(call + " " + path);
+		};
+		auto note = [&](const transfer &each) {
+			if (!each.is_read)
+				seen.push_back("write " + each.path);
+		};
+		watch_transfers(note, [] { EXPECT_EQ(patch_all("cal.bin", 600), 0); });
+		on_call = nullptr;
+		EXPECT_EQ(seen,
+			(std::vector<std::string>{"write " + copy, "write " + copy, "write " + copy,
+				"fsync " + copy, "rename done " + firmware + unfinished, "fsync " + folder}));
+	});
+}
+
+TEST(caldata_export, starts_anew_whatever_stands_in_the_place_of_its_copy)
+{
+	on_bare_board([] {
+		make_flash("flash");
+		const std::string copy = firmware + unfinished;
+		make_file("/dev/other", "other");
+		const std::function<int()> obstacles[] = {
+			[&] { return write_file(copy, std::string(5000, 'x')) ? 0 : -1; },
+			[&] { return symlink("/dev/other", copy.c_str()); },
+			[&] { return symlink(unfinished.c_str(), copy.c_str()); },
+			[&] { return mkfifo(copy.c_str(), 0600); },
+			[&] { return mknod(copy.c_str(), S_IFSOCK | 0600, 0); }};
+		for (const auto &put : obstacles) {
+			require(put() == 0, "an obstacle");
+			EXPECT_EQ(export_all("cal.bin", 5), 0);
+			EXPECT_EQ(read_file(firmware + "cal.bin"), "flash");
+			EXPECT_TRUE(std::filesystem::is_regular_file(
+				std::filesystem::symlink_status(firmware + "cal.bin")));
+			EXPECT_EQ(names_in(firmware), std::set<std::string>{"cal.bin"});
+			require(unlink((firmware + "cal.bin").c_str()) == 0, "the file");
+		}
+		EXPECT_EQ(read_file("/dev/other"), "other");
+		EXPECT_EQ(messages, errors({}));
+	});
+}
+
+TEST(caldata_export, does_not_write_to_another_file_that_its_leftover_is_a_link_to)
+{
+	on_bare_board([] {
+		make_flash("flash");
+		make_file(firmware + "other", "other");
+		require(link((firmware + "other").c_str(), (firmware + unfinished).c_str()) == 0, "a link");
+		EXPECT_EQ(export_all("cal.bin", 5), 0);
+		EXPECT_EQ(read_file(firmware + "other"), "other");
+	});
+}
+
+TEST(caldata_export, reports_what_stands_in_its_way_and_cannot_be_removed)
+{
+	on_bare_board([] {
+		make_flash("flash");
+		make_directory(firmware + unfinished);
+		EXPECT_EQ(export_all("cal.bin", 5), -EISDIR);
+		EXPECT_EQ(messages, errors({unable_to_open("/lib/firmware/cal.bin", EISDIR)}));
+		EXPECT_EQ(names_in(firmware), std::set<std::string>{unfinished});
+	});
+}
+
+TEST(caldata_export, replaces_the_copy_that_a_killed_process_left_of_another_file)
+{
+	on_bare_board([] {
+		const bytes_of_copy bytes;
+		make_flash(bytes.flash);
+		EXPECT_FALSE(ends_before(5, [] { export_all("first.bin", 1300); }));
+		EXPECT_EQ(names_in(firmware), std::set<std::string>{unfinished});
+		EXPECT_EQ(export_all("second.bin", 1000), 0);
+		EXPECT_EQ(names_in(firmware), std::set<std::string>{"second.bin"});
+		EXPECT_EQ(read_file(firmware + "second.bin"), bytes.flash.substr(0, 1000));
+	});
+}
+
+// Two processes of which the second comes to wait for the first, which stops in the middle of its copy until then.
+void export_at_the_same_time(const std::function<void()> &first, const std::function<void()> &second)
+{
+	pipe_pair in_the_middle, waiting;
+	auto start = [&](const std::function<void()> &body) {
+		pid_t child = fork();
+		if (child == 0) {
+			prctl(PR_SET_PDEATHSIG, SIGKILL);
+			body();
+			_exit(testing::Test::HasFailure() ? 1 : 0);
+		}
+		return child;
+	};
+	auto pause = [&](const transfer &each) {
+		if (each.is_read || each.count == 0 || in_the_middle.write_end.get() < 0)
+			return;
+		in_the_middle.write_end.reset();
+		waiting.write_end.reset();
+		EXPECT_TRUE(wait_for(waiting.read_end.get(), POLLIN)); // the second closes the last one
+	};
+	pid_t first_child = start([&] { watch_transfers(pause, first); });
+	in_the_middle.write_end.reset();
+	EXPECT_TRUE(wait_for(in_the_middle.read_end.get(), POLLIN));
+	pid_t second_child = start([&] {
+		on_call = [&](const std::string &call, const std::string &) {
+			if (call == "flock")
+				waiting.write_end.reset();
+		};
+		second();
+	});
+	waiting.write_end.reset();
+	for (pid_t child : {first_child, second_child}) {
+		int status = -1;
+		EXPECT_EQ(waitpid(child, &status, 0), child);
+		EXPECT_EQ(status, 0);
+	}
+}
+
+TEST(caldata_export, of_two_files_at_the_same_time_makes_both)
+{
+	on_bare_board([] {
+		const std::string flash = random_bytes(2000);
+		make_flash(flash);
+		export_at_the_same_time([] { EXPECT_EQ(export_all("first.bin", 1300), 0); },
+			[] { EXPECT_EQ(export_all("second.bin", 2000), 0); });
+		EXPECT_EQ(names_in(firmware), (std::set<std::string>{"first.bin", "second.bin"}));
+		EXPECT_EQ(read_file(firmware + "first.bin"), flash.substr(0, 1300));
+		EXPECT_EQ(read_file(firmware + "second.bin"), flash);
+	});
+}
+
+TEST(caldata_export, of_one_file_at_the_same_time_leaves_that_of_the_first)
+{
+	on_bare_board([] {
+		const bytes_of_copy bytes;
+		make_flash(bytes.flash);
+		export_at_the_same_time([] { EXPECT_EQ(patch_all("cal.bin", 1300), 0); },
+			[] { EXPECT_EQ(export_all("cal.bin", 1300), 0); });
+		EXPECT_EQ(names_in(firmware), std::set<std::string>{"cal.bin"});
+		EXPECT_EQ(read_file(firmware + "cal.bin"), bytes.whole);
 	});
 }
 
@@ -765,15 +1089,23 @@ TEST(caldata_export, removes_a_file_that_takes_nothing_and_does_not_say_why)
 	});
 }
 
-TEST(caldata_export, closes_both_files_before_it_removes_the_copy)
+// The copy is still open, since it is locked.
+TEST(caldata_export, closes_the_device_before_it_removes_the_copy)
 {
 	on_bare_board([] {
 		make_flash(random_bytes(16384));
 		mount_tmpfs(firmware, "size=8k");
-		std::set<int> before = open_descriptors();
-		unlinking = [&] { EXPECT_EQ(open_descriptors(), before); };
+		size_t before = open_descriptors().size(), removed = 0;
+		on_call = [&](const std::string &call, const std::string &path) {
+			if (call != "unlink")
+				return;
+			EXPECT_EQ(path, firmware + unfinished);
+			EXPECT_EQ(open_descriptors().size(), before + 1);
+			removed++;
+		};
 		EXPECT_EQ(export_all("cal.bin", 16384), -ENOSPC);
-		EXPECT_EQ(unlinking, nullptr) << "nothing has been removed";
+		on_call = nullptr;
+		EXPECT_EQ(removed, 1u);
 	});
 }
 
@@ -819,6 +1151,36 @@ TEST(caldata_export, without_memory_finds_no_partition)
 		EXPECT_EQ(result, -ENOENT);
 		EXPECT_EQ(messages, errors({no_table, no_partition}));
 		EXPECT_TRUE(names_in(firmware).empty());
+	});
+}
+
+TEST(caldata_export, removes_the_copy_that_cannot_be_given_its_name)
+{
+	on_bare_board([] {
+		make_flash("flash");
+		on_call = [](const std::string &call, const std::string &) {
+			if (call == "rename")
+				make_directory("/lib/firmware/cal.bin");
+		};
+		EXPECT_EQ(export_all("cal.bin", 5), -EISDIR);
+		on_call = nullptr;
+		EXPECT_EQ(messages, errors({unable_to_open("/lib/firmware/cal.bin", EISDIR)}));
+		EXPECT_EQ(names_in(firmware), std::set<std::string>{"cal.bin"});
+	});
+}
+
+TEST(caldata_export, removes_the_copy_that_cannot_be_flushed)
+{
+	on_bare_board([] {
+		make_flash("flash");
+		flush_error = EIO;
+		EXPECT_EQ(export_all("cal.bin", 5), -EIO);
+		EXPECT_EQ(messages, errors({"caldata: write error: err=-5\n"}));
+		EXPECT_TRUE(names_in(firmware).empty());
+		flush_error = EINVAL; // of a file system without a medium
+		EXPECT_EQ(export_all("cal.bin", 5), 0);
+		flush_error = 0;
+		EXPECT_EQ(read_file("/lib/firmware/cal.bin"), "flash");
 	});
 }
 
