@@ -1423,6 +1423,56 @@ TEST_F(ubus_retry, context_replaced_inside_the_look_up_is_used_by_an_attempt_on_
 	request.abort();
 }
 
+namespace
+{
+
+int ignore_notification(ubus_context *, ubus_object *, ubus_request_data *, const char *, blob_attr *)
+{
+	return 0;
+}
+
+// A subscription that waits for its next attempt.
+struct waiting_subscription : ubus_subscription {
+	explicit waiting_subscription(ubus_context *context) : ubus_subscription{}
+	{
+		ctx = context;
+		strcpy(path, object_path);
+		EXPECT_EQ(subscribe(), UBUS_STATUS_NOT_FOUND);
+		EXPECT_TRUE(retry.pending);
+	}
+	waiting_subscription(const waiting_subscription &) = delete;
+	waiting_subscription &operator=(const waiting_subscription &) = delete;
+	~waiting_subscription() { mox_ubus_unsubscribe(this); }
+	int subscribe() { return mox_ubus_subscribe(this, ignore_notification); }
+};
+
+} // namespace
+
+TEST_F(ubus_retry, subscribing_anew_without_a_context_cancels_the_attempt_that_was_due)
+{
+	waiting_subscription subscription{client.ctx};
+	subscription.ctx = nullptr;
+	EXPECT_EQ(subscription.subscribe(), -EAGAIN);
+	EXPECT_FALSE(subscription.retry.pending);
+	subscription.ctx = client.ctx;
+}
+
+TEST_F(ubus_retry, subscribing_anew_that_cannot_register_cancels_the_attempt_that_was_due)
+{
+	waiting_subscription subscription{client.ctx};
+	bus->kill();
+	EXPECT_EQ(subscription.subscribe(), -EAGAIN);
+	EXPECT_FALSE(subscription.retry.pending);
+}
+
+TEST_F(ubus_retry, subscribing_anew_that_succeeds_cancels_the_attempt_that_was_due)
+{
+	waiting_subscription subscription{client.ctx};
+	auto server = serve();
+	EXPECT_EQ(subscription.subscribe(), 0);
+	EXPECT_FALSE(subscription.retry.pending);
+}
+
 TEST_F(ubus_retry, subscription_whose_context_is_taken_away_inside_registering_fails)
 {
 	auto server = serve();
