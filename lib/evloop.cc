@@ -104,9 +104,11 @@ int evloop_io_delete(struct evloop_io *io)
 {
 	// On purpose the bound is the number of pending events, not where they end: once some of a batch
 	// have had their turn, its last events are out of reach. Pinned by the tests of this function.
-	for (int i = batch_cursor; i < batch_pending; i++)
-		if (watcher_of(&batch[i]) && batch_fds[i] == io->fd)
+	for (int i = batch_cursor; i < batch_pending; i++) {
+		const evloop_io *watcher = watcher_of(&batch[i]);
+		if (watcher && (watcher == io || batch_fds[i] == io->fd))
 			batch[i].data.ptr = nullptr;
+	}
 	io->flags = 0;
 	io->registered = 0;
 	return epoll_ctl(epoll_fd, EPOLL_CTL_DEL, io->fd, nullptr);

@@ -75,13 +75,13 @@ int evloop_io_init(void);
 int evloop_io_add(struct evloop_io *io, unsigned int flags);
 
 /*
- * Stops watching. An event of the descriptor that was fetched and waits for its turn is dropped if
- * its place in the batch is below the number of events that still wait. That bound is kept as it
- * is on purpose: once part of a batch has been dispatched, events towards its end may still reach
- * `io->cb` after this call. So where a callback deletes the watcher of another descriptor, set `cb` to
- * null to have it left alone, and keep the record for EVLOOP_MAX_EVENTS further passes, after which
- * the batch is over (evloop_run returning does not end it). Streams, connections and listening
- * sockets of this library take care of themselves.
+ * Stops watching. An event of the descriptor, or of this record if its `fd` was changed since, may have
+ * been fetched and wait for its turn. It is dropped if its place in the batch is below the number of
+ * events that still wait. That bound is kept as it is on purpose: once part of a batch has been
+ * dispatched, events towards its end may still reach `io->cb` after this call. So where a callback deletes
+ * the watcher of another descriptor, set `cb` to null to have it left alone, and keep the record for
+ * EVLOOP_MAX_EVENTS further passes, after which the batch is over (evloop_run returning does not end it).
+ * Streams, connections and listening sockets of this library take care of themselves.
  *
  * The kernel knows watchers by descriptor: delete before closing it, since the number may come back, and
  * never delete a watcher that was not added, which may take another off the loop.

@@ -477,6 +477,36 @@ TEST_F(evloop_io_delete_test, compares_the_descriptors_that_were_fetched)
 	EXPECT_EQ(batch[3]->calls(), 1u);
 }
 
+TEST_F(evloop_io_delete_test, drops_the_event_of_its_own_record_although_the_descriptor_was_changed)
+{
+	ready_watchers batch = make_batch(4);
+	batch[0]->on_events = [&](watcher *self, unsigned int) {
+		static_cast<ready_watcher *>(self)->drain();
+		ready_watcher &changed = *batch[1];
+		changed.fd = -1; // the descriptor is closed by another owner
+		errno = 0;
+		EXPECT_EQ(evloop_io_delete(&changed), -1);
+		EXPECT_EQ(errno, EBADF);
+		batch[1].reset();
+	};
+	run_passes(4);
+	EXPECT_EQ(batch[2]->calls(), 1u);
+	EXPECT_EQ(batch[3]->calls(), 1u);
+}
+
+// The same bound for a record as for a descriptor.
+TEST_F(evloop_io_delete_test, does_not_reach_its_own_record_beyond_the_number_that_still_wait)
+{
+	ready_watchers batch = make_batch(4);
+	batch[0]->on_events = [&](watcher *self, unsigned int) {
+		static_cast<ready_watcher *>(self)->drain();
+		batch[3]->fd = -1;
+		EXPECT_EQ(evloop_io_delete(batch[3].get()), -1);
+	};
+	run_passes(4);
+	EXPECT_EQ(batch[3]->calls(), 1u);
+}
+
 TEST_F(evloop_io_delete_test, goes_by_the_descriptor_whichever_record_names_it)
 {
 	ready_watchers batch = make_batch(3);
