@@ -233,7 +233,7 @@ int evloop_timeout_set(struct evloop_timeout *timeout, int64_t delay_ms)
 {
 	evloop_timeout_cancel(timeout);
 	int64_t now = time_now();
-	if (now == handled_until) // the clock's step can be longer than a callback
+	if (delay_ms == 0 && now == handled_until) // the clock's step can be longer than a callback
 		now++;
 	timeout->expires = wrapping_add(now, wrapping_mul(delay_ms, USEC_PER_MSEC));
 	return evloop_timeout_add(timeout);

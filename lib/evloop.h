@@ -131,8 +131,9 @@ int evloop_timeout_cancel(struct evloop_timeout *timeout);
 
 /*
  * Makes `timeout` fire once, `delay_ms` milliseconds from now; a pending one is moved. With 0 it
- * is due on the loop's next pass. It never fires inside this call. An expiry that 64 bits cannot
- * hold wraps.
+ * is due on the loop's next pass: set by a timeout's callback, it expires a microsecond later if the clock
+ * still reads the same as when the pass began. It never fires inside this call. An expiry that 64 bits
+ * cannot hold wraps.
  *
  * Returns:   0; nothing is allocated, nothing can fail.
  * Ownership: the caller keeps the record; the loop borrows it until it fires or is cancelled.

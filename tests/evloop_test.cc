@@ -1,5 +1,6 @@
 #include "lib/evloop.h"
 
+#include <dlfcn.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -19,8 +20,40 @@
 
 using namespace support;
 
+// The definition stands before the C library's, for the library under test too.
+static const timespec *clock_reading; // null: the clock runs
+
+extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept
+{
+	static const auto real =
+		reinterpret_cast<int (*)(clockid_t, timespec *)>(dlsym(RTLD_NEXT, "clock_gettime"));
+	if (!clock_reading)
+		return real(clock, time);
+	*time = *clock_reading;
+	return 0;
+}
+
 namespace
 {
+
+// While it lives, the clock stands still.
+class stopped_clock
+{
+	timespec reading_{};
+
+public:
+	int64_t now; // as time_now has it
+
+	stopped_clock()
+	{
+		clock_gettime(CLOCK_MONOTONIC, &reading_);
+		clock_reading = &reading_;
+		now = time_now();
+	}
+	stopped_clock(const stopped_clock &) = delete;
+	stopped_clock &operator=(const stopped_clock &) = delete;
+	~stopped_clock() { clock_reading = nullptr; }
+};
 
 constexpr unsigned int both_events = EVLOOP_READ | EVLOOP_WRITE;
 
@@ -1300,6 +1333,59 @@ TEST_F(evloop_timeout_test, set_again_with_zero_by_its_own_callback_is_left_for_
 	EXPECT_EQ(calls_max, 1);
 	EXPECT_GT(t.calls, 0);
 	evloop_timeout_cancel(&t);
+}
+
+// A clock whose step is longer than a pass.
+TEST_F(evloop_timeout_test, set_with_zero_in_a_pass_expires_a_microsecond_after_it)
+{
+	stopped_clock clock;
+	timer second, first([&](timer *self) {
+		evloop_timeout_set(self, 0);
+		evloop_timeout_set(&second, 0);
+	});
+	first.expires = 1;
+	evloop_timeout_add(&first);
+	evloop_handle_timeouts();
+	EXPECT_EQ(first.calls, 1);
+	EXPECT_EQ(second.calls, 0);
+	EXPECT_EQ(first.expires, clock.now + 1);
+	EXPECT_EQ(second.expires, clock.now + 1);
+	evloop_clean_timeouts();
+}
+
+TEST_F(evloop_timeout_test, set_with_zero_outside_of_a_pass_expires_now)
+{
+	stopped_clock clock;
+	timer t;
+	evloop_handle_timeouts();
+	evloop_timeout_set(&t, 0);
+	EXPECT_EQ(t.expires, clock.now);
+	evloop_timeout_cancel(&t);
+}
+
+TEST_F(evloop_timeout_test, set_in_a_pass_expires_no_later_than_its_delay)
+{
+	stopped_clock clock;
+	timer t;
+	for (int64_t delay_ms : {1, 5, 2000, 60'000}) {
+		timer first([&](timer *) { evloop_timeout_set(&t, delay_ms); });
+		first.expires = 1;
+		evloop_timeout_add(&first);
+		evloop_handle_timeouts();
+		EXPECT_EQ(t.expires, clock.now + delay_ms * 1000);
+	}
+	evloop_timeout_cancel(&t);
+}
+
+TEST_F(evloop_timeout_test, set_with_a_negative_delay_in_a_pass_fires_in_it)
+{
+	stopped_clock clock;
+	timer second, first([&](timer *) { evloop_timeout_set(&second, -1); });
+	first.expires = 1;
+	evloop_timeout_add(&first);
+	evloop_handle_timeouts();
+	EXPECT_EQ(second.calls, 1);
+	EXPECT_EQ(second.expires, clock.now - 1000);
 }
 
 TEST_F(evloop_timeout_test, set_with_zero_outside_of_a_callback_is_due_in_the_next_call)

@@ -90,13 +90,12 @@ protected:
 		daemon.connect = [this, last] { return daemon.connects <= last ? -1 : 0; };
 	}
 
-	// The timer is armed, and was set for `ms` milliseconds from a moment in [from, to]. What a timer's
-	// callback sets counts from the next microsecond at the earliest.
+	// The timer is armed, and was set for `ms` milliseconds from a moment in [from, to].
 	void expect_due_in(int64_t ms, int64_t from_us, int64_t to_us)
 	{
 		EXPECT_TRUE(c->timer.pending);
 		EXPECT_GE(c->timer.expires, from_us + ms * 1000);
-		EXPECT_LE(c->timer.expires, to_us + 1 + ms * 1000);
+		EXPECT_LE(c->timer.expires, to_us + ms * 1000);
 	}
 
 	// Lets the delay pass, and the loop notice.

@@ -131,13 +131,13 @@ public:
 	}
 };
 
-// The timer was set for `ms` milliseconds from a moment in [from, to]; what a timer's callback sets counts
-// from the next microsecond at the earliest.
+// The timer was set for `ms` milliseconds from a moment in [from, to]. What a timer's callback sets without a
+// delay counts from the next microsecond at the earliest.
 void expect_due_in(const evloop_timeout &timer, int64_t ms, int64_t from_us, int64_t to_us)
 {
 	EXPECT_TRUE(timer.pending);
 	EXPECT_GE(timer.expires, from_us + ms * 1000);
-	EXPECT_LE(timer.expires, to_us + 1 + ms * 1000);
+	EXPECT_LE(timer.expires, to_us + (ms ? ms * 1000 : 1));
 }
 
 void make_due(evloop_timeout *timer)
