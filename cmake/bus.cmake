@@ -1,8 +1,8 @@
 # The message bus: libubox and libubus as the device has them, or, on a machine that has neither, the stand-in in
-# host/, which is built here and never installed. The code of the library is the same either way.
+# host/, which is built here. The code of the library is the same either way.
 #
-# Defines apbase_bus, what links to the two; APBASE_BUS_INCLUDE_DIRS and APBASE_BUS_LIBRARY_DIR; and the programs
-# APBASE_UBUSD and APBASE_UBUS, empty where the system has none.
+# Defines apbase_bus, what links to the two, for others apbase::bus; APBASE_BUS_INCLUDE_DIRS and
+# APBASE_BUS_LIBRARY_DIR; and the programs APBASE_UBUSD and APBASE_UBUS, empty where the system has none.
 
 find_path(APBASE_UBUS_INCLUDE_DIR libubus.h)
 find_path(APBASE_UBOX_INCLUDE_DIR libubox/blobmsg.h)
@@ -23,6 +23,7 @@ set(APBASE_BUS ${bus_default} CACHE STRING "Message bus libraries: the system's,
 set_property(CACHE APBASE_BUS PROPERTY STRINGS system host)
 
 add_library(apbase_bus INTERFACE)
+add_library(apbase::bus ALIAS apbase_bus)
 if(APBASE_BUS STREQUAL system)
 	if(NOT bus_found)
 		message(FATAL_ERROR "apbase: libubox and libubus are not installed here (-DAPBASE_BUS=host builds a stand-in)")
@@ -37,6 +38,7 @@ if(APBASE_BUS STREQUAL system)
 	find_program(APBASE_UBUS ubus)
 	mark_as_advanced(APBASE_UBUSD APBASE_UBUS)
 elseif(APBASE_BUS STREQUAL host)
+	message(STATUS "apbase: the message bus is the stand-in in host/, for development; an installed copy brings it along")
 	set(APBASE_BUS_INCLUDE_DIRS ${PROJECT_SOURCE_DIR}/host/include)
 	add_subdirectory(host)
 	set(APBASE_BUS_LIBRARY_DIR $<TARGET_FILE_DIR:ubus>)

@@ -1,4 +1,4 @@
-"""Builds and runs a small C program against the library, the way a daemon's author would."""
+"""Builds and runs a small program and a daemon on the message bus, in C, the way their author would."""
 
 import argparse
 import json
@@ -26,19 +26,24 @@ installed_library = pathlib.Path(arguments.prefix, arguments.libdir)
 environment = {**os.environ, "CC": arguments.c, "CMAKE_GENERATOR": "Ninja"}
 
 
-def use_pkg_config():
-    environment["PKG_CONFIG_PATH"] = str(installed_library / "pkgconfig")
+def compile_with_pkg_config(name, *packages):
     flags = house.run(
-        ["pkg-config", "--cflags", "--libs", "apbase"], "pkg-config does not find apbase", env=environment
+        ["pkg-config", "--cflags", "--libs", *packages], f"pkg-config does not find {packages}", env=environment
     )
-    program = scratch / "program"
     house.run(
-        [arguments.c, "-std=c11", "-Wall", "-Wextra", "-Werror", "-o", program, source / "program.c"]
+        [arguments.c, "-std=c11", "-Wall", "-Wextra", "-Werror", "-o", scratch / name, source / f"{name}.c"]
         + shlex.split(flags),
-        "the program does not build with pkg-config's flags",
+        f"the {name} does not build with pkg-config's flags",
     )
+
+
+def use_pkg_config():
+    """Returns the folder of the programs, like the functions for the other ways."""
+    environment["PKG_CONFIG_PATH"] = str(installed_library / "pkgconfig")
+    compile_with_pkg_config("program", "apbase")
+    compile_with_pkg_config("daemon", "apbase", "apbase-bus", "jansson")
     environment["LD_LIBRARY_PATH"] = str(installed_library)
-    return program
+    return scratch
 
 
 def use_cmake(folder, *options):
@@ -50,7 +55,7 @@ def use_cmake(folder, *options):
         env=environment,
     )
     house.run([arguments.cmake, "--build", build], f"the {arguments.way} project does not build", env=environment)
-    return build / "program"
+    return build
 
 
 def use_find_package():
@@ -66,8 +71,7 @@ def use_find_package():
 
 
 def use_add_subdirectory():
-    program = use_cmake(source / "add_subdirectory", f"-DAPBASE_TREE={arguments.tree}")
-    build = program.parent
+    build = use_cmake(source / "add_subdirectory", f"-DAPBASE_TREE={arguments.tree}")
     # Nothing but the library, and what it is linked to here, may come along: no tests, no example, no warning
     # flags, nothing to install.
     tree = pathlib.Path(arguments.tree)
@@ -77,9 +81,10 @@ def use_add_subdirectory():
         name = command["file"]
         if "-Werror" in shlex.split(command["command"]):
             house.fail(f"{name} is compiled with -Werror inside another project")
-        if name.endswith("program.c") and "-Wextra" in command["command"]:
+        own = pathlib.Path(name).parent == source
+        if own and "-Wextra" in command["command"]:
             house.fail("the library's warning flags reach the project that uses it")
-        if not name.endswith("program.c") and pathlib.Path(name).parent not in expected:
+        if not own and pathlib.Path(name).parent not in expected:
             house.fail(f"{name} is built inside another project")
     listed = house.run(["ctest", "--test-dir", build, "--show-only"], "ctest fails")
     if "Total Tests: 0" not in listed:
@@ -87,15 +92,19 @@ def use_add_subdirectory():
     house.run([arguments.cmake, "--install", build, "--prefix", scratch / "prefix"], "cmake --install fails")
     if any(path.is_file() for path in (scratch / "prefix").rglob("*")):
         house.fail("the library is installed by a project that only uses it")
-    return program
+    return build
 
 
-program = {
+programs = {
     "pkg_config": use_pkg_config,
     "find_package": use_find_package,
     "add_subdirectory": use_add_subdirectory,
 }[arguments.way]()
-printed = house.run([program], "the program fails", env=environment)
+printed = house.run([programs / "program"], "the program fails", env=environment)
 if printed != "hello from a timeout\n":
     house.fail(f"the program printed {printed!r}")
+# It has to find its libraries to get there.
+result = house.attempt([programs / "daemon", "/nonexistent/bus"], env=environment)
+if result.returncode != 1 or result.stderr != "daemon: no bus\n":
+    house.fail(f"the daemon ended with status {result.returncode} and said {result.stderr!r}")
 shutil.rmtree(scratch)

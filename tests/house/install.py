@@ -6,6 +6,7 @@ Nothing installed may know where it was put, so the other tests use the moved co
 import argparse
 import os
 import pathlib
+import re
 
 import house
 
@@ -15,6 +16,8 @@ parser.add_argument("--build", required=True)
 parser.add_argument("--prefix", required=True)
 parser.add_argument("--libdir", required=True)
 parser.add_argument("--headers", nargs="+", required=True)
+parser.add_argument("--readelf", required=True)
+parser.add_argument("--bus-headers", nargs="*", default=[], help="of the stand-in of the message bus, if it is used")
 arguments = parser.parse_args()
 
 first = pathlib.Path(arguments.prefix + ".first")
@@ -31,11 +34,17 @@ expected |= {
         "libapbase.so",
         "libapbase.so.1",
         "pkgconfig/apbase.pc",
+        "pkgconfig/apbase-bus.pc",
         "cmake/apbase/apbase-config.cmake",
         "cmake/apbase/apbase-config-version.cmake",
         "cmake/apbase/apbase-targets.cmake",
     )
 }
+binaries = {libdir / "libapbase.so"}
+if arguments.bus_headers:
+    bus = libdir / "apbase"
+    binaries |= {bus / name for name in ("libubox.so", "libubus.so", "ubusd", "ubus")}
+    expected |= binaries | {bus / "include" / header for header in arguments.bus_headers}
 installed = {path.relative_to(prefix) for path in prefix.rglob("*") if not path.is_dir()}
 missing = expected - installed
 if missing:
@@ -50,3 +59,8 @@ for path in installed:
         for place in (arguments.build, str(first), str(prefix)):
             if place in text:
                 house.fail(f"{path} names the folder {place}, so the installed copy cannot be moved")
+for path in binaries:
+    dynamic = house.run([arguments.readelf, "-W", "--dynamic", prefix / path], f"{path} cannot be read")
+    for folder in re.findall(r"\((?:RPATH|RUNPATH)\).*\[(.*)\]", dynamic):
+        if not folder.startswith("$ORIGIN"):
+            house.fail(f"{path} looks for libraries in {folder}, which the installed copy should not need")
