@@ -18,6 +18,7 @@ parser.add_argument("--libdir", required=True)
 parser.add_argument("--headers", nargs="+", required=True)
 parser.add_argument("--readelf", required=True)
 parser.add_argument("--bus-headers", nargs="*", default=[], help="of the stand-in of the message bus, if it is used")
+parser.add_argument("--bus-folder", help="where the installed library looks for the message bus, if it has to be told")
 arguments = parser.parse_args()
 
 first = pathlib.Path(arguments.prefix + ".first")
@@ -60,7 +61,8 @@ for path in installed:
             if place in text:
                 house.fail(f"{path} names the folder {place}, so the installed copy cannot be moved")
 for path in binaries:
+    expected_folder = arguments.bus_folder if path.parent == libdir else "$ORIGIN"
     dynamic = house.run([arguments.readelf, "-W", "--dynamic", prefix / path], f"{path} cannot be read")
-    for folder in re.findall(r"\((?:RPATH|RUNPATH)\).*\[(.*)\]", dynamic):
-        if not folder.startswith("$ORIGIN"):
-            house.fail(f"{path} looks for libraries in {folder}, which the installed copy should not need")
+    folders = re.findall(r"\((?:RPATH|RUNPATH)\).*\[(.*)\]", dynamic)
+    if folders != ([expected_folder] if expected_folder else []):
+        house.fail(f"{path} looks for libraries in {folders}, not in {expected_folder}")
