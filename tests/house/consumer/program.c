@@ -5,11 +5,12 @@
 #include <stdio.h>
 
 static struct buffer *text;
+static int failed;
 
 static void say(struct evloop_timeout *timeout)
 {
 	(void)timeout;
-	buffer_printf(text, "hello from a %s\n", "timeout");
+	failed = buffer_printf(text, "hello from a %s\n", "timeout") < 0;
 	evloop_end();
 }
 
@@ -21,7 +22,7 @@ int main(void)
 	if (evloop_init() != 0)
 		return 1;
 	evloop_timeout_set(&timeout, 1);
-	if (evloop_run() != 0 || time_now() < timeout.expires)
+	if (evloop_run() != 0 || failed || time_now() < timeout.expires)
 		return 1;
 	fwrite(text->data, 1, (size_t)text->length, stdout);
 	buffer_free(text);
