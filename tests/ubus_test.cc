@@ -1009,7 +1009,7 @@ TEST_F(ubus_async, timeout_after_an_unnoticed_loss_is_logged_once)
 
 TEST_F(ubus_async, loss_inside_connection_lost_may_free_the_context)
 {
-	put_in_flight(3, 50);
+	put_in_flight(3);
 	client.on_lost = [this] { client.free(); };
 	bus->kill();
 	ASSERT_TRUE(run_until_lost());
