@@ -113,6 +113,7 @@ struct connection {
 	bool is_stalled : 1;     // the next request waits for the peer to take former answers
 	bool reads_portions : 1; // what arrives together may be so because the server let it wait
 	bool ends_read : 1;      // the next read has nothing to ask the kernel for
+	bool has_length : 1;     // the request has a "Content-Length"
 };
 
 static connection *connection_of(httpd_conn *conn)
@@ -659,6 +660,7 @@ static int store_header(httpd_conn *conn, span name, span value)
 // The numbers of strtoul, signs included, but nothing behind them. The result is 0 or a status code.
 static int parse_content_length(httpd_conn *conn, span value)
 {
+	connection *c = connection_of(conn);
 	if (value.is_empty())
 		return 400;
 	char *digits = strndup(value.pos, value.length());
@@ -670,6 +672,9 @@ static int parse_content_length(httpd_conn *conn, span value)
 	free(digits);
 	if (!is_whole || length >= HTTPD_REQUEST_BYTES_LIMIT)
 		return 400;
+	if (c->has_length && length != conn->content_length)
+		return 400;
+	c->has_length = true;
 	conn->content_length = static_cast<uint32_t>(length);
 	return 0;
 }
@@ -691,6 +696,8 @@ static int parse_header(httpd_conn *conn, span line)
 		return 400;
 	span name = {line.pos, colon};
 	span value = trimmed({colon + 1, line.end});
+	if (name.find('\0')) // what follows it could not be seen in the table
+		return 400;
 	// On purpose in this spelling only; "content-length" is a header like any other.
 	if (name.is("Content-Length"))
 		return parse_content_length(conn, value);
@@ -759,6 +766,7 @@ static void forget_request(httpd_conn *conn)
 	conn->decoded_path = nullptr;
 	htable_remove_all(conn->headers);
 	conn->content_length = 0;
+	connection_of(conn)->has_length = false;
 }
 
 // DONE: closes, or makes room for the next request, which may be there already.

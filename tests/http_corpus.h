@@ -108,6 +108,7 @@ class model
 	bool closed_ = false;
 	std::optional<request> head_; // parsed, and waiting for its body
 	size_t head_length_ = 0, body_length_ = 0;
+	bool has_length_ = false;
 
 	struct malformed {
 		int version;
@@ -202,8 +203,9 @@ class model
 		char *end;
 		unsigned long number = strtoul(text, &end, 10);
 		bool whole = end != text && static_cast<size_t>(end - text) == value.size();
-		if (!whole || number >= limit)
+		if (!whole || number >= limit || (has_length_ && number != body_length_))
 			throw malformed{version};
+		has_length_ = true;
 		body_length_ = number;
 	}
 
@@ -213,6 +215,8 @@ class model
 		if (colon == std::string::npos || colon + 1 == line.size())
 			throw malformed{into->version};
 		std::string name = line.substr(0, colon);
+		if (name.find('\0') != std::string::npos)
+			throw malformed{into->version};
 		std::string value = line.substr(colon + 1);
 		size_t first = value.find_first_not_of(white);
 		value = first == std::string::npos
@@ -225,7 +229,7 @@ class model
 				throw malformed{into->version};
 			into->close |= value == "close";
 		} else {
-			into->headers[as_text(name)] = as_text(collapsed(value));
+			into->headers[name] = as_text(collapsed(value));
 		}
 	}
 
@@ -262,6 +266,7 @@ class model
 				return false;
 			head_length_ = end + 4;
 			body_length_ = 0;
+			has_length_ = false;
 			std::string_view head = std::string_view(rx_).substr(0, head_length_);
 			request seen;
 			read_headers(&seen, head, read_request_line(&seen, head));
@@ -383,7 +388,7 @@ inline const std::vector<sample> &corpus()
 			{"A: a\t\tb  c \t d\r\n", 'k', ""}, {"A: 1\r\nA: 2\r\n", 'k', ""},
 			{"A: 1\r\na: 2\r\n", 'k', ""}, {"A: 1\r\nA: \r\n", 'k', ""},
 			{"A: 1\r\nB: 2\r\nA: 3\r\nC: 4\r\nB: 5\r\n", 'k', ""}, {"A: x\0y\r\n"s, 'k', ""},
-			{"A\0B: x\r\n"s, 'k', ""}, {"A: \0\r\n"s, 'k', ""}, {"A: \xff\x80\x01\r\n", 'k', ""},
+			{"A\0B: x\r\n"s, 'r', ""}, {"A: \0\r\n"s, 'k', ""}, {"A: \xff\x80\x01\r\n", 'k', ""},
 			{"A: a\0 \t b\r\n"s, 'k', ""}, {"Transfer-Encoding: chunked\r\n", 'k', ""},
 			{"Expect: 100-continue\r\n", 'k', ""}, {"A: 1\r\nbroken\r\n", 'r', ""},
 			{"A: 1\r\nB:\r\n", 'r', ""}, {"GET / HTTP/1.1\r\n", 'r', ""}, {"A\n: b\r\n", 'k', ""},
@@ -408,13 +413,15 @@ inline const std::vector<sample> &corpus()
 			{"Content-Length: 5\0x\r\n"s, 'r', ""}, {"Content-Length: \0\r\n"s, 'r', ""},
 			{"Content-Length: 7\r\n", 'k', "a\0b\r\n\r\n"s},
 			{"Content-Length: 3\r\n", 'k', "\r\n\r"},
-			{"Content-Length: 9\r\nContent-Length: 4\r\n", 'k', "four"},
+			{"Content-Length: 9\r\nContent-Length: 4\r\n", 'r', "four"},
+			{"Content-Length: 0\r\nContent-Length: 4\r\n", 'r', "four"},
+			{"Content-Length: 04\r\nContent-Length: 4\r\n", 'k', "four"},
 			{"Content-Length: 4\r\nConnection: close\r\n", 'c', "four"},
 			{"Content-Length: 18\r\n", 'k', "GET / HTTP/1.1\r\n\r\n"},
 			{"content-length: 5\r\n", 'k', ""}, {"CONTENT-LENGTH: 5\r\n", 'k', ""},
 			{"Content-length: x\r\n", 'k', ""}, {"Content-Length : 5\r\n", 'k', ""},
 			{"Content-Length2: 5\r\n", 'k', ""}, {"Content-Lengt: 5\r\n", 'k', ""},
-			{"Content-Length\0: 5\r\n"s, 'k', ""}, {"Content-Length: \r\n", 'r', ""},
+			{"Content-Length\0: 5\r\n"s, 'r', ""}, {"Content-Length: \r\n", 'r', ""},
 			{"Content-Length:\r\n", 'r', ""}, {"Content-Length:\r\n\t\r\n", 'r', ""},
 			{"Content-Length: 12abc\r\n", 'r', ""}, {"Content-Length: abc\r\n", 'r', ""},
 			{"Content-Length: 1 2\r\n", 'r', ""}, {"Content-Length: 1\r\n 2\r\n", 'r', ""},

@@ -542,10 +542,17 @@ TEST_F(httpd_headers, names_in_different_case_are_different_headers)
 		ElementsAre(Pair("A", "1"), Pair("a", "2")));
 }
 
-TEST_F(httpd_headers, a_zero_byte_ends_what_can_be_seen_of_a_value_or_a_name)
+TEST_F(httpd_headers, a_zero_byte_ends_what_can_be_seen_of_a_value)
 {
-	EXPECT_THAT(only_request(with_headers("A: b\0c\r\nD\0E: f\r\n"s)).headers,
+	EXPECT_THAT(only_request(with_headers("A: b\0c\r\nD: f\r\n"s)).headers,
 		ElementsAre(Pair("A", "b"), Pair("D", "f")));
+}
+
+TEST_F(httpd_headers, a_zero_byte_in_a_name_is_refused)
+{
+	for (const std::string &name : {"Host\0"s, "\0"s, "D\0E"s, "Content-Length\0"s, "Connection\0"s})
+		EXPECT_EQ(ask(with_headers("A: b\r\n" + name + ": 5\r\n")), bad_request_1_1);
+	EXPECT_THAT(requests, IsEmpty());
 }
 
 TEST_F(httpd_headers, hundreds_of_headers_are_kept)
@@ -695,12 +702,30 @@ TEST_F(httpd_body, a_length_with_a_zero_byte_is_refused)
 	EXPECT_EQ(ask(with_length(" \0"s)), bad_request_1_1);
 }
 
-TEST_F(httpd_body, of_several_lengths_the_last_counts_and_each_must_be_right)
+TEST_F(httpd_body, several_lengths_must_be_right_and_of_the_same_number)
 {
-	EXPECT_EQ(only_request("POST / HTTP/1.1\r\nContent-Length: 9\r\nContent-Length: 2\r\n\r\nab").body,
-		"ab");
-	EXPECT_EQ(
-		ask("POST / HTTP/1.1\r\nContent-Length: x\r\nContent-Length: 2\r\n\r\nab"), bad_request_1_1);
+	auto with_lengths = [](const std::string &first, const std::string &second) {
+		return "POST / HTTP/1.1\r\nContent-Length: " + first + "\r\nContent-Length: " + second +
+		       "\r\n\r\nab";
+	};
+	EXPECT_EQ(only_request(with_lengths("2", "2")).body, "ab");
+	EXPECT_EQ(only_request(with_lengths("2", "+02")).body, "ab");
+	requests.clear();
+	for (const char *other : {"9", "0", "x", ""})
+		for (bool comes_first : {false, true})
+			EXPECT_EQ(ask(comes_first ? with_lengths(other, "2") : with_lengths("2", other)),
+				bad_request_1_1)
+				<< other;
+	EXPECT_THAT(requests, IsEmpty());
+}
+
+TEST_F(httpd_body, the_length_of_a_former_request_does_not_bind_the_next)
+{
+	client far = connect();
+	for (const char *length : {" 2", " 0", " 1"})
+		far.send(with_length(length) + "abcd"s.substr(0, static_cast<size_t>(length[1] - '0')));
+	ASSERT_EQ(requests.size(), 3u);
+	EXPECT_EQ(requests[2].body, "a");
 }
 
 TEST_F(httpd_body, a_refused_length_is_answered_at_once)
