@@ -79,7 +79,7 @@ static constexpr int32_t ABSOLUTE_TARGET_MIN = 8; // "http://h"
 // Bytes that have come and nobody will read are discarded: closing with unread bytes resets the connection,
 // which may cost the peer the end of the last answer. It lessens that, no more: waiting for the peer to
 // stop would keep the connection.
-static constexpr size_t DISCARD_MAX = 1 << 20;
+static constexpr ssize_t DISCARD_MAX = 1 << 20;
 
 // A request's end is computed as a signed number.
 static_assert(int64_t{2} * HTTPD_REQUEST_BYTES_LIMIT <= INT32_MAX);
@@ -158,12 +158,23 @@ static void close_stream(connection *c)
 	s->io.fd = -1;
 }
 
+static void discard_unread(int fd)
+{
+	char bytes[4096];
+	ssize_t length;
+	for (ssize_t left = DISCARD_MAX; left > 0; left -= length) {
+		length = recv(fd, bytes, sizeof bytes, MSG_DONTWAIT);
+		if (length <= 0)
+			return;
+	}
+}
+
 static void finish(connection *c)
 {
 	unlink(&c->pub.node);
 	evloop_timeout_cancel(&c->pub.idle_timer);
 	if (!(c->pub.flags & HTTPD_FD_CLOSED)) {
-		recv(c->pub.stream.io.fd, nullptr, DISCARD_MAX, MSG_TRUNC | MSG_DONTWAIT);
+		discard_unread(c->pub.stream.io.fd);
 		close_stream(c);
 	}
 	buffer_free(c->pub.stream.rx); // of one that was closed while deferred

@@ -2137,6 +2137,19 @@ TEST_F(httpd_connection, a_peer_that_sent_more_than_its_last_request_is_not_rese
 	EXPECT_FALSE(far.was_reset());
 }
 
+TEST_F(httpd_connection, a_peer_over_a_unix_socket_that_sent_more_than_its_last_request_is_not_reset)
+{
+	client far = connect();
+	far.send_some("GET / HTTP/1.0\r\n\r\n");
+	evloop_handle_ios(0); // read, and not looked at yet
+	ASSERT_GT(newest()->stream.rx->length, 0);
+	far.send_some(std::string(50'000, 'x'));
+	far.drain();
+	EXPECT_EQ(requests.size(), 1u);
+	EXPECT_TRUE(far.ended());
+	EXPECT_FALSE(far.was_reset());
+}
+
 TEST_F(httpd_connection, after_a_large_request_an_idle_one_keeps_only_a_small_buffer)
 {
 	client far = connect();
