@@ -16,7 +16,6 @@
 #include <errno.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
@@ -306,12 +305,6 @@ static void follow_rx(connection *c)
 	c->rx_base = base;
 }
 
-static bool peer_is_gone(int fd)
-{
-	pollfd query = {.fd = fd, .events = 0, .revents = 0};
-	return poll(&query, 1, 0) > 0;
-}
-
 static int32_t max_of(int32_t a, int32_t b)
 {
 	return a > b ? a : b;
@@ -351,8 +344,8 @@ static int32_t read_bounded(stream *s, void *bytes, uint32_t count)
 {
 	connection *c = connection_of(s);
 	follow_rx(c);
-	if (s->state != 0) // nothing is asked for: a hang-up, or an event fetched before
-		return peer_is_gone(s->io.fd) ? -1 : -EAGAIN;
+	if (s->state & STREAM_EOF) // nothing is asked for: a hang-up, or an event fetched before
+		return stream_has_hung_up(s) ? -1 : -EAGAIN;
 	if (c->ends_read) {
 		c->ends_read = false;
 		return -EAGAIN;

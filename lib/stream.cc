@@ -5,6 +5,7 @@
 #include "stream.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -41,8 +42,6 @@ static uint32_t held_length;
 
 int32_t stream_read_fd(stream *s, void *bytes, uint32_t count)
 {
-	if (s->state & (STREAM_ERROR | STREAM_READ_DISABLED)) // a hang-up, or an event fetched before
-		return -EAGAIN;
 	ssize_t length;
 	do
 		length = read(s->io.fd, bytes, count);
@@ -108,6 +107,31 @@ static void read_all(stream *s)
 	}
 }
 
+bool stream_has_hung_up(const stream *s)
+{
+	pollfd query = {.fd = s->io.fd, .events = 0, .revents = 0};
+	return poll(&query, 1, 0) > 0;
+}
+
+// No bytes are asked for, so the loop reports a hang-up, or an event that it fetched before. It would report the
+// hang-up again and again.
+static void meet_hang_up(stream *s)
+{
+	if (!stream_has_hung_up(s))
+		return;
+	enter_state(s, STREAM_ERROR);
+	evloop_io_delete(&s->io);
+	evloop_forget(&s->io);
+}
+
+static void read_step(stream *s)
+{
+	if (s->state & (STREAM_ERROR | STREAM_READ_DISABLED))
+		meet_hang_up(s);
+	else
+		read_all(s);
+}
+
 // May release `s`, in notify_write.
 static void write_backlog(stream *s)
 {
@@ -130,7 +154,7 @@ static void on_io(evloop_io *io, unsigned int events)
 {
 	stream *s = owner_of(io, &stream::io);
 	if (events & EVLOOP_READ)
-		read_all(s);
+		read_step(s);
 	if (events & EVLOOP_WRITE)
 		write_backlog(s);
 }

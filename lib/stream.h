@@ -1,8 +1,11 @@
 /*
  * stream - a non-blocking descriptor with a receive and a transmit buffer.
  *
- * Whatever arrives is read into `rx` as soon as it is there; whatever is written is sent at once as
- * far as the kernel takes it, and the rest waits in `tx`. The owner is told of new bytes
+ * Call evloop_init first: a stream watches its descriptor from stream_init on, and without a loop it
+ * would never hear anything.
+ *
+ * Whatever arrives is read into `rx` as soon as it is there. Whatever is written is sent before
+ * stream_write returns, as far as the kernel takes it, and the rest waits in `tx`. The owner is told of new bytes
  * (`notify_read`) and of end of file or an error (`notify_state`) on a later pass of the loop, never
  * from inside the dispatch of the descriptor; of a drained `tx` (`notify_write`) at once.
  *
@@ -25,7 +28,7 @@ extern "C" {
 /* Bits of `state`. */
 #define STREAM_EOF           1 /* end of file was read; writing goes on */
 #define STREAM_ERROR         2 /* a read or a write failed; nothing is read or written any more */
-#define STREAM_READ_DISABLED 4 /* the owner stopped reading */
+#define STREAM_READ_DISABLED 4 /* the owner stopped reading: stream_disable_read */
 
 /*
  * Start from zero bytes; set what you need of `read`, `write` and the three callbacks (before or
@@ -42,8 +45,20 @@ struct stream {
 	/*
 	 * How bytes are read: returns how many (1 to `count`), 0 at end of file, -EAGAIN when there are
 	 * none now, another negative value on an error. Replaceable, by setting it before stream_init;
-	 * the default reads from `io.fd`. A hang-up makes the stream call it also when reading has stopped;
-	 * the default then finds nothing. It must not clean the stream up.
+	 * the default reads from `io.fd`. It is called until it finds nothing, and never after
+	 * stream_disable_read or an error. It must not clean the stream up.
+	 *
+	 * Only here can `rx` be bounded: the owner is not called before the descriptor is empty, so a fast
+	 * sender fills `rx` however soon it is consumed. This one stops at a mark:
+	 *
+	 *	int32_t space = RX_BYTES_MAX - buffer_length(stream->rx);
+	 *	if (space <= 0)
+	 *		return -EAGAIN;
+	 *	ssize_t length = read(stream->io.fd, bytes, count < (uint32_t)space ? count : (uint32_t)space);
+	 *	return length >= 0 ? (int32_t)length : errno == EAGAIN || errno == EINTR ? -EAGAIN : -1;
+	 *
+	 * The rest stays in the kernel, which slows the sender down. While `rx` is full the loop calls again on
+	 * every pass, so consume some of it at each notify_read.
 	 */
 	int32_t (*read)(struct stream *stream, void *bytes, uint32_t count);
 	/*
@@ -65,12 +80,14 @@ struct stream {
  * initialised (evloop_init). Returns 0, or -ENOMEM, which cannot happen as exhausted memory ends
  * the process.
  *
- * All that arrives is read, in chunks of 1024 bytes until there is no more, so `rx` grows without
- * bound if its owner does not consume it; beyond INT32_MAX it would be a STREAM_ERROR. A descriptor
- * that epoll does not take, of a regular file, say, is never read: that is not checked.
+ * All that arrives is read, in chunks of 1024 bytes until there is no more, however much that is: see
+ * `read`. Beyond INT32_MAX bytes in `rx` it would be a STREAM_ERROR. A descriptor that epoll does not take,
+ * of a regular file, say, is never read: that is not checked.
  *
- * A hang-up is reported by the loop again and again: clean up soon after notify_state, and do not leave a
- * stream that has stopped reading unattended.
+ * A peer that hangs up after its end of file is reported by the loop on every pass; so is a pipe whose last
+ * writer has closed it. To read a pipe to its end, take in notify_state what is left in `rx`, which is all
+ * that ever comes, and call stream_cleanup at once. A stream with STREAM_ERROR whose peer hangs up leaves the
+ * loop by itself.
  */
 int stream_init(struct stream *stream, int fd);
 
@@ -100,8 +117,9 @@ int32_t stream_vprintf(struct stream *stream, const char *format, va_list argume
 void stream_notify_read(struct stream *stream);
 
 /*
- * Stops reading for good. What has been received stays in `rx`, what comes stays in the kernel, and
- * neither the end of file nor a hang-up is noticed any more.
+ * Stops reading for good. What has been received stays in `rx`, what comes stays in the kernel, and the
+ * end of file of a peer that still reads is not noticed. A hang-up or a reset is: the stream enters
+ * STREAM_ERROR, whatever is left to read, notify_state follows once, and the stream leaves the loop.
  */
 void stream_disable_read(struct stream *stream);
 

@@ -340,6 +340,63 @@ TEST_F(stream_reading, grows_the_buffer_without_bound)
 	EXPECT_TRUE(s.received() == sent);
 }
 
+// As stream.h has it.
+static int32_t read_up_to_a_mark(stream *s, void *bytes, uint32_t count)
+{
+	int32_t space = 10'000 - buffer_length(s->rx);
+	if (space <= 0)
+		return -EAGAIN;
+	ssize_t length = read(s->io.fd, bytes, std::min(count, static_cast<uint32_t>(space)));
+	if (length >= 0)
+		return static_cast<int32_t>(length);
+	return errno == EAGAIN || errno == EINTR ? -EAGAIN : -1;
+}
+
+TEST_F(stream_reading, is_bounded_by_a_read_that_stops_at_a_mark)
+{
+	socket_pair pair;
+	test_stream s;
+	s.read = read_up_to_a_mark;
+	ASSERT_EQ(stream_init(&s, pair.near.get()), 0);
+	std::string got;
+	s.on_read = [&](test_stream *self) {
+		EXPECT_LE(self->rx->length, 10'000);
+		got += self->take_received();
+	};
+	std::string sent = pattern(100'000);
+	set_nonblocking(pair.far.get());
+	size_t done = 0;
+	ASSERT_TRUE(run_until([&] {
+		ssize_t count = write(pair.far.get(), sent.data() + done, sent.size() - done);
+		done += count > 0 ? static_cast<size_t>(count) : 0;
+		return got.size() == sent.size();
+	}));
+	EXPECT_TRUE(got == sent);
+	EXPECT_LE(s.rx->size, 12'000);
+	pair.far.reset();
+	ASSERT_TRUE(run_until([&] { return s.states == 1; }));
+	EXPECT_EQ(s.state, STREAM_EOF);
+}
+
+TEST_F(stream_reading, of_a_pipe_to_its_end_needs_one_notification)
+{
+	pipe_pair pipe;
+	test_stream s(pipe.read_end.get());
+	std::string got;
+	s.on_state = [&](test_stream *self) {
+		EXPECT_EQ(self->state, STREAM_EOF);
+		got = self->received();
+		stream_cleanup(self);
+	};
+	std::string sent = pattern(30'000);
+	ASSERT_TRUE(write_all(pipe.write_end.get(), sent));
+	pipe.write_end.reset();
+	run_passes(4);
+	EXPECT_TRUE(got == sent);
+	EXPECT_EQ(s.states, 1);
+	EXPECT_EQ(watched_descriptors(), std::set<int>());
+}
+
 TEST_F(stream_reading, works_without_callbacks)
 {
 	socket_pair pair;
@@ -483,6 +540,19 @@ TEST_F(stream_state, a_reset_connection_is_an_error)
 	EXPECT_EQ(s.state, STREAM_ERROR);
 	run_passes(3);
 	EXPECT_EQ(s.states, 1);
+}
+
+TEST_F(stream_state, after_an_error_a_hang_up_does_not_make_the_loop_spin)
+{
+	socket_pair pair;
+	test_stream s;
+	s.write = [](stream *, const void *, uint32_t) -> int32_t { return -1; };
+	ASSERT_EQ(stream_init(&s, pair.near.get()), 0);
+	pair.far.reset();
+	EXPECT_EQ(stream_write(&s, "x", 1), -1);
+	run_passes(4);
+	EXPECT_EQ(s.states_seen, std::vector<int>{STREAM_ERROR});
+	EXPECT_EQ(watched_descriptors(), std::set<int>());
 }
 
 TEST_F(stream_state, an_error_after_end_of_file_is_notified_once_more)
@@ -1143,40 +1213,124 @@ TEST_F(stream_disable_read_test, with_a_backlog_keeps_asking_for_writability)
 	EXPECT_EQ(s.io.flags, EVLOOP_WRITE);
 }
 
-TEST_F(stream_disable_read_test, holds_although_the_peer_hangs_up)
+TEST_F(stream_disable_read_test, hears_once_of_a_peer_that_hangs_up_and_reads_nothing)
 {
-	socket_pair pair;
-	test_stream s(pair.near.get());
-	stream_disable_read(&s);
-	ASSERT_TRUE(write_all(pair.far.get(), "not read"));
-	pair.far.reset(); // the loop reports a hang-up whatever is asked for
-	run_passes(4);
-	EXPECT_EQ(s.rx->length, 0);
-	EXPECT_EQ(s.reads, 0);
-	EXPECT_EQ(s.states, 0); // nor is the end noticed
-	EXPECT_EQ(s.state, STREAM_READ_DISABLED);
-	EXPECT_EQ(read_available(pair.near.get()), "not read");
+	for (const char *unread : {"", "not read"}) {
+		socket_pair pair;
+		test_stream s(pair.near.get());
+		stream_disable_read(&s);
+		ASSERT_TRUE(write_all(pair.far.get(), unread));
+		run_passes(4);
+		EXPECT_EQ(s.states, 0);
+		pair.far.reset();
+		evloop_handle_ios(0);
+		EXPECT_EQ(s.states, 0); // not from inside the dispatch
+		evloop_handle_timeouts();
+		EXPECT_EQ(s.states_seen, std::vector<int>{STREAM_READ_DISABLED | STREAM_ERROR});
+		run_passes(4);
+		EXPECT_EQ(s.states, 1);
+		EXPECT_EQ(s.reads, 0);
+		EXPECT_EQ(s.rx->length, 0);
+		EXPECT_EQ(watched_descriptors(), std::set<int>()); // or the loop would spin
+		EXPECT_EQ(read_available(pair.near.get()), unread);
+		EXPECT_EQ(stream_write(&s, "x", 1), 0);
+		EXPECT_EQ(watched_descriptors(), std::set<int>());
+	}
 }
 
-TEST_F(stream_disable_read_test, leaves_it_to_a_replaced_read_what_a_hang_up_means)
+TEST_F(stream_disable_read_test, hears_of_a_reset_connection)
+{
+	loopback_listener listener;
+	owned_fd near = connect_to(listener.port), far = listener.accept_one();
+	test_stream s(near.get());
+	stream_disable_read(&s);
+	linger reset{1, 0};
+	ASSERT_EQ(setsockopt(far.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset)), 0);
+	far.reset();
+	ASSERT_TRUE(run_until([&] { return s.states == 1; }));
+	EXPECT_EQ(s.state, STREAM_READ_DISABLED | STREAM_ERROR);
+	run_passes(4);
+	EXPECT_EQ(s.states, 1);
+	EXPECT_EQ(watched_descriptors(), std::set<int>());
+}
+
+TEST_F(stream_disable_read_test, hears_of_the_end_of_either_side_of_a_pipe)
+{
+	for (bool writing : {false, true}) {
+		pipe_pair pipe;
+		owned_fd *near = writing ? &pipe.write_end : &pipe.read_end;
+		owned_fd *far = writing ? &pipe.read_end : &pipe.write_end;
+		test_stream s(near->get());
+		stream_disable_read(&s);
+		far->reset();
+		run_passes(4);
+		EXPECT_EQ(s.states_seen, std::vector<int>{STREAM_READ_DISABLED | STREAM_ERROR});
+		EXPECT_EQ(watched_descriptors(), std::set<int>());
+	}
+}
+
+TEST_F(stream_disable_read_test, hears_of_a_hang_up_without_asking_a_replaced_read)
 {
 	socket_pair pair;
 	test_stream s;
 	static int read_calls;
 	read_calls = 0;
-	s.read = [](stream *self, void *, uint32_t) -> int32_t {
+	s.read = [](stream *self, void *bytes, uint32_t count) {
 		++read_calls;
-		return self->state & STREAM_READ_DISABLED ? -1 : -EAGAIN;
+		return static_cast<int32_t>(::read(self->io.fd, bytes, count));
 	};
 	ASSERT_EQ(stream_init(&s, pair.near.get()), 0);
 	stream_disable_read(&s);
-	run_passes(2);
-	EXPECT_EQ(read_calls, 0);
+	ASSERT_TRUE(write_all(pair.far.get(), "not read"));
 	pair.far.reset();
-	run_passes(2);
-	EXPECT_GE(read_calls, 1);
+	run_passes(4);
+	EXPECT_EQ(read_calls, 0);
 	EXPECT_EQ(s.state, STREAM_READ_DISABLED | STREAM_ERROR);
 	EXPECT_EQ(s.states, 1);
+	EXPECT_EQ(watched_descriptors(), std::set<int>());
+}
+
+TEST_F(stream_disable_read_test, hears_once_of_a_hang_up_that_a_backlog_meets_too)
+{
+	socket_pair pair;
+	test_stream s(pair.near.get());
+	fill(pair.near.get());
+	EXPECT_EQ(stream_write(&s, "backlog", 7), 7);
+	stream_disable_read(&s);
+	pair.far.reset();
+	run_passes(4);
+	EXPECT_EQ(s.states_seen, std::vector<int>{STREAM_READ_DISABLED | STREAM_ERROR});
+	EXPECT_EQ(s.writes, 0);
+	EXPECT_EQ(watched_descriptors(), std::set<int>());
+}
+
+TEST_F(stream_disable_read_test, does_not_take_a_half_closed_peer_for_gone)
+{
+	loopback_listener listener;
+	owned_fd near = connect_to(listener.port), far = listener.accept_one();
+	test_stream s(near.get());
+	ASSERT_EQ(shutdown(far.get(), SHUT_WR), 0);
+	ASSERT_TRUE(wait_for(near.get(), POLLIN));
+	stream_disable_read(&s);
+	run_passes(4);
+	EXPECT_EQ(s.states, 0);
+	EXPECT_EQ(stream_write(&s, "still here", 10), 10);
+	ASSERT_TRUE(wait_for(far.get(), POLLIN));
+	EXPECT_EQ(read_available(far.get()), "still here");
+}
+
+TEST_F(stream_disable_read_test, works_without_callbacks_when_the_peer_hangs_up)
+{
+	socket_pair pair;
+	stream s{};
+	ASSERT_EQ(stream_init(&s, pair.near.get()), 0);
+	stream_disable_read(&s);
+	pair.far.reset();
+	run_passes(2);
+	EXPECT_EQ(s.state, STREAM_READ_DISABLED | STREAM_ERROR);
+	EXPECT_EQ(watched_descriptors(), std::set<int>());
+	EXPECT_EQ(evloop_get_next_timeout(), -1);
+	stream_cleanup(&s);
 }
 
 TEST_F(stream_disable_read_test, holds_for_an_event_that_was_fetched_before)
@@ -1190,6 +1344,7 @@ TEST_F(stream_disable_read_test, holds_for_an_event_that_was_fetched_before)
 	stream_disable_read(&b);
 	run_passes(3);
 	EXPECT_EQ(b.rx->length, 0);
+	EXPECT_EQ(b.states, 0);
 	EXPECT_EQ(read_available(second.near.get()), "two");
 }
 

@@ -8,6 +8,9 @@ int32_t stream_read_fd(stream *s, void *bytes, uint32_t count);
 // Goes on reading after stream_disable_read.
 void stream_resume_read(stream *s);
 
+// True when the descriptor is in error, or both of its directions are over.
+bool stream_has_hung_up(const stream *s);
+
 // Where what is written to a held stream is collected: on the stack of whoever holds it, which costs no memory
 // before bytes come, and none while nothing is held.
 struct stream_room {
