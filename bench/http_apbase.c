@@ -1,6 +1,6 @@
 /*
  * The HTTP server of this library with the plainest handler there is: a head and a body, composed and
- * written one after the other.
+ * written in one piece.
  *
  * usage: http_apbase PORT BODY_BYTES
  */
@@ -31,9 +31,8 @@ static int32_t answer(struct httpd_conn *conn)
 		failed = http_res_put_header(head, "Content-Length", "%d", (int)body_bytes);
 	if (failed || buffer_write(head, "\r\n", 2) != 2)
 		return 0;
-	buffer_write(conn->res_body, body, body_bytes);
+	buffer_write(head, body, body_bytes);
 	stream_write(&conn->stream, head->data, (uint32_t)head->length);
-	stream_write(&conn->stream, conn->res_body->data, (uint32_t)conn->res_body->length);
 	httpd_res_buffers_reset(conn);
 	return 1;
 }

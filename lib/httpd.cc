@@ -68,7 +68,7 @@ LAYOUT_SIZE(httpd_conn, 232);
 static constexpr int64_t IDLE_MS = 60000;        // without a byte from the peer
 static constexpr int64_t DRAIN_STALL_MS = 60000; // without a byte of the last answer taken by the peer
 
-static constexpr int32_t RX_KEPT_MAX = 4096; // bytes that an idle connection keeps for its next request
+static constexpr int32_t BUFFER_KEPT_MAX = 4096; // bytes that an idle connection keeps for its next request
 
 static constexpr int32_t PROBES_MAX = 512; // steps to find a header's place in its table
 
@@ -104,7 +104,7 @@ enum class step {
 struct connection {
 	httpd_conn pub;
 	uintptr_t rx_base;    // where `rx` was when the request's pointers were right
-	int32_t searched_len; // bytes of `rx` known to hold no blank line
+	int32_t searched_len; // bytes of the request, or of the next one, known to hold no blank line
 	ending put_off;       // asked for while the handler ran, or while deferred
 	bool in_handler : 1;
 	bool is_draining : 1;
@@ -113,6 +113,8 @@ struct connection {
 	bool reads_portions : 1; // what arrives together may be so because the server let it wait
 	bool ends_read : 1;      // the next read has nothing to ask the kernel for
 	bool has_length : 1;     // the request has a "Content-Length"
+	bool expects_more : 1;   // what is sent now will most likely be followed by more at once
+	bool is_unpushed : 1;    // the kernel waits for that
 };
 
 static connection *connection_of(httpd_conn *conn)
@@ -200,7 +202,6 @@ static void on_drain_stalled(evloop_timeout *timeout)
 static void drain(connection *c)
 {
 	stream *s = &c->pub.stream;
-	stream_release(s);
 	if (s->tx->length == 0) {
 		finish(c);
 		return;
@@ -248,6 +249,7 @@ static void teardown(connection *c, ending mode)
 		return;
 	}
 	release_request(c);
+	stream_uncork(&c->pub.stream); // which may fail
 	if (mode == ending::immediate || (c->pub.stream.state & STREAM_ERROR))
 		finish(c);
 	else
@@ -364,15 +366,41 @@ static void note_progress(connection *c)
 // The stream's `write`: a peer that has gone is an error here, not a signal to the daemon.
 static int32_t write_quietly(stream *s, const void *bytes, uint32_t count)
 {
+	connection *c = connection_of(s);
 	ssize_t length;
 	do
-		length = send(s->io.fd, bytes, count, MSG_NOSIGNAL);
+		length = send(s->io.fd, bytes, count, MSG_NOSIGNAL | (c->expects_more ? MSG_MORE : 0));
 	while (length < 0 && errno == EINTR);
 	if (length < 0)
 		return errno == EAGAIN ? 0 : -1;
-	if (length > 0)
-		note_progress(connection_of(s));
+	if (length > 0) {
+		c->is_unpushed = c->expects_more;
+		note_progress(c);
+	}
 	return static_cast<int32_t>(length);
+}
+
+// Sends the answers gathered so far. They are the kernel's from here on, whatever the handler does next, and leave
+// with what it writes. If it only works, the kernel sends them by itself after some 200 ms.
+static void send_gathered(connection *c)
+{
+	c->expects_more = true;
+	stream_uncork(&c->pub.stream);
+	c->expects_more = false;
+}
+
+static void set_no_delay(int fd)
+{
+	int on = 1;
+	setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+// Nothing followed: the kernel is told not to wait.
+static void push_gathered(connection *c)
+{
+	if (c->is_unpushed)
+		set_no_delay(c->pub.stream.io.fd);
+	c->is_unpushed = false;
 }
 
 // --- Parsing
@@ -408,6 +436,11 @@ struct span {
 		while (pos < end && *pos == ' ')
 			pos++;
 	}
+	void skip_line_ends()
+	{
+		while (pos < end && (*pos == '\r' || *pos == '\n'))
+			pos++;
+	}
 };
 
 static span received(const httpd_conn *conn)
@@ -430,13 +463,13 @@ static bool is_white(char c)
 
 static char *decode(span text, int32_t length);
 
-// An idle connection does not keep what a large request took.
-static void shrink_rx(stream *s)
+// An idle connection does not keep what a large request or answer took.
+static void shrink(buffer **b)
 {
-	if (s->rx->size <= RX_KEPT_MAX)
+	if ((*b)->length > 0 || (*b)->size <= BUFFER_KEPT_MAX)
 		return;
-	buffer_free(s->rx);
-	s->rx = buffer_new();
+	buffer_free(*b);
+	*b = buffer_new();
 }
 
 // IDLE: skips stray line ends. A request begins only while the peer takes the answers to former ones.
@@ -451,31 +484,36 @@ static step state_idle(connection *c)
 	}
 	span rest = received(conn);
 	const char *start = rest.pos;
-	while (!rest.is_empty() && (*rest.pos == '\r' || *rest.pos == '\n'))
-		rest.pos++;
+	rest.skip_line_ends();
 	buffer_consume(conn->stream.rx, static_cast<int32_t>(rest.pos - start));
 	if (rest.is_empty()) {
-		shrink_rx(&conn->stream);
+		shrink(&conn->stream.rx);
+		shrink(&conn->stream.tx);
 		return step::wait;
 	}
-	c->searched_len = 0;
 	conn->state = HTTPD_STATE_REQUEST_LINE;
 	return step::next;
 }
 
-// True once the head has arrived whole. Bytes searched before are not searched again.
+// The blank line of the request that `text` begins with. Bytes searched before are not searched again.
+static const char *find_blank_line(connection *c, span text)
+{
+	span unsearched = {text.pos + c->searched_len, text.end};
+	const char *blank_line = unsearched.find(BLANK_LINE);
+	int32_t overlap = sizeof BLANK_LINE - 2; // all but the last byte of it may be there already
+	int32_t length = static_cast<int32_t>((blank_line ? blank_line + overlap : text.end) - text.pos);
+	c->searched_len = length > overlap ? length - overlap : 0;
+	return blank_line;
+}
+
+// True once the head has arrived whole.
 static bool find_head(connection *c)
 {
 	httpd_conn *conn = &c->pub;
 	span text = received(conn);
-	span unsearched = {text.pos + c->searched_len, text.end};
-	const char *blank_line = unsearched.find(BLANK_LINE);
-	if (!blank_line) {
-		int32_t overlap = sizeof BLANK_LINE - 2; // all but the last byte of it may be there already
-		int32_t length = static_cast<int32_t>(text.length());
-		c->searched_len = length > overlap ? length - overlap : 0;
+	const char *blank_line = find_blank_line(c, text);
+	if (!blank_line)
 		return false;
-	}
 	conn->head_end = blank_line + sizeof BLANK_LINE - 1;
 	conn->head_len = static_cast<int32_t>(conn->head_end - text.pos);
 	return true;
@@ -740,15 +778,42 @@ static step state_body(connection *c)
 	return step::next;
 }
 
+static bool is_last_request(const httpd_conn *conn)
+{
+	return conn->close_requested || conn->version == 0;
+}
+
+// True if the head of the next request has arrived, too.
+static bool find_next_head(connection *c)
+{
+	span rest = received(&c->pub);
+	rest.pos = c->pub.body + c->pub.body_len;
+	rest.skip_line_ends();
+	c->searched_len = 0;
+	return find_blank_line(c, rest);
+}
+
+// An answer may wait for the one to the next request, which is there. What changes the device is asked for with
+// another method than GET, and its handler may not return.
+static bool may_gather(connection *c)
+{
+	return find_next_head(c) && c->pub.method == HTTPD_METHOD_GET && !is_last_request(&c->pub);
+}
+
 // DISPATCH: calls the handler, which may end the connection, or put off its answer, before it returns.
 static step state_dispatch(connection *c)
 {
 	httpd_conn *conn = &c->pub;
 	if (!conn->ctx->handler)
 		return end_gracefully(c);
+	if (may_gather(c))
+		stream_cork(&conn->stream);
+	else
+		send_gathered(c);
 	c->in_handler = true;
 	int32_t result = conn->ctx->handler(conn);
 	c->in_handler = false;
+	push_gathered(c);
 	if (is_deferred(c))
 		return step::wait;
 	if (c->put_off != ending::none) {
@@ -777,7 +842,7 @@ static void forget_request(httpd_conn *conn)
 static step state_done(connection *c)
 {
 	httpd_conn *conn = &c->pub;
-	if (conn->close_requested || conn->version == 0)
+	if (is_last_request(conn))
 		return end_gracefully(c);
 	buffer *rx = conn->stream.rx;
 	buffer_consume(rx, conn->head_len + static_cast<int32_t>(conn->content_length));
@@ -827,7 +892,6 @@ static void settle(connection *c)
 
 // --- A connection's callbacks
 
-// All answers of one run leave together, with stream_release, which does not touch a connection that is gone.
 static void on_readable(stream *s)
 {
 	connection *c = connection_of(s);
@@ -835,12 +899,10 @@ static void on_readable(stream *s)
 	if (is_deferred(c) || c->in_handler)
 		return;
 	follow_rx(c);
-	stream_room room;
-	stream_hold(s, &room);
-	step result = run_parser(c);
-	stream_release(s);
-	if (result == step::wait)
-		settle(c);
+	if (run_parser(c) != step::wait)
+		return;
+	stream_uncork(s);
+	settle(c);
 }
 
 // A deferred connection whose peer has gone waits for its answer off the loop: the hang-up would be reported
@@ -932,8 +994,7 @@ void httpd_accept(int fd, uint32_t arg, void *ctx)
 	}
 	// Answers that leave in several writes would wait for the peer's delayed acknowledgements. Of no
 	// consequence for what is not TCP.
-	int on = 1;
-	setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+	set_no_delay(fd);
 	conn->res_head = buffer_new();
 	conn->res_body = buffer_new();
 	conn->idle_timer.cb = on_idle;
@@ -947,6 +1008,7 @@ void httpd_accept(int fd, uint32_t arg, void *ctx)
 void httpd_defer(struct httpd_conn *conn)
 {
 	conn->flags |= HTTPD_DEFERRED;
+	stream_uncork(&conn->stream);
 }
 
 // Whoever asked meanwhile for the end at once, or made it the only one possible, gets it.
@@ -1087,9 +1149,16 @@ int32_t httpd_common_headers(struct httpd_conn *conn)
 	return is_done ? 0 : -1;
 }
 
-static bool send_buffer(httpd_conn *conn, const buffer *b)
+// Head and body, in one write. Both buffers stay as they were composed.
+static bool send_composed(httpd_conn *conn)
 {
-	return stream_write(&conn->stream, b->data, static_cast<uint32_t>(b->length)) == b->length;
+	buffer *whole = conn->res_head;
+	int32_t head_length = whole->length;
+	bool is_sent = buffer_append(whole, conn->res_body->data, conn->res_body->length) >= 0 &&
+		       stream_write(&conn->stream, whole->data, static_cast<uint32_t>(whole->length)) ==
+			       whole->length;
+	whole->length = head_length;
+	return is_sent;
 }
 
 int32_t httpd_fail(struct httpd_conn *conn, int version, int code)
@@ -1115,7 +1184,7 @@ int32_t httpd_fail(struct httpd_conn *conn, int version, int code)
 	result = put_literal(conn->res_head, LINE_END);
 	if (result < 0)
 		return result;
-	if (!send_buffer(conn, conn->res_head) || !send_buffer(conn, conn->res_body))
+	if (!send_composed(conn))
 		return -ENOMEM;
 	httpd_res_buffers_reset(conn);
 	return result; // on purpose what the blank line gave, 2

@@ -7,8 +7,8 @@
  *
  *	static int32_t handle(struct httpd_conn *conn)
  *	{
- *		...compose conn->res_head and conn->res_body, or call httpd_fail...
- *		...stream_write them to &conn->stream...
+ *		...compose conn->res_body, then conn->res_head, or call httpd_fail...
+ *		...append the body to the head, and stream_write both at once to &conn->stream...
  *		return 1;
  *	}
  *
@@ -17,9 +17,19 @@
  *	listener.user = &ctx;
  *	sock_listen(&listener, NULL, "8080", 16);
  *
+ * Call evloop_init before the first httpd_accept: a connection watches its descriptor and sets a timeout.
+ *
  * Limits. A request's head has at most 66,560 bytes, and its body 66,560. The first counts all that has
  * arrived when the head is parsed: a peer that sends the body, or further requests, in one burst with it
- * stays below 66,561 bytes in all. What exceeds them is answered 400.
+ * stays below 66,561 bytes in all. What exceeds them is answered 400. So whether a body of nearly 66,560
+ * bytes is taken depends on how it arrives: after its head it is, together with it it is not. Do not rely on
+ * more than 66,560 bytes for head and body together.
+ *
+ * The length of a body comes from "Content-Length", in this spelling, and from nothing else. A BODY WHOSE
+ * LENGTH WAS NOT UNDERSTOOD IS PARSED AS THE NEXT REQUEST: one that is announced by "content-length", or that
+ * is sent in chunks. What the peer put there, or somebody whose text it passes on, is then a request of
+ * its own, and the handler is called with it. A handler that changes anything refuses such requests and
+ * returns 0.
  *
  * A connection never holds more than HTTPD_RX_BYTES_MAX received bytes: it stops reading there until
  * requests have been answered. (The headers of a request take up to some ten times the bytes of its head
@@ -105,10 +115,16 @@ struct httpd_conn;
  * It may call httpd_defer and httpd_defer_complete, and httpd_ctx_cleanup: `conn` stays valid until
  * it returns. It must not call stream_cleanup on the connection's stream, nor run the loop.
  *
- * What a handler writes leaves in one piece with the answers to the requests that wait behind,
- * after it has returned. Up to 16 KB that wait count as taken, so a peer that has gone meanwhile shows in
- * no result there, but ends the connection afterwards. A handler that writes to the descriptor by itself, or
- * ends the process, calls stream_flush_tx_async first.
+ * What it writes is sent at once, as stream_write says: it may then work for long, end the process, or
+ * hand the descriptor to a child. So one write of head and body costs one send, and two cost two.
+ *
+ * There is one exception: answers are gathered, up to 16 KiB, while the whole head of another request has
+ * been received, too, and the one being answered is a GET that keeps the connection. They leave together.
+ * What is gathered counts as taken: that the peer has gone shows in no result, but ends the connection
+ * afterwards. It is handed to the kernel before the handler is called for the last of these requests, or for
+ * one that is not a GET; by httpd_defer; and by stream_flush_tx_async, which a handler of a GET calls before it
+ * ends the process or hands the descriptor to a child. Over TCP the kernel may wait for the last answer, some
+ * 200 ms at most, to send it in one piece with the others.
  */
 typedef int32_t (*httpd_handler)(struct httpd_conn *conn);
 
@@ -162,10 +178,16 @@ struct httpd_conn {
 	char *decoded_path;
 	uint8_t close_requested; /* 1: "Connection: close" */
 	uint32_t content_length;
-	int32_t state;           /* HTTPD_STATE_* */
-	struct htable *headers;  /* name to value, both strings; use httpd_header_table_get */
-	struct buffer *res_head; /* the answer's head and body, for the handler to compose in; empty them */
-	struct buffer *res_body; /* with httpd_res_buffers_reset when done */
+	int32_t state;          /* HTTPD_STATE_* */
+	struct htable *headers; /* name to value, both strings; use httpd_header_table_get */
+	/*
+	 * The answer's head and body, for the handler to compose in; empty them with httpd_res_buffers_reset
+	 * when done. Each starts with 512 bytes. buffer_write extends them, but what formats into them
+	 * (buffer_printf, http_res_put_*, httpd_common_headers) fills only the space that is free: a text that does
+	 * not fit is missing, and the result is negative. Do not send what has failed; httpd_fail starts anew.
+	 */
+	struct buffer *res_head;
+	struct buffer *res_body;
 };
 
 /* Sets up a server without connections. */
@@ -217,7 +239,8 @@ const char *http_code_to_string(int code);
 /*
  * Append "HTTP/1.1 <code> <reason>" (or "HTTP/1.0", if `version` is 0) and "<name>: <value>", each
  * with its line end, to a head being composed. Return 0, or a negative number: as buffer_printf does, a
- * formatted text that does not fit the buffer with its terminating zero fails with -ENOMEM.
+ * formatted text that does not fit the buffer with its terminating zero fails with -ENOMEM. The name of a
+ * header that failed is in the buffer nevertheless: drop the head.
  */
 int32_t http_res_put_status_line(struct buffer *buffer, int version, int code, const char *reason);
 int32_t http_res_put_header(struct buffer *buffer, const char *name, const char *format, ...)
@@ -230,11 +253,12 @@ int32_t http_res_put_header(struct buffer *buffer, const char *name, const char 
 int32_t httpd_common_headers(struct httpd_conn *conn);
 
 /*
- * Composes and writes a whole error answer with a small HTML page; what was composed before is
- * discarded. It does not close the connection: return 0 or non-zero from the handler.
+ * Composes a whole error answer with a small HTML page, and writes it in one piece; what was composed
+ * before is discarded. It does not close the connection: return 0 or non-zero from the handler.
  *
  * Returns: 2 on success (on purpose, not 0: what appending the blank line gave), the negative
- *          result of the step that failed otherwise, -ENOMEM if the stream did not take it all.
+ *          result of the step that failed otherwise, -ENOMEM if the stream did not take it all. After a
+ *          failure the buffers keep what was composed.
  */
 int32_t httpd_fail(struct httpd_conn *conn, int version, int code);
 

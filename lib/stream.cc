@@ -12,6 +12,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "internal/buffer-internal.h"
 #include "internal/evloop-internal.h"
 #include "internal/intrusive.h"
 #include "internal/layout.h"
@@ -33,12 +34,10 @@ LAYOUT_SIZE(stream, 96);
 static constexpr int32_t TX_SIZE = 256; // bytes at first
 static constexpr int32_t RX_SIZE = 512;
 static constexpr int32_t READ_CHUNK = 1024; // bytes read at once, into the stack
+static constexpr int32_t CORKED_BYTES_MAX = 16384;
 
-// What is written to the held stream before it is sent, in its holder's room. While bytes wait there its `tx` is
-// empty.
-static stream *held_stream;
-static stream_room *held;
-static uint32_t held_length;
+// All that waits in the `tx` of the corked stream was written since it was corked.
+static stream *corked_stream;
 
 int32_t stream_read_fd(stream *s, void *bytes, uint32_t count)
 {
@@ -68,6 +67,11 @@ static int32_t write_fd(stream *s, const void *bytes, uint32_t count)
 	return static_cast<int32_t>(taken);
 }
 
+static bool has_backlog(const stream *s)
+{
+	return s->tx->length > 0 && s != corked_stream;
+}
+
 static void update_watcher(stream *s, bool want_write)
 {
 	if (!s->tx) // cleaned up: it stays off the loop
@@ -75,7 +79,7 @@ static void update_watcher(stream *s, bool want_write)
 	unsigned int flags = 0;
 	if (!(s->state & (STREAM_EOF | STREAM_ERROR | STREAM_READ_DISABLED)))
 		flags |= EVLOOP_READ;
-	if (want_write || (!(s->state & STREAM_ERROR) && s->tx->length > 0))
+	if (want_write || (!(s->state & STREAM_ERROR) && has_backlog(s)))
 		flags |= EVLOOP_WRITE;
 	if (flags == 0 && !s->io.registered) // taken off the loop by its owner, or never taken: stay off
 		return;
@@ -132,17 +136,23 @@ static void read_step(stream *s)
 		read_all(s);
 }
 
-// May release `s`, in notify_write.
-static void write_backlog(stream *s)
+// Sends what waits in `tx`, as far as it is taken.
+static void send_tx(stream *s)
 {
 	while (s->tx->length > 0 && !(s->state & STREAM_ERROR)) {
 		int32_t taken = s->write(s, s->tx->data, static_cast<uint32_t>(s->tx->length));
 		if (taken < 0)
 			return enter_state(s, STREAM_ERROR);
 		if (taken == 0)
-			break;
+			return;
 		buffer_consume(s->tx, taken);
 	}
+}
+
+// May release `s`, in notify_write.
+static void write_backlog(stream *s)
+{
+	send_tx(s);
 	if (s->tx->length > 0)
 		return;
 	update_watcher(s, false);
@@ -212,35 +222,20 @@ static int32_t write_through(stream *s, const void *bytes, uint32_t count)
 	return static_cast<int32_t>(count);
 }
 
-static void send_held(stream *s)
-{
-	if (held_stream != s || held_length == 0)
-		return;
-	uint32_t length = held_length;
-	held_length = 0;
-	write_through(s, held->bytes, length);
-}
-
-static bool can_hold(const stream *s, uint32_t count)
-{
-	return held_stream == s && s->tx->length == 0 && count <= sizeof held->bytes - held_length;
-}
-
 int32_t stream_write(struct stream *stream, const void *bytes, uint32_t count)
 {
 	if (!stream->tx)
 		return -EINVAL;
-	if (!can_hold(stream, count))
-		send_held(stream); // which may fail
+	if (stream == corked_stream && count > static_cast<uint32_t>(CORKED_BYTES_MAX - stream->tx->length))
+		stream_uncork(stream); // which may fail
 	if ((stream->state & STREAM_ERROR) || !bytes)
 		return 0;
 	if (count > static_cast<uint32_t>(INT32_MAX - stream->tx->length))
 		return -EINVAL;
-	if (!can_hold(stream, count))
-		return write_through(stream, bytes, count);
-	memcpy(held->bytes + held_length, bytes, count);
-	held_length += count;
-	return static_cast<int32_t>(count);
+	if (stream == corked_stream)
+		return buffer_append(
+			stream->tx, static_cast<const char *>(bytes), static_cast<int32_t>(count));
+	return write_through(stream, bytes, count);
 }
 
 int32_t stream_printf(struct stream *stream, const char *format, ...)
@@ -285,7 +280,7 @@ void stream_resume_read(stream *s)
 
 void stream_flush_tx_async(struct stream *stream, void (*callback)(struct stream *stream))
 {
-	send_held(stream);
+	stream_uncork(stream);
 	if (buffer_length(stream->tx) == 0)
 		callback(stream);
 	else
@@ -296,7 +291,7 @@ void stream_cleanup(struct stream *stream)
 {
 	if (!stream->tx)
 		return;
-	stream_release(stream);
+	stream_uncork(stream);
 	evloop_io_delete(&stream->io);
 	evloop_forget(&stream->io);
 	evloop_timeout_cancel(&stream->state_timer);
@@ -306,17 +301,18 @@ void stream_cleanup(struct stream *stream)
 	stream->rx = stream->tx = nullptr;
 }
 
-void stream_hold(stream *s, stream_room *room)
+void stream_cork(stream *s)
 {
-	if (held_stream)
-		return;
-	held_stream = s;
-	held = room;
+	if (!corked_stream && s->tx->length == 0)
+		corked_stream = s;
 }
 
-void stream_release(stream *s)
+void stream_uncork(stream *s)
 {
-	send_held(s);
-	if (held_stream == s)
-		held_stream = nullptr;
+	if (s != corked_stream)
+		return;
+	corked_stream = nullptr;
+	send_tx(s);
+	if (s->tx->length > 0)
+		update_watcher(s, false);
 }

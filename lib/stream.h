@@ -5,7 +5,8 @@
  * would never hear anything.
  *
  * Whatever arrives is read into `rx` as soon as it is there. Whatever is written is sent before
- * stream_write returns, as far as the kernel takes it, and the rest waits in `tx`. The owner is told of new bytes
+ * stream_write returns, as far as the kernel takes it, and the rest waits in `tx`. (httpd gathers the
+ * answers to requests that were received together; httpd.h says when.) The owner is told of new bytes
  * (`notify_read`) and of end of file or an error (`notify_state`) on a later pass of the loop, never
  * from inside the dispatch of the descriptor; of a drained `tx` (`notify_write`) at once.
  *
@@ -93,7 +94,9 @@ int stream_init(struct stream *stream, int fd);
 
 /*
  * Writes `count` bytes: to the descriptor, as far as nothing is queued before them and it takes
- * them, the rest to `tx`. A stream without a backlog costs one system call and no copy.
+ * them, the rest to `tx`. A stream without a backlog costs one system call and no copy. What the
+ * descriptor has taken is the kernel's when this returns: the process may end, or hand the descriptor to
+ * a child. What is in `tx` is lost with the process.
  *
  * Returns: the number of bytes sent or queued, normally `count`; 0 once STREAM_ERROR is set (the
  *          bytes are dropped), and for null `bytes`; the negative result of `write` when that fails

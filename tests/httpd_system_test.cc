@@ -303,13 +303,13 @@ protected:
 
 	static void respond(httpd_conn *conn, int code, const std::string &text)
 	{
-		http_res_put_status_line(conn->res_head, conn->version, code, http_code_to_string(code));
-		httpd_common_headers(conn);
-		http_res_put_header(conn->res_head, "Content-Length", "%zu", text.size());
-		buffer_write(conn->res_head, "\r\n", 2);
-		stream_write(
-			&conn->stream, conn->res_head->data, static_cast<uint32_t>(conn->res_head->length));
-		write_text(conn, text);
+		buffer *head = conn->res_head;
+		EXPECT_EQ(http_res_put_status_line(head, conn->version, code, http_code_to_string(code)), 0);
+		EXPECT_EQ(httpd_common_headers(conn), 0);
+		EXPECT_EQ(http_res_put_header(head, "Content-Length", "%zu", text.size()), 0);
+		buffer_write(head, "\r\n", 2);
+		buffer_write(head, text.data(), static_cast<int32_t>(text.size()));
+		stream_write(&conn->stream, head->data, static_cast<uint32_t>(head->length));
 		httpd_res_buffers_reset(conn);
 	}
 

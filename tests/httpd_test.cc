@@ -1,7 +1,9 @@
 // The HTTP server over real sockets, one behaviour a test; the corpus and curl are in httpd_system_test.cc.
 #include <limits.h>
+#include <linux/sockios.h>
 #include <malloc.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -1033,44 +1035,239 @@ TEST_F(httpd_keep_alive, the_state_tells_what_a_connection_waits_for)
 
 using httpd_writes = server_test;
 
-TEST_F(httpd_writes, head_and_body_of_an_answer_leave_in_one_send)
+TEST_F(httpd_writes, reach_the_peer_while_the_handler_still_runs)
 {
-	on_request = [](httpd_conn *conn) {
-		for (const char *part : {"HTTP/1.1 200 OK\r\n", "Content-Length: 4\r\n", "\r\n", "bo", "dy"})
+	client far = connect(SOCK_SEQPACKET);
+	on_request = [&](httpd_conn *conn) {
+		for (const char *part :
+			{"HTTP/1.1 200 OK\r\n", "Content-Length: 4\r\n", "\r\n", "bo", "dy"}) {
+			far.portions.clear();
 			EXPECT_EQ(write_text(conn, part), static_cast<int32_t>(strlen(part)));
+			far.receive();
+			EXPECT_THAT(far.portions, ElementsAre(part));
+		}
 		return 1;
 	};
-	client far = connect(SOCK_SEQPACKET);
 	far.send("GET / HTTP/1.1\r\n\r\n");
-	far.drain();
-	EXPECT_THAT(far.portions, ElementsAre("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nbody"));
+	EXPECT_EQ(far.got, "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nbody");
 }
 
-TEST_F(httpd_writes, all_answers_to_requests_received_together_leave_in_one_send)
+TEST_F(httpd_writes, reach_the_peer_at_once_although_line_ends_or_a_part_of_a_request_wait)
+{
+	for (const char *behind : {"\r\n", "\n\n\r\n\r\n\r\n", "GET /late HTTP/1.1\r\nHost: x\r\n"}) {
+		client far = connect();
+		on_request = [&](httpd_conn *conn) {
+			write_text(conn, "at once");
+			far.receive();
+			EXPECT_EQ(far.got, "at once");
+			return 1;
+		};
+		far.send_some("GET / HTTP/1.1\r\n\r\n"s + behind);
+		far.drain();
+	}
+	EXPECT_EQ(requests.size(), 3u);
+}
+
+// What serves one request in a process of its own, which its handler ends.
+static support::child_result serve_in_child(httpd_ctx *ctx, support::socket_pair *pair)
+{
+	return support::run_child([=] {
+		httpd_accept(pair->near.give(), 0, ctx);
+		settle();
+		ADD_FAILURE() << "the handler has returned";
+	});
+}
+
+TEST_F(httpd_writes, are_delivered_by_a_handler_that_ends_the_process)
+{
+	on_request = [](httpd_conn *conn) -> int32_t {
+		write_text(conn, "head ");
+		write_text(conn, "body");
+		_exit(7);
+	};
+	support::socket_pair pair;
+	ASSERT_TRUE(support::write_all(pair.far.get(), "GET /reboot HTTP/1.1\r\n\r\n"));
+	EXPECT_TRUE(serve_in_child(&ctx, &pair).exited_with(7));
+	EXPECT_EQ(support::read_available(pair.far.get()), "head body");
+}
+
+TEST_F(httpd_writes, are_delivered_by_a_handler_that_becomes_another_program)
+{
+	on_request = [](httpd_conn *conn) -> int32_t {
+		httpd_fail(conn, 1, 404);
+		execl("/bin/sh", "sh", "-c", "exit 7", nullptr);
+		_exit(1);
+	};
+	support::socket_pair pair;
+	ASSERT_TRUE(support::write_all(pair.far.get(), "GET /upgrade HTTP/1.1\r\n\r\n"));
+	EXPECT_TRUE(serve_in_child(&ctx, &pair).exited_with(7));
+	EXPECT_EQ(support::read_available(pair.far.get()), error_answer(1, 404));
+}
+
+TEST_F(httpd_writes, of_a_whole_run_are_delivered_by_a_last_handler_that_ends_the_process)
+{
+	for (bool writes : {true, false}) {
+		on_request = [=](httpd_conn *conn) -> int32_t {
+			std::string target = request_of(conn).target;
+			if (target != "/last" || writes)
+				write_text(conn, target);
+			if (target == "/last")
+				_exit(7);
+			return 1;
+		};
+		support::socket_pair pair;
+		ASSERT_TRUE(
+			support::write_all(pair.far.get(), "GET /1 HTTP/1.1\r\n\r\nGET /2 HTTP/1.1\r\n\r\n"
+							   "GET /last HTTP/1.1\r\n\r\n"));
+		EXPECT_TRUE(serve_in_child(&ctx, &pair).exited_with(7));
+		EXPECT_EQ(support::read_available(pair.far.get()), writes ? "/1/2/last" : "/1/2");
+	}
+}
+
+TEST_F(httpd_writes, of_a_post_are_delivered_whatever_waits_behind_it)
+{
+	on_request = [](httpd_conn *conn) -> int32_t {
+		write_text(conn, request_of(conn).target);
+		if (conn->method == HTTPD_METHOD_POST)
+			_exit(7);
+		return 1;
+	};
+	support::socket_pair pair;
+	ASSERT_TRUE(support::write_all(pair.far.get(), "GET /1 HTTP/1.1\r\n\r\nPOST /reboot HTTP/1.1\r\n\r\n"
+						       "GET /late HTTP/1.1\r\n\r\n"));
+	EXPECT_TRUE(serve_in_child(&ctx, &pair).exited_with(7));
+	EXPECT_EQ(support::read_available(pair.far.get()), "/1/reboot");
+}
+
+TEST_F(httpd_writes, come_before_those_of_a_child_that_is_handed_the_descriptor)
 {
 	on_request = [](httpd_conn *conn) {
 		write_text(conn, "head ");
-		write_text(conn, "body\n");
+		pid_t pid = fork();
+		if (pid == 0)
+			_exit(write(conn->stream.io.fd, "body ", 5) == 5 ? 0 : 1);
+		EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
+		write_text(conn, "tail");
 		return 1;
 	};
+	EXPECT_EQ(ask("GET / HTTP/1.1\r\n\r\n"), "head body tail");
+}
+
+TEST_F(httpd_writes, fail_at_once_when_the_peer_has_gone)
+{
+	for (bool tcp : {false, true}) {
+		client far = tcp ? connect_tcp() : connect();
+		on_request = [&](httpd_conn *conn) {
+			far.close_with_reset();
+			EXPECT_EQ(write_text(conn, "lost"), -1);
+			EXPECT_EQ(write_text(conn, "dropped"), 0);
+			EXPECT_EQ(conn->stream.state, STREAM_ERROR);
+			return 1;
+		};
+		far.send_some("GET / HTTP/1.1\r\n\r\n");
+		EXPECT_TRUE(poll_until([&] { return connection_count() == 0; }));
+	}
+	EXPECT_EQ(requests.size(), 2u);
+}
+
+TEST_F(httpd_writes, of_a_run_of_requests_leave_in_two_sends)
+{
+	on_request = [](httpd_conn *conn) { return write_text(conn, "answer\n"); };
 	client far = connect(SOCK_SEQPACKET);
 	far.send(repeated("GET / HTTP/1.1\r\n\r\n", 16));
 	far.drain();
-	EXPECT_THAT(far.portions, ElementsAre(repeated("head body\n", 16)));
+	EXPECT_THAT(far.portions, ElementsAre(repeated("answer\n", 15), "answer\n"));
 }
 
-TEST_F(httpd_writes, an_answer_that_closes_the_connection_leaves_in_one_send)
+TEST_F(httpd_writes, of_a_run_of_requests_with_blank_lines_between_leave_in_two_sends)
 {
-	on_request = [](httpd_conn *conn) {
-		write_text(conn, "head ");
-		write_text(conn, "body");
+	on_request = [](httpd_conn *conn) { return write_text(conn, "answer\n"); };
+	client far = connect(SOCK_SEQPACKET);
+	far.send(repeated("\r\n\nGET / HTTP/1.1\r\n\r\n\r\n", 16));
+	far.drain();
+	EXPECT_THAT(far.portions, ElementsAre(repeated("answer\n", 15), "answer\n"));
+}
+
+TEST_F(httpd_writes, of_the_last_request_go_out_at_once_whatever_waits_behind_it)
+{
+	for (const char *line : {"HTTP/1.1\r\nConnection: close", "HTTP/1.0"}) {
+		client far = connect();
+		on_request = [&](httpd_conn *conn) {
+			write_text(conn, "at once");
+			far.receive();
+			EXPECT_EQ(far.got, "at once");
+			return 1;
+		};
+		far.send_some("GET / "s + line + "\r\n\r\nGET /late HTTP/1.1\r\n\r\n");
+		far.drain();
+	}
+	EXPECT_EQ(requests.size(), 2u);
+}
+
+TEST_F(httpd_writes, of_former_requests_are_out_when_the_last_is_handled)
+{
+	client far = connect();
+	on_request = [&](httpd_conn *conn) {
+		std::string target = request_of(conn).target;
+		if (target == "/2") {
+			far.receive();
+			EXPECT_EQ(far.got, "/1");
+		}
+		write_text(conn, target);
+		return 1;
+	};
+	far.send_some("GET /1 HTTP/1.1\r\n\r\nGET /2 HTTP/1.1\r\n\r\n");
+	far.drain();
+	EXPECT_EQ(far.got, "/1/2");
+}
+
+TEST_F(httpd_writes, of_a_handler_that_defers_are_out_from_then_on)
+{
+	client far = connect();
+	on_request = [&](httpd_conn *conn) {
+		write_text(conn, "1");
+		httpd_defer(conn);
+		far.receive();
+		EXPECT_EQ(far.got, "1");
+		write_text(conn, "2");
+		far.receive();
+		EXPECT_EQ(far.got, "12");
+		httpd_defer_complete(conn, 0);
 		return 0;
 	};
+	far.send_some("GET / HTTP/1.1\r\n\r\nGET / HTTP/1.1\r\n\r\n");
+	far.drain();
+	EXPECT_EQ(requests.size(), 1u);
+}
+
+// The kernel, asked to wait for more, would send them by itself a fifth of a second later.
+TEST_F(httpd_writes, over_tcp_do_not_wait_for_a_last_answer_that_is_deferred)
+{
+	skip_if_emulated("the emulator does not know SIOCOUTQNSD");
+	on_request = [](httpd_conn *conn) {
+		if (requests.size() == 1)
+			return write_text(conn, "first");
+		httpd_defer(conn);
+		return 1;
+	};
+	client far = connect_tcp();
+	far.send_some("GET / HTTP/1.1\r\n\r\nGET / HTTP/1.1\r\n\r\n");
+	ASSERT_TRUE(poll_until([] { return requests.size() == 2; }));
+	int unsent = -1;
+	EXPECT_EQ(ioctl(newest()->stream.io.fd, SIOCOUTQNSD, &unsent), 0);
+	EXPECT_EQ(unsent, 0);
+	EXPECT_TRUE(poll_until([&] { return far.receive(), far.got == "first"; }));
+	httpd_defer_complete(newest(), 0);
+	settle();
+}
+
+TEST_F(httpd_writes, an_error_page_of_a_handler_leaves_in_one_send)
+{
+	on_request = [](httpd_conn *conn) { return httpd_fail(conn, 1, 404); };
 	client far = connect(SOCK_SEQPACKET);
 	far.send("GET / HTTP/1.1\r\n\r\n");
 	far.drain();
-	EXPECT_THAT(far.portions, ElementsAre("head body"));
-	EXPECT_TRUE(far.ended());
+	EXPECT_THAT(far.portions, ElementsAre(error_answer(1, 404)));
 }
 
 TEST_F(httpd_writes, an_error_page_leaves_in_one_send)
@@ -1136,7 +1333,7 @@ TEST_F(httpd_writes, small_and_large_ones_leave_in_order)
 	EXPECT_TRUE(far.got == expected);
 }
 
-TEST_F(httpd_writes, a_handler_that_writes_to_the_descriptor_itself_flushes_first)
+TEST_F(httpd_writes, that_are_gathered_are_out_when_they_have_been_flushed)
 {
 	on_request = [](httpd_conn *conn) {
 		write_text(conn, "1");
@@ -1413,6 +1610,27 @@ TEST_F(httpd_response, failing_on_a_broken_stream_gives_minus_12_and_keeps_the_b
 	httpd_defer_complete(conn, 1);
 	settle();
 	EXPECT_EQ(connection_count(), 0);
+}
+
+TEST_F(httpd_response, failing_on_a_peer_that_has_gone_gives_minus_12_and_keeps_the_buffers)
+{
+	for (bool tcp : {false, true}) {
+		client far = tcp ? connect_tcp() : connect();
+		on_request = [&](httpd_conn *conn) {
+			far.close_with_reset();
+			EXPECT_EQ(httpd_fail(conn, 1, 404), -ENOMEM);
+			EXPECT_EQ(std::string(
+					  conn->res_head->data, static_cast<size_t>(conn->res_head->length)) +
+					  std::string(conn->res_body->data,
+						  static_cast<size_t>(conn->res_body->length)),
+				error_answer(1, 404));
+			EXPECT_EQ(buffer_length(conn->res_body), 62);
+			return 1;
+		};
+		far.send_some("GET / HTTP/1.1\r\n\r\n");
+		EXPECT_TRUE(poll_until([&] { return connection_count() == 0; }));
+	}
+	EXPECT_EQ(requests.size(), 2u);
 }
 
 TEST_F(httpd_response, failing_returns_the_result_of_the_step_that_failed_and_skips_the_rest)
@@ -2148,6 +2366,20 @@ TEST_F(httpd_connection, a_peer_over_a_unix_socket_that_sent_more_than_its_last_
 	EXPECT_EQ(requests.size(), 1u);
 	EXPECT_TRUE(far.ended());
 	EXPECT_FALSE(far.was_reset());
+}
+
+TEST_F(httpd_connection, after_a_large_answer_an_idle_one_keeps_only_a_small_buffer)
+{
+	on_request = [](httpd_conn *conn) { return write_text(conn, std::string(1'000'000, 'x')); };
+	client far = connect();
+	far.send("GET / HTTP/1.1\r\n\r\n");
+	far.drain();
+	ASSERT_EQ(far.got.size(), 1'000'000u);
+	on_request = [](httpd_conn *) { return 1; };
+	far.send("GET / HTTP/1.1\r\n\r\n");
+	EXPECT_LE(newest()->stream.tx->size, 4096);
+	far.send("GET / HTTP/1.1\r\n\r\n");
+	EXPECT_EQ(requests.size(), 3u);
 }
 
 TEST_F(httpd_connection, after_a_large_request_an_idle_one_keeps_only_a_small_buffer)
@@ -3475,7 +3707,8 @@ protected:
 	}
 	void send_something(client *far)
 	{
-		static const std::string good = "POST /path HTTP/1.1\r\nContent-Length: 4\r\n\r\nbody";
+		const std::string good =
+			(below(2) ? "POST" : "GET") + " /path HTTP/1.1\r\nContent-Length: 4\r\n\r\nbody"s;
 		switch (below(10)) {
 		case 0:
 			far->send_some("POST / HTTP/1.0\r\nContent-Length: 4\r\n\r\nbody");

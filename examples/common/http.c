@@ -17,68 +17,92 @@ static bool is_head(const struct httpd_conn *conn)
 	return memcmp(conn->head_end - conn->head_len, method, sizeof method - 1) == 0;
 }
 
+/* Negative if it does not fit. */
+static int32_t put_first_lines(struct httpd_conn *conn, int code)
+{
+	int32_t result =
+		http_res_put_status_line(conn->res_head, conn->version, code, http_code_to_string(code));
+	return result < 0 ? result : httpd_common_headers(conn);
+}
+
 /*
- * Sends the body that was composed, after its head; for HEAD, where a body would be taken for the next answer, the
- * head alone.
- *
  * What formats into a buffer only fills the space that is free. It comes first, while the head has the
  * 512 bytes it starts with. The type, which may be a peer's text of any length, is appended.
  */
-static void answer(struct httpd_conn *conn, int code, const char *content_type, bool keep)
+static int32_t put_head(struct httpd_conn *conn, int code, const char *content_type, bool keep)
 {
 	struct buffer *head = conn->res_head;
-	struct buffer *body = conn->res_body;
+	int32_t result = put_first_lines(conn, code);
 
-	http_res_put_status_line(head, conn->version, code, http_code_to_string(code));
-	httpd_common_headers(conn);
-	http_res_put_header(head, "Content-Length", "%d", (int)buffer_length(body));
+	if (result >= 0)
+		result =
+			http_res_put_header(head, "Content-Length", "%d", (int)buffer_length(conn->res_body));
+	if (result < 0)
+		return result;
 	if (!keep)
 		put_text(head, "Connection: close\r\n");
 	put_text(head, "X-Content-Type-Options: nosniff\r\n"
 		       "Content-Type: ");
 	put_text(head, content_type);
 	put_text(head, "\r\n\r\n");
+	return 0;
+}
 
-	stream_write(&conn->stream, head->data, (uint32_t)head->length);
-	if (!is_head(conn))
-		stream_write(&conn->stream, body->data, (uint32_t)body->length);
+/* All of an answer is in one buffer by now, so that it costs one send. */
+static void send_whole(struct httpd_conn *conn)
+{
+	stream_write(&conn->stream, conn->res_head->data, (uint32_t)conn->res_head->length);
 	httpd_res_buffers_reset(conn);
+}
+
+/*
+ * Sends the body that was composed, after its head; for HEAD, where a body would be taken for the next answer, the
+ * head alone. Negative, and nothing is sent, if the head could not be composed.
+ */
+static int32_t answer(struct httpd_conn *conn, int code, const char *content_type, bool keep)
+{
+	int32_t result = put_head(conn, code, content_type, keep);
+
+	if (result < 0)
+		return result;
+	if (!is_head(conn))
+		buffer_write(conn->res_head, conn->res_body->data, conn->res_body->length);
+	send_whole(conn);
+	return 0;
 }
 
 int32_t answer_body(struct httpd_conn *conn, const char *content_type)
 {
-	answer(conn, 200, content_type, !conn->close_requested);
-	return 1;
+	return answer(conn, 200, content_type, !conn->close_requested) < 0 ? answer_error(conn, 500) : 1;
 }
 
 /* A refusal, with its reason as a text. */
-static void answer_why(struct httpd_conn *conn, int code, const char *reason, bool keep)
+static int32_t answer_why(struct httpd_conn *conn, int code, const char *reason, bool keep)
 {
 	httpd_res_buffers_reset(conn);
 	put_text(conn->res_body, reason);
-	answer(conn, code, "text/plain; charset=utf-8", keep);
+	return answer(conn, code, "text/plain; charset=utf-8", keep) == 0 && keep;
 }
 
 /* The page for HEAD, less the page, and less its length. */
-static void answer_error_head(struct httpd_conn *conn, int code)
+static int32_t answer_error_head(struct httpd_conn *conn, int code)
 {
-	struct buffer *head = conn->res_head;
+	int32_t result;
 
 	httpd_res_buffers_reset(conn);
-	http_res_put_status_line(head, conn->version, code, http_code_to_string(code));
-	httpd_common_headers(conn);
-	put_text(head, "\r\n");
-	stream_write(&conn->stream, head->data, (uint32_t)head->length);
-	httpd_res_buffers_reset(conn);
+	result = put_first_lines(conn, code);
+	if (result < 0)
+		return result;
+	put_text(conn->res_head, "\r\n");
+	send_whole(conn);
+	return 0;
 }
 
 int32_t answer_error(struct httpd_conn *conn, int code)
 {
-	if (is_head(conn))
-		answer_error_head(conn, code);
-	else
-		httpd_fail(conn, conn->version, code);
-	return 1;
+	int32_t result =
+		is_head(conn) ? answer_error_head(conn, code) : httpd_fail(conn, conn->version, code);
+	return result >= 0;
 }
 
 int32_t answer_json(struct httpd_conn *conn, json_t *json)
@@ -109,13 +133,11 @@ int32_t answer_by_route(
 {
 	const struct route *route = routes;
 
-	if (!guard_knows_length(conn)) {
-		answer_why(conn, 400,
+	if (!guard_knows_length(conn))
+		return answer_why(conn, 400,
 			"The length of a body is understood from \"Content-Length\" only, "
 			"in this spelling of case.\n",
 			false);
-		return 0;
-	}
 	if (is_head(conn)) /* what GET would answer; parameters are looked up for GET */
 		conn->method = HTTPD_METHOD_GET;
 	while (route < routes + count && !path_is(conn, route->path))
@@ -124,12 +146,10 @@ int32_t answer_by_route(
 		return answer_error(conn, 404);
 	if (conn->method != route->method)
 		return answer_error(conn, 405);
-	if (route->method != HTTPD_METHOD_GET && !guard_is_ours(conn, host_name)) {
-		answer_why(conn, 403,
+	if (route->method != HTTPD_METHOD_GET && !guard_is_ours(conn, host_name))
+		return answer_why(conn, 403,
 			"Only a request to this host, and from no page of another, "
 			"may change anything here.\n",
 			!conn->close_requested);
-		return 1;
-	}
 	return route->answer(conn);
 }

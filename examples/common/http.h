@@ -30,7 +30,7 @@ int32_t answer_by_route(
 /* Sends an error page instead of whatever was composed. */
 int32_t answer_error(struct httpd_conn *conn, int code);
 
-/* Sends the body that was composed in `res_body`, after a head. */
+/* Sends the body that was composed in `res_body`, after a head; an error page if the head cannot be composed. */
 int32_t answer_body(struct httpd_conn *conn, const char *content_type);
 
 /* Sends `json`, and drops the reference to it. Null, when memory was exhausted, becomes an error page. */

@@ -11,16 +11,9 @@ void stream_resume_read(stream *s);
 // True when the descriptor is in error, or both of its directions are over.
 bool stream_has_hung_up(const stream *s);
 
-// Where what is written to a held stream is collected: on the stack of whoever holds it, which costs no memory
-// before bytes come, and none while nothing is held.
-struct stream_room {
-	char bytes[16384];
-};
-
-// Between the two, what is written to an idle `s` is collected, as far as there is room, so that many small
-// writes leave in one. For one stream at a time; a hold of a second one has no effect. What was
-// collected also leaves before stream_flush_tx_async looks, when more is written than there is room for,
-// and with stream_cleanup, which ends the hold. stream_release does not look at a stream that has been
-// cleaned up: it may be gone.
-void stream_hold(stream *s, stream_room *room);
-void stream_release(stream *s);
+// Between the two, what is written to `s` waits in `tx`, up to 16 KiB, so that many small writes leave in one.
+// One stream at a time: corking a second one has no effect, nor has corking one that has a backlog. When more is
+// written than may wait, and with stream_flush_tx_async and stream_cleanup, the stream is uncorked. stream_uncork
+// does not look at a stream that is not corked: it may be gone.
+void stream_cork(stream *s);
+void stream_uncork(stream *s);
