@@ -56,10 +56,13 @@ int32_t buffer_write(struct buffer *buffer, const void *bytes, int32_t count);
  * its zero, lacked, its length stays, and the result is -ENOMEM. (Asking again then fails again,
  * without growing.) For texts of unknown length, format first and use buffer_write, or write to a
  * stream. -1 for a null buffer; a negative result of vsnprintf is returned as it is.
+ *
+ * Whoever does not look at the result sends what lacks a piece, so compilers warn.
  */
-int32_t buffer_printf(struct buffer *buffer, const char *format, ...) __attribute__((format(printf, 2, 3)));
+int32_t buffer_printf(struct buffer *buffer, const char *format, ...)
+	__attribute__((format(printf, 2, 3), warn_unused_result));
 int32_t buffer_vprintf(struct buffer *buffer, const char *format, va_list arguments)
-	__attribute__((format(printf, 2, 0)));
+	__attribute__((format(printf, 2, 0), warn_unused_result));
 
 /*
  * Drops `count` bytes from the front, or all if there are no more; the rest moves to the front, so

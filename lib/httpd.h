@@ -242,15 +242,16 @@ const char *http_code_to_string(int code);
  * formatted text that does not fit the buffer with its terminating zero fails with -ENOMEM. The name of a
  * header that failed is in the buffer nevertheless: drop the head.
  */
-int32_t http_res_put_status_line(struct buffer *buffer, int version, int code, const char *reason);
+int32_t http_res_put_status_line(struct buffer *buffer, int version, int code, const char *reason)
+	__attribute__((warn_unused_result));
 int32_t http_res_put_header(struct buffer *buffer, const char *name, const char *format, ...)
-	__attribute__((format(printf, 3, 4)));
+	__attribute__((format(printf, 3, 4), warn_unused_result));
 
 /*
  * Appends "Server: kvhttpd", "Pragma: no-cache" and "Expires: 0" to `res_head`. Returns 0, or -1
  * as soon as one fails.
  */
-int32_t httpd_common_headers(struct httpd_conn *conn);
+int32_t httpd_common_headers(struct httpd_conn *conn) __attribute__((warn_unused_result));
 
 /*
  * Composes a whole error answer with a small HTML page, and writes it in one piece; what was composed
