@@ -16,6 +16,7 @@
 #include <libnftnl/rule.h>
 #include <libnftnl/set.h>
 #include <libnftnl/table.h>
+#include <limits.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <stdlib.h>
@@ -34,6 +35,15 @@ constexpr size_t ANSWER_BYTES_MAX = 4096;
 // A refusal repeats the message behind a header and an error number. No page is smaller than that, so
 // the room behind a batch's limit holds such a message, too.
 constexpr size_t MESSAGE_BYTES_MAX = ANSWER_BYTES_MAX - NLMSG_LENGTH(sizeof(int32_t));
+
+// The shortest change that the kernel answers: two headers, and a name of up to three bytes. For an acknowledgement
+// the kernel counts 832 bytes of the receive queue on a 64-bit machine, and more where memory is dealt out in
+// larger pieces.
+constexpr size_t CHANGE_BYTES_MIN = 28;
+constexpr size_t ANSWER_QUEUE_BYTES = 2048;
+
+// The answers to so many bytes fit the queue of 163840 bytes or more that a socket has from the start.
+constexpr size_t ANSWERS_FIT_BYTES = 4096;
 
 // ---- Expressions ----
 
@@ -715,14 +725,18 @@ void kvnft_batch_free(struct mnl_nlmsg_batch *batch)
 
 using owned_socket = owned<mnl_socket *, nullptr, quietly<mnl_socket *, mnl_socket_close>>;
 
-// Whether an answer is there already: 1, 0, or -1 with errno set.
-static int is_readable(int fd)
+// Whether an answer is there already: 1, 0, or -1 with errno set. A set of descriptors is an array of words, in which
+// the kernel looks at as many bits as it is told; fd_set is one of 1024. Never inlined, so that the words are gone
+// from the stack before the next call.
+[[gnu::noinline]] static int is_readable(int fd)
 {
-	fd_set readable;
-	FD_ZERO(&readable);
-	FD_SET(fd, &readable);
+	constexpr size_t WORD_BITS = 8 * sizeof(unsigned long);
+	size_t number = static_cast<size_t>(fd), size = (number / WORD_BITS + 1) * sizeof(unsigned long);
+	unsigned long *readable = static_cast<unsigned long *>(__builtin_alloca(size));
+	memset(readable, 0, size);
+	readable[number / WORD_BITS] = 1UL << number % WORD_BITS;
 	timeval no_time = {};
-	return select(fd + 1, &readable, nullptr, nullptr, &no_time);
+	return select(fd + 1, reinterpret_cast<fd_set *>(readable), nullptr, nullptr, &no_time);
 }
 
 // Takes one datagram of answers. Returns -1 with errno set for an error of the socket's, the kernel's
@@ -736,14 +750,32 @@ static int take_answers(mnl_socket *nl, mnl_cb_t cb, void *data)
 	return mnl_cb_run(answers, static_cast<size_t>(length), 0, mnl_socket_get_portid(nl), cb, data);
 }
 
+// Makes the receive queue long enough for the answers to `len` bytes of messages, as far as the process may: all wait
+// there by the time that the messages have been sent. Without it they are as before, so no failure counts.
+static void provide_for_answers(int fd, size_t len)
+{
+	size_t answers = len / CHANGE_BYTES_MIN;
+	int wanted = answers < INT_MAX / ANSWER_QUEUE_BYTES ? static_cast<int>(answers * ANSWER_QUEUE_BYTES)
+							    : INT_MAX;
+	int bytes = 0;
+	socklen_t length = sizeof bytes;
+	if (getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, &length) != 0 || bytes >= wanted)
+		return;
+	int half = wanted / 2; // the kernel doubles it
+	if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &half, sizeof half) != 0)
+		setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &half, sizeof half);
+}
+
 int kvnft_send_msg_cb(const void *buf, size_t len, mnl_cb_t cb, void *data)
 {
 	owned_socket nl{mnl_socket_open(NETLINK_NETFILTER)};
 	if (!nl.ok() || mnl_socket_bind(nl.get(), 0, MNL_SOCKET_AUTOPID) < 0)
 		return -errno;
-	int fd = mnl_socket_get_fd(nl.get());
-	if (fd >= FD_SETSIZE)
-		return -EINVAL; // what select would say if it could see the number
+	int fd = mnl_socket_get_fd(nl.get()), yes = 1;
+	// A refusal then repeats the message's header only, and is never too long to be received.
+	mnl_socket_setsockopt(nl.get(), NETLINK_CAP_ACK, &yes, sizeof yes);
+	if (len > ANSWERS_FIT_BYTES)
+		provide_for_answers(fd, len);
 	if (mnl_socket_sendto(nl.get(), buf, len) < 0)
 		return -errno;
 	int ready;

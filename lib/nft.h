@@ -218,9 +218,10 @@ int kvnft_rule_verdict(struct nftnl_rule *rule, uint8_t verdict);
  * The kernel takes a batch in one piece: one longer than net.core.wmem_default (212992 less 32) is
  * refused with -EMSGSIZE. Each message asks for an acknowledgement, and all of them wait in the
  * socket's receive queue by the time that the batch has been sent. The kernel counts some 832 bytes for
- * each against net.core.rmem_default (212992: 256 of them). Beyond that it drops them, and the result
- * is -ENOBUFS, which says nothing about the change: it may have been made, or refused. So keep to some
- * 200 messages a batch, or learn what has been made from the ruleset itself. A batch that is not
+ * each. For a batch of more than 4096 bytes the queue is made long enough for all of them. A process
+ * without CAP_NET_ADMIN outside of user namespaces gets no more than twice net.core.rmem_max, which is
+ * some 500 acknowledgements where nobody has changed it. Beyond that the kernel drops them, and the result is
+ * -ENOBUFS, which says nothing about the change: it may have been made, or refused. A batch that is not
  * finished is taken, changes nothing, and gives 0.
  */
 #define KVNFT_BATCH_BUFFER_SIZE(limit) ((size_t)(limit) + (size_t)MNL_SOCKET_BUFFER_SIZE)
@@ -259,16 +260,16 @@ void kvnft_batch_free(struct mnl_nlmsg_batch *batch);
  * back to `cb` (null: none) with `data`, but not those of netlink's own, such as acknowledgements; see
  * mnl_cb_run. With MNL_CB_STOP `cb` skips the rest of what has been received at once, not what comes
  * after. It never waits: the kernel has answered by the time that it has taken the messages, and on
- * purpose an answer that were late would be lost, and the result be 0.
+ * purpose an answer that were late would be lost, and the result be 0. The socket's descriptor may have any
+ * number; memory is allocated for the socket only.
  *
  * Returns: 0, or the negated errno of the first step that failed, the kernel's refusal and `cb`'s
- *          (MNL_CB_ERROR with errno set) included; answers behind that are not looked at. What fails
- *          behind the sending says nothing about the change, which may have been made: -EINTR, a signal
- *          came; -ENOBUFS, the kernel had more answers than the receive queue holds; -ENOSPC, one of more
- *          than 4096 bytes; -ESRCH or -EBADMSG, one that is not for this socket, or malformed. Before it
- *          there is -EMSGSIZE, more at once than the kernel takes, and -EINVAL, a socket whose number is
- *          FD_SETSIZE (1024) or more, which select cannot take. The kernel refuses with some of the same
- *          numbers.
+ *          (MNL_CB_ERROR with errno set) included; answers after that are not looked at. What fails
+ *          after the sending says nothing about the change, which may have been made: -EINTR, a signal
+ *          came; -ENOBUFS, the kernel had more answers than the receive queue takes; -ENOSPC, one of more
+ *          than 4096 bytes, which before Linux 4.3 is also the refusal of a message that long; -ESRCH or
+ *          -EBADMSG, one that is not for this socket, or malformed. Before it there is -EMSGSIZE, more at
+ *          once than the kernel takes. The kernel refuses with some of the same numbers.
  */
 int kvnft_send_msg_cb(const void *buf, size_t len, mnl_cb_t cb, void *data);
 

@@ -21,8 +21,9 @@ using namespace nft_support;
 // definitions stand before the C library's, for libmnl and the library under test too.
 static struct {
 	int bind_error, getsockname_error, sendto_error, select_error, recvmsg_error; // 0: the real thing
-	int sent, received, waiting; // waiting: calls of select that may wait
-	void (*before_send)(int fd);
+	int sent, received, options, waiting; // waiting: calls of select that may wait
+	void (*after_bind)(int fd), (*before_send)(int fd);
+	bool (*refuses_option)(int level, int option);
 } calls;
 
 template <typename F>
@@ -40,7 +41,20 @@ static R failed(int error)
 
 extern "C" int bind(int fd, const sockaddr *name, socklen_t length) noexcept
 {
-	return calls.bind_error ? failed<int>(calls.bind_error) : real(bind, "bind")(fd, name, length);
+	if (calls.bind_error)
+		return failed<int>(calls.bind_error);
+	int result = real(bind, "bind")(fd, name, length);
+	if (auto hook = std::exchange(calls.after_bind, nullptr))
+		hook(fd);
+	return result;
+}
+
+extern "C" int setsockopt(int fd, int level, int option, const void *value, socklen_t length) noexcept
+{
+	calls.options++;
+	return calls.refuses_option && calls.refuses_option(level, option)
+		       ? failed<int>(EPERM)
+		       : real(setsockopt, "setsockopt")(fd, level, option, value, length);
 }
 
 extern "C" int getsockname(int fd, sockaddr *name, socklen_t *length) noexcept
@@ -1548,7 +1562,7 @@ TEST(nft_sending, refusal_of_the_longest_message_arrives_whole)
 	});
 }
 
-TEST(nft_sending, answer_of_more_than_4096_bytes_has_no_space)
+TEST(nft_sending, refusal_of_a_message_of_more_than_4096_bytes_is_the_kernels)
 {
 	in_nft_network([] {
 		ASSERT_EQ(transaction().table(inet).send(), 0);
@@ -1567,7 +1581,7 @@ TEST(nft_sending, answer_of_more_than_4096_bytes_has_no_space)
 		mnl_nlmsg_batch_next(batch);
 		nftnl_batch_end(place(), 3);
 		mnl_nlmsg_batch_next(batch);
-		EXPECT_EQ(kvnft_batch_send(batch), -ENOSPC);
+		EXPECT_EQ(kvnft_batch_send(batch), -ENOENT);
 		kvnft_batch_free(batch);
 	});
 }
@@ -1680,22 +1694,40 @@ TEST(nft_sending, answers_cannot_be_forged_without_the_capability)
 
 // ---- Many acknowledgements ----
 
+constexpr int usual_queue_bytes = 212992;
+
 // As net.core.rmem_default is where nobody has changed it. The kernel doubles what it is told.
 void give_the_usual_queue(int fd)
 {
-	int bytes = 212992 / 2;
-	EXPECT_EQ(setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)), 0);
+	int bytes = usual_queue_bytes / 2;
+	EXPECT_EQ(real(setsockopt, "setsockopt")(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)), 0);
 }
 
+int queue_bytes;
+
+void note_the_queue(int fd)
+{
+	socklen_t length = sizeof(queue_bytes);
+	EXPECT_EQ(getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &queue_bytes, &length), 0);
+}
+
+// Sends so many messages over a socket with the usual queue.
 int result_of_messages(size_t count)
 {
 	transaction change(size_t{4} << 20);
 	for (size_t index = 0; index < count; index++)
 		change.table(inet);
 	change.finish();
-	calls.before_send = give_the_usual_queue;
-	calls.received = 0;
+	calls.after_bind = give_the_usual_queue;
+	calls.before_send = note_the_queue;
+	calls.received = calls.options = 0;
 	return kvnft_batch_send(change.get());
+}
+
+// For processes that may not make the queue longer.
+bool is_about_the_queue(int level, int option)
+{
+	return level == SOL_SOCKET && (option == SO_RCVBUF || option == SO_RCVBUFFORCE);
 }
 
 TEST(nft_sending, every_change_is_acknowledged)
@@ -1724,17 +1756,62 @@ TEST(nft_sending, every_change_is_acknowledged)
 	});
 }
 
-TEST(nft_sending, two_hundred_acknowledgements_fit_into_the_usual_queue)
+TEST(nft_sending, few_acknowledgements_fit_into_the_usual_queue)
 {
 	in_nft_network([] {
+		EXPECT_EQ(result_of_messages(120), 0);
+		EXPECT_EQ(calls.received, 120) << "one datagram each";
+		EXPECT_EQ(queue_bytes, usual_queue_bytes);
+		EXPECT_EQ(calls.options, 1) << "only that about refusals";
+	});
+}
+
+TEST(nft_sending, thousands_of_acknowledgements_are_all_taken)
+{
+	in_nft_network([] {
+		for (int count : {200, 1000, 5000}) {
+			EXPECT_EQ(result_of_messages(static_cast<size_t>(count)), 0);
+			EXPECT_EQ(calls.received, count);
+		}
+	});
+}
+
+TEST(nft_sending, longer_queue_is_left_as_it_is)
+{
+	in_nft_network([] {
+		transaction change;
+		for (int index = 0; index < 300; index++)
+			change.table(inet);
+		change.finish();
+		calls.after_bind = [](int fd) {
+			int bytes = 16 << 20;
+			EXPECT_EQ(real(setsockopt, "setsockopt")(
+					  fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof(bytes)),
+				0);
+		};
+		calls.before_send = note_the_queue;
+		EXPECT_EQ(kvnft_batch_send(change.get()), 0);
+		EXPECT_EQ(queue_bytes, 32 << 20);
+	});
+}
+
+// As far as net.core.rmem_max allows.
+TEST(nft_sending, queue_is_made_longer_without_the_capability)
+{
+	in_nft_network([] {
+		calls.refuses_option = [](int level, int option) {
+			return level == SOL_SOCKET && option == SO_RCVBUFFORCE;
+		};
+		int kernels_max = std::stoi(must_run("cat /proc/sys/net/core/rmem_max"));
 		EXPECT_EQ(result_of_messages(200), 0);
-		EXPECT_EQ(calls.received, 200) << "one datagram each";
+		EXPECT_GT(queue_bytes, std::min(usual_queue_bytes, 2 * kernels_max - 1));
 	});
 }
 
 TEST(nft_sending, acknowledgements_beyond_the_queue_are_no_buffer_space_though_the_change_is_made)
 {
 	in_nft_network([] {
+		calls.refuses_option = is_about_the_queue;
 		size_t fits = 200, does_not = 1000;
 		ASSERT_EQ(result_of_messages(does_not), -ENOBUFS);
 		while (does_not - fits > 1) {
@@ -1753,23 +1830,6 @@ TEST(nft_sending, acknowledgements_beyond_the_queue_are_no_buffer_space_though_t
 	});
 }
 
-TEST(nft_sending, thousands_of_acknowledgements_in_a_queue_that_holds_them_are_all_taken)
-{
-	in_nft_network([] {
-		transaction change(size_t{4} << 20);
-		for (int index = 0; index < 5000; index++)
-			change.table(inet);
-		change.finish();
-		calls.before_send = [](int fd) {
-			int bytes = 16 << 20;
-			EXPECT_EQ(setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof(bytes)), 0);
-		};
-		calls.received = 0;
-		EXPECT_EQ(kvnft_batch_send(change.get()), 0);
-		EXPECT_EQ(calls.received, 5000);
-	});
-}
-
 TEST(nft_sending, refusal_behind_too_many_messages_may_be_lost_and_nothing_is_changed)
 {
 	in_nft_network([] {
@@ -1777,7 +1837,10 @@ TEST(nft_sending, refusal_behind_too_many_messages_may_be_lost_and_nothing_is_ch
 		for (int index = 0; index < 2000; index++)
 			change.table(inet);
 		change.del_table(ip).finish();
-		calls.before_send = give_the_usual_queue;
+		EXPECT_EQ(kvnft_batch_send(change.get()), -ENOENT) << "where the queue may be made longer";
+		EXPECT_EQ(ruleset(), no_lines);
+		calls.refuses_option = is_about_the_queue;
+		calls.after_bind = give_the_usual_queue;
 		EXPECT_EQ(kvnft_batch_send(change.get()), -ENOBUFS);
 		EXPECT_EQ(ruleset(), no_lines);
 	});
@@ -1787,6 +1850,7 @@ TEST(nft_sending, flood_of_acknowledgements_leaks_no_descriptor)
 {
 	in_nft_network([] {
 		std::set<int> before = open_descriptors();
+		calls.refuses_option = is_about_the_queue;
 		for (int turn = 0; turn < 20; turn++)
 			EXPECT_EQ(result_of_messages(5000), -ENOBUFS);
 		EXPECT_EQ(open_descriptors(), before);
@@ -1864,26 +1928,46 @@ TEST(nft_sending, no_descriptor_left_is_the_result)
 	});
 }
 
-TEST(nft_sending, descriptor_that_select_cannot_take_is_refused_before_anything_is_sent)
+int last_socket;
+
+// Opens descriptors up to number `last`.
+std::vector<owned_fd> descriptors_up_to(int last)
+{
+	std::vector<owned_fd> fillers;
+	rlimit limit{};
+	EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+	limit.rlim_cur = static_cast<rlim_t>(last) + 10;
+	limit.rlim_max = std::max(limit.rlim_max, limit.rlim_cur);
+	EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+	while (fillers.empty() || fillers.back().get() < last) {
+		fillers.emplace_back(fcntl(0, F_DUPFD_CLOEXEC, 0));
+		if (fillers.back().get() < 0)
+			break;
+	}
+	EXPECT_EQ(fillers.back().get(), last) << strerror(errno);
+	return fillers;
+}
+
+// The first and the last bit of select's words, and those beyond the words that an fd_set has.
+TEST(nft_sending, socket_may_have_any_number)
 {
 	in_nft_network([] {
-		rlimit limit{};
-		ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-		limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, FD_SETSIZE + 10);
-		ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
 		std::vector<owned_fd> fillers;
-		while (fillers.empty() || fillers.back().get() < FD_SETSIZE - 1) {
-			fillers.emplace_back(fcntl(0, F_DUPFD_CLOEXEC, 0));
-			ASSERT_GE(fillers.back().get(), 0) << strerror(errno);
+		for (int number : {62, 63, 64, 127, 128, FD_SETSIZE - 1, FD_SETSIZE, FD_SETSIZE + 1, 2000,
+			     4095, 4096}) {
+			for (owned_fd &more : descriptors_up_to(number - 1))
+				fillers.push_back(std::move(more));
+			calls.received = 0;
+			calls.before_send = [](int fd) { last_socket = fd; };
+			EXPECT_EQ(transaction().table(inet).send(), 0);
+			EXPECT_EQ(last_socket, number);
+			EXPECT_EQ(calls.received, 1);
+			EXPECT_EQ(kvnft_del_table_simple("missing", inet), -ENOENT);
+			EXPECT_FALSE(is_open(number)) << "the socket";
 		}
-		calls.sent = 0;
-		EXPECT_EQ(transaction().table(inet).send(), -EINVAL);
-		EXPECT_EQ(calls.sent, 0);
-		EXPECT_FALSE(is_open(FD_SETSIZE)) << "the socket";
-		fillers.pop_back();
-		EXPECT_EQ(transaction().table(ip).send(), 0) << "by the last descriptor that it takes";
-		fillers.clear();
-		EXPECT_EQ(ruleset(), plain({R"({"table": {"family": "ip", "name": "t"}})"}));
+		calls.select_error = ENETDOWN;
+		EXPECT_EQ(transaction().table(ip).send(), -ENETDOWN);
+		calls.select_error = 0;
 	});
 }
 
