@@ -1,10 +1,11 @@
-// Many functions that differ in a few words: the put_ functions say how an expression is made, begin_message()
-// how a message is put into a batch, transact() how one is sent alone. What stands in the functions
-// themselves is what differs.
+// Many functions that differ in a few words: the put_ functions say how an expression is made, append() how a message
+// is put into a batch, transact() how one is sent alone. What stands in the functions themselves is what
+// differs.
 //
-// libnftnl and libmnl write where they are told, as much as there is. So nothing longer than a kernel
-// register set is given to libnftnl, whose records have room for just that, and before a message is
-// built an upper bound of its length is taken from the object (`message_size`).
+// libnftnl and libmnl write where they are told, as much as there is. So nothing longer than a kernel register
+// set is given to libnftnl, whose records have space for just that, and before a message is built an upper bound
+// of its length is taken from the object (`extent`). The bound decides only where the message is built; whether
+// it fits the batch is libmnl's decision, by the true length.
 
 #include "nft.h"
 
@@ -31,10 +32,6 @@ constexpr uint32_t DATA_BYTES_MAX = 64;
 
 // What is received at once.
 constexpr size_t ANSWER_BYTES_MAX = 4096;
-
-// A refusal repeats the message behind a header and an error number. No page is smaller than that, so
-// the room behind a batch's limit holds such a message, too.
-constexpr size_t MESSAGE_BYTES_MAX = ANSWER_BYTES_MAX - NLMSG_LENGTH(sizeof(int32_t));
 
 // The shortest change that the kernel answers: two headers, and a name of up to three bytes. For an acknowledgement
 // the kernel counts 832 bytes of the receive queue on a 64-bit machine, and more where memory is dealt out in
@@ -302,6 +299,7 @@ using owned_elem = owned<nftnl_set_elem *, nullptr, nftnl_set_elem_free>;
 using owned_table = owned<nftnl_table *, nullptr, nftnl_table_free>;
 using owned_chain = owned<nftnl_chain *, nullptr, nftnl_chain_free>;
 using owned_rule = owned<nftnl_rule *, nullptr, nftnl_rule_free>;
+using owned_memory = owned<void *, nullptr, free>;
 
 constinit static uint32_t kvnft_set_id_counter = 1;
 
@@ -386,61 +384,72 @@ int kvnft_rule_verdict(struct nftnl_rule *rule, uint8_t verdict)
 
 // ---- How long a message can become ----
 
-static size_t attribute_size(size_t length)
-{
-	return MNL_ATTR_HDRLEN + MNL_ALIGN(length);
-}
+// The most that the 16-bit length of one attribute leaves for its value; and for the device of a chain, which
+// shares an attribute with the hook's two numbers, and is aligned to 4 there.
+constexpr size_t VALUE_BYTES_MAX = UINT16_MAX - MNL_ATTR_HDRLEN;
+constexpr size_t DEVICE_BYTES_MAX = VALUE_BYTES_MAX - MNL_ATTR_HDRLEN - 16 - 3;
 
-static size_t text_size(const char *text)
-{
-	return text ? attribute_size(strlen(text) + 1) : 0;
-}
+// The bytes that an object takes in a message: never less than libnftnl writes, and often more. The rule, checked
+// against every build function of libnftnl:
+//
+// - MESSAGE_BYTES for the headers and all numbers of a table, chain, rule or set. A set has the most: netlink's
+//   and netfilter's header (20), handle and time-out (24), nine numbers of 32 bits (72), the fields of a
+//   concatenation (208), and the header of the list (4).
+// - A value that has a length of its own is one attribute, in two others at the most: the chain in the verdict in
+//   the data of an element or an "immediate". That makes three headers.
+// - An element is an attribute of the list; so is the list of its own expressions.
+// - EXPR_BYTES for an expression without what has a length of its own outside of the record. "bitwise" has the
+//   most: the attribute of the list and that around its own (8), the name (12), four numbers (32), and three
+//   values that fill their place in the record (3 * 72). A "dynset" has a list in place of values, and a "match"
+//   or "target" may have empty information.
+struct extent {
+	uint64_t bytes; // so wide that no number of parts makes it wrap
+	bool refused = false;
 
-// A value nested in an attribute that is nested in another, which is as deep as libnftnl puts one.
-static constexpr size_t value_size(size_t length)
-{
-	return 3 * MNL_ATTR_HDRLEN + MNL_ALIGN(length);
-}
-
-// The expressions that rules are mostly made of: the size of the element, of the name and of every
-// number there is, and which attributes have a length of their own. Those in libnftnl's record have a known
-// room; others share memory, and the first that is set is what there is.
-struct expr_kind {
-	char name[12] = {};
-	uint8_t name_size; // with the terminator
-	uint8_t values[3] = {};
-	bool in_record;
-	uint16_t fixed_size;
-	uint16_t room; // with all values that are in the record
-
-	template <size_t size>
-	consteval expr_kind(const char (&text)[size], uint16_t fixed,
-		std::initializer_list<uint8_t> attributes = {}, bool is_in_record = true)
-		: name_size(size), in_record(is_in_record), fixed_size(fixed), room(fixed)
+	void add_value(uint64_t length, size_t length_max = VALUE_BYTES_MAX)
 	{
-		for (size_t index = 0; index < size; index++)
-			name[index] = text[index];
-		for (size_t index = 0; index < attributes.size(); index++)
-			values[index] = attributes.begin()[index];
-		if (in_record)
-			room += attributes.size() * value_size(DATA_BYTES_MAX);
+		bytes += 3 * MNL_ATTR_HDRLEN + MNL_ALIGN(length);
+		refused |= length > length_max;
+	}
+	void add_text(const char *text, size_t length_max = VALUE_BYTES_MAX)
+	{
+		if (text)
+			add_value(strlen(text) + 1, length_max);
 	}
 };
 
-static constexpr expr_kind expr_kinds[] = {
-	{"cmp", 16 + 2 * 8, {NFTNL_EXPR_CMP_DATA}},
-	{"payload", 20 + 8 * 8},
-	{"meta", 20 + 3 * 8},
-	{"immediate", 24 + 4 * 8, {NFTNL_EXPR_IMM_DATA, NFTNL_EXPR_IMM_CHAIN}, false},
-	{"lookup", 20 + 4 * 8, {NFTNL_EXPR_LOOKUP_SET}, false},
-	{"ct", 16 + 4 * 8},
-	{"bitwise", 20 + 4 * 8, {NFTNL_EXPR_BITWISE_MASK, NFTNL_EXPR_BITWISE_XOR, NFTNL_EXPR_BITWISE_DATA}},
-	{"limit", 20 + 2 * 12 + 3 * 8},
-	{"reject", 20 + 2 * 8},
-	{"redir", 20 + 3 * 8},
-	{"masq", 20 + 3 * 8},
-	{"queue", 20 + 4 * 8},
+constexpr size_t MESSAGE_BYTES = 384;
+constexpr size_t EXPR_BYTES = 272;
+
+// Of libnftnl's attributes, which are bits of a word.
+constexpr uint16_t ATTRIBUTES_END = 32;
+
+template <auto get, typename T>
+static void add_attribute(extent *sum, T *object, uint16_t attribute)
+{
+	uint32_t length = 0;
+	if (get(object, attribute, &length))
+		sum->add_value(length);
+}
+
+// The expressions that rules are mostly made of, and which attribute of theirs is not in the record; 0: none.
+struct expr_kind {
+	char name[12] = {};
+	uint8_t name_size; // with the terminator
+	uint8_t text;
+
+	template <size_t size>
+	consteval expr_kind(const char (&kind_name)[size], uint8_t attribute = 0)
+		: name_size(size), text(attribute)
+	{
+		for (size_t index = 0; index < size; index++)
+			name[index] = kind_name[index];
+	}
 };
+
+static constexpr expr_kind expr_kinds[] = {{"cmp"}, {"payload"}, {"meta"},
+	{"immediate", NFTNL_EXPR_IMM_CHAIN}, {"lookup", NFTNL_EXPR_LOOKUP_SET}, {"ct"}, {"bitwise"},
+	{"limit"}, {"reject"}, {"redir"}, {"masq"}, {"queue"}};
 
 // Null for the others. Unrolled, so that a name is compared as the word or two that it is.
 [[gnu::always_inline]] static inline const expr_kind *kind_of(const nftnl_expr *e)
@@ -454,170 +463,154 @@ static constexpr expr_kind expr_kinds[] = {
 	return nullptr;
 }
 
-// 0 if the attribute is not set.
-static size_t value_size(const nftnl_expr *e, uint16_t attribute)
+static int add_expr(nftnl_expr *e, void *data);
+
+static void add_other_expr(extent *sum, nftnl_expr *e)
 {
-	uint32_t length = 0;
-	if (!nftnl_expr_is_set(e, attribute) || !nftnl_expr_get(e, attribute, &length))
-		return 0;
-	return value_size(length);
+	for (uint16_t attribute = NFTNL_EXPR_BASE; attribute < ATTRIBUTES_END; attribute++)
+		add_attribute<nftnl_expr_get>(sum, e, attribute);
+	if (strcmp(nftnl_expr_get_str(e, NFTNL_EXPR_NAME), "dynset") == 0)
+		nftnl_expr_expr_foreach(e, add_expr, sum);
 }
 
-static size_t known_expr_size(const nftnl_expr *e, const expr_kind *kind)
+static int add_expr(nftnl_expr *e, void *data)
 {
-	size_t size = kind->fixed_size;
-	for (uint8_t attribute : kind->values) {
-		size_t bytes = attribute ? value_size(e, attribute) : 0;
-		size += bytes;
-		if (bytes && !kind->in_record)
-			break;
-	}
-	return size;
+	extent *sum = static_cast<extent *>(data);
+	sum->bytes += EXPR_BYTES;
+	const expr_kind *kind = kind_of(e);
+	if (!kind)
+		add_other_expr(sum, e);
+	else if (kind->text == NFTNL_EXPR_IMM_CHAIN && nftnl_expr_is_set(e, NFTNL_EXPR_IMM_DATA))
+		return 0; // the data lies where the pointer to the name would be, and is sent in place of it
+	else if (kind->text)
+		add_attribute<nftnl_expr_get>(sum, e, kind->text);
+	return 0;
 }
 
-// What expressions take together. With `by_room` there is no look at values whose room is known: enough for most
-// rules, in half the time.
-struct expr_bound {
-	size_t size = 0;
-	bool by_room = false;
+static int add_elem(nftnl_set_elem *elem, void *data)
+{
+	extent *sum = static_cast<extent *>(data);
+	sum->bytes += 2 * MNL_ATTR_HDRLEN;
+	bool has_chain = nftnl_set_elem_is_set(elem, NFTNL_SET_ELEM_VERDICT); // without one, none is sent
+	for (uint16_t attribute = 0; attribute <= NFTNL_SET_ELEM_MAX; attribute++)
+		if (has_chain || attribute != NFTNL_SET_ELEM_CHAIN)
+			add_attribute<nftnl_set_elem_get>(sum, elem, attribute);
+	return nftnl_set_elem_expr_foreach(elem, add_expr, sum);
+}
+
+// The true length of a list, from each part built alone in one place.
+struct list_length {
+	nlmsghdr *part;
+	size_t bytes = MNL_ATTR_HDRLEN;
 };
 
-static int add_expr(nftnl_expr *e, void *bound);
-
-// Expressions inside something else: from two on they are nested once more.
-static size_t list_size(size_t exprs_size)
+template <auto build, typename T>
+static int measure(T *part, void *data)
 {
-	return exprs_size ? MNL_ATTR_HDRLEN + exprs_size : 0;
+	list_length *sum = static_cast<list_length *>(data);
+	sum->part->nlmsg_len = MNL_NLMSG_HDRLEN;
+	build(sum->part, part);
+	sum->bytes += MNL_ATTR_HDRLEN + sum->part->nlmsg_len - MNL_NLMSG_HDRLEN;
+	return sum->bytes <= UINT16_MAX ? 0 : -1;
 }
 
-static size_t other_expr_size(nftnl_expr *e)
+static bool is_too_long(uint64_t bytes)
 {
-	const char *name = nftnl_expr_get_str(e, NFTNL_EXPR_NAME);
-	size_t size = 2 * MNL_ATTR_HDRLEN + text_size(name);
-	for (uint16_t attribute = NFTNL_EXPR_BASE; attribute < 32; attribute++)
-		size += value_size(e, attribute);
-	expr_bound inner;
-	if (strcmp(name, "dynset") == 0)
-		nftnl_expr_expr_foreach(e, add_expr, &inner);
-	return size + list_size(inner.size);
+	return bytes > PTRDIFF_MAX;
 }
 
-static int add_expr(nftnl_expr *e, void *bound)
+// Refuses a list that is longer than its 16-bit length can say. libnftnl would write the length's low bits, and the
+// kernel take the shorter message that they make. `measure_all` gives each part of `object` to measure().
+static extent with_list(extent sum, void *object, int (*measure_all)(void *object, list_length *sum))
 {
-	const expr_kind *kind = kind_of(e);
-	expr_bound *sum = static_cast<expr_bound *>(bound);
-	if (!kind)
-		sum->size += other_expr_size(e);
-	else if (sum->by_room && kind->in_record)
-		sum->size += kind->room;
-	else
-		sum->size += known_expr_size(e, kind);
-	return 0;
+	if (sum.refused || sum.bytes <= UINT16_MAX)
+		return sum;
+	owned_memory place{is_too_long(sum.bytes) ? nullptr : malloc(static_cast<size_t>(sum.bytes))};
+	list_length length{static_cast<nlmsghdr *>(place.get())};
+	sum.refused = !place.ok() || measure_all(object, &length) != 0;
+	return sum;
 }
 
-// What messages have besides texts, values, elements and expressions: headers, and every number of
-// their object.
-constexpr size_t TABLE_NUMBERS_SIZE = 64;
-constexpr size_t CHAIN_NUMBERS_SIZE = 160;
-constexpr size_t RULE_NUMBERS_SIZE = 96;
-constexpr size_t SET_NUMBERS_SIZE = 384; // the fields of a concatenation among them
-constexpr size_t ELEMS_NUMBERS_SIZE = 48;
-
-static size_t message_size(nftnl_table *table)
+static int measure_exprs(void *rule, list_length *sum)
 {
-	return TABLE_NUMBERS_SIZE + text_size(nftnl_table_get_str(table, NFTNL_TABLE_NAME));
+	return nftnl_expr_foreach(static_cast<nftnl_rule *>(rule), measure<nftnl_expr_build_payload>, sum);
 }
 
-static size_t message_size(nftnl_chain *chain)
+static int measure_exprs_of_set(void *set, list_length *sum)
 {
-	size_t size = CHAIN_NUMBERS_SIZE;
-	for (uint16_t attribute : {NFTNL_CHAIN_NAME, NFTNL_CHAIN_TABLE, NFTNL_CHAIN_TYPE, NFTNL_CHAIN_DEV})
-		size += text_size(nftnl_chain_get_str(chain, attribute));
-	return size;
+	return nftnl_set_expr_foreach(static_cast<nftnl_set *>(set), measure<nftnl_expr_build_payload>, sum);
 }
 
-static size_t message_size(nftnl_rule *rule)
+static int measure_elems(void *set, list_length *sum)
 {
-	size_t size = RULE_NUMBERS_SIZE;
-	for (uint16_t attribute : {NFTNL_RULE_TABLE, NFTNL_RULE_CHAIN, NFTNL_RULE_USERDATA}) {
-		uint32_t length = 0;
-		if (nftnl_rule_get_data(rule, attribute, &length))
-			size += attribute_size(length);
-	}
-	expr_bound bound = {size, true};
-	nftnl_expr_foreach(rule, add_expr, &bound);
-	if (bound.size > MESSAGE_BYTES_MAX) {
-		bound = {size, false};
-		nftnl_expr_foreach(rule, add_expr, &bound);
-	}
-	return bound.size;
+	return nftnl_set_elem_foreach(
+		static_cast<nftnl_set *>(set), measure<nftnl_set_elem_nlmsg_build_payload>, sum);
 }
 
-static size_t names_size(const nftnl_set *set)
+static extent extent_of(nftnl_table *table)
 {
-	return text_size(nftnl_set_get_str(set, NFTNL_SET_TABLE)) +
-	       text_size(nftnl_set_get_str(set, NFTNL_SET_NAME));
+	extent sum{MESSAGE_BYTES};
+	sum.add_text(nftnl_table_get_str(table, NFTNL_TABLE_NAME));
+	return sum;
 }
 
-static size_t message_size(nftnl_set *set)
+static extent extent_of(nftnl_chain *chain)
 {
-	size_t size = SET_NUMBERS_SIZE + names_size(set);
-	uint32_t length = 0;
-	if (nftnl_set_get_data(set, NFTNL_SET_USERDATA, &length))
-		size += attribute_size(length);
-	expr_bound exprs;
-	nftnl_set_expr_foreach(set, add_expr, &exprs);
-	return size + list_size(exprs.size);
+	extent sum{MESSAGE_BYTES};
+	for (uint16_t attribute : {NFTNL_CHAIN_NAME, NFTNL_CHAIN_TABLE, NFTNL_CHAIN_TYPE})
+		sum.add_text(nftnl_chain_get_str(chain, attribute));
+	if (nftnl_chain_is_set(chain, NFTNL_CHAIN_HOOKNUM)) // without one, no device is sent
+		sum.add_text(nftnl_chain_get_str(chain, NFTNL_CHAIN_DEV), DEVICE_BYTES_MAX);
+	return sum;
 }
 
-static size_t nesting_size(uint16_t elem_attribute)
+static extent extent_of(nftnl_rule *rule)
 {
-	switch (elem_attribute) {
-	case NFTNL_SET_ELEM_KEY:
-	case NFTNL_SET_ELEM_KEY_END:
-	case NFTNL_SET_ELEM_DATA:
-	case NFTNL_SET_ELEM_CHAIN:
-	case NFTNL_SET_ELEM_EXPRESSIONS:
-		return MNL_ATTR_HDRLEN;
-	case NFTNL_SET_ELEM_VERDICT:
-		return 2 * MNL_ATTR_HDRLEN;
-	default:
-		return 0;
-	}
+	extent sum{MESSAGE_BYTES};
+	for (uint16_t attribute : {NFTNL_RULE_TABLE, NFTNL_RULE_CHAIN, NFTNL_RULE_USERDATA})
+		add_attribute<nftnl_rule_get_data>(&sum, rule, attribute);
+	nftnl_expr_foreach(rule, add_expr, &sum);
+	return with_list(sum, rule, measure_exprs);
 }
 
-static int add_elem_size(nftnl_set_elem *elem, void *size)
+static extent extent_of(nftnl_set *set)
 {
-	size_t bytes = MNL_ATTR_HDRLEN;
-	for (uint16_t attribute = 0; attribute <= NFTNL_SET_ELEM_MAX; attribute++) {
-		uint32_t length = 0;
-		if (nftnl_set_elem_is_set(elem, attribute) && nftnl_set_elem_get(elem, attribute, &length))
-			bytes += nesting_size(attribute) + attribute_size(length);
-	}
-	expr_bound exprs;
-	nftnl_set_elem_expr_foreach(elem, add_expr, &exprs);
-	*static_cast<size_t *>(size) += bytes + list_size(exprs.size);
-	return 0;
+	extent sum{MESSAGE_BYTES};
+	for (uint16_t attribute : {NFTNL_SET_TABLE, NFTNL_SET_NAME, NFTNL_SET_USERDATA})
+		add_attribute<nftnl_set_get_data>(&sum, set, attribute);
+	nftnl_set_expr_foreach(set, add_expr, &sum);
+	return with_list(sum, set, measure_exprs_of_set);
 }
 
-static size_t elems_message_size(nftnl_set *set)
+static extent extent_of_elems(nftnl_set *set)
 {
-	size_t size = ELEMS_NUMBERS_SIZE + names_size(set);
-	nftnl_set_elem_foreach(set, add_elem_size, &size);
-	return size;
+	extent sum{MESSAGE_BYTES};
+	for (uint16_t attribute : {NFTNL_SET_TABLE, NFTNL_SET_NAME})
+		add_attribute<nftnl_set_get_data>(&sum, set, attribute);
+	nftnl_set_elem_foreach(set, add_elem, &sum);
+	return with_list(sum, set, measure_elems);
 }
 
 // ---- Batches ----
 
-static char *current(mnl_nlmsg_batch *batch)
+// What is sure behind a batch's limit: no page is smaller than that.
+constexpr size_t PAGE_BYTES_MIN = 4096;
+
+static nlmsghdr *current(mnl_nlmsg_batch *batch)
 {
-	return static_cast<char *>(mnl_nlmsg_batch_current(batch));
+	return static_cast<nlmsghdr *>(mnl_nlmsg_batch_current(batch));
 }
 
-// Takes up the message that has been written behind the others, if it is within the limit.
+// Takes up the message that has been written at the batch's end, if it is within the limit.
+//
+// If it is not, libmnl's next mnl_nlmsg_batch_reset moves what is at the end then to the front, by the length in
+// its header, and the batch goes on after it. That may be far beyond the limit, or bytes that never were a
+// message. So there is always a length of 0 at the end.
 static int advance(mnl_nlmsg_batch *batch)
 {
-	return mnl_nlmsg_batch_next(batch) ? 0 : -ENOMEM;
+	bool fits = mnl_nlmsg_batch_next(batch);
+	current(batch)->nlmsg_len = 0;
+	return fits ? 0 : -ENOMEM;
 }
 
 struct message {
@@ -625,43 +618,56 @@ struct message {
 	uint16_t flags; // NLM_F_REQUEST comes along
 };
 
-// Begins a message of no more than `size` bytes behind the others: whoever writes the rest then has to advance().
-// Null if there is no room for it.
-static nlmsghdr *begin_message(mnl_nlmsg_batch *batch, message m, uint32_t family, uint32_t seq, size_t size)
+// One of libnftnl's functions that write an object into a message.
+template <auto build, typename T>
+static void put_object(nlmsghdr *header, void *object)
 {
-	if (size > MESSAGE_BYTES_MAX)
-		return nullptr;
-	return nftnl_nlmsg_build_hdr(current(batch), m.type, static_cast<uint16_t>(family), m.flags, seq);
+	build(header, static_cast<T *>(object));
+}
+
+// Appends the message that `write_object` makes of the object: built at the batch's end, or where it might be longer than
+// what is sure there, in memory of its own. libmnl looks at nothing but the header to see if a message fits, and from
+// then on there is space for the rest.
+static int append(mnl_nlmsg_batch *batch, message m, uint32_t family, uint32_t seq, const extent &sum,
+	void (*write_object)(nlmsghdr *header, void *object), void *object)
+{
+	if (sum.refused || is_too_long(sum.bytes))
+		return -ENOMEM;
+	nlmsghdr *place = current(batch), *header = place;
+	owned_memory own;
+	if (sum.bytes > PAGE_BYTES_MIN) {
+		own.take(calloc(1, static_cast<size_t>(sum.bytes))); // zeros: libmnl leaves gaps as they are
+		header = static_cast<nlmsghdr *>(own.get());
+	}
+	if (!header)
+		return -ENOMEM;
+	nftnl_nlmsg_build_hdr(
+		reinterpret_cast<char *>(header), m.type, static_cast<uint16_t>(family), m.flags, seq);
+	write_object(header, object);
+	*place = *header;
+	int error = advance(batch);
+	if (!error && own.ok())
+		memcpy(place + 1, header + 1, header->nlmsg_len - sizeof *header);
+	return error;
 }
 
 static int append_set(mnl_nlmsg_batch *batch, message m, nftnl_set *set, uint32_t seq)
 {
-	uint32_t family = nftnl_set_get_u32(set, NFTNL_SET_FAMILY);
-	nlmsghdr *header = begin_message(batch, m, family, seq, message_size(set));
-	if (!header)
-		return -ENOMEM;
-	nftnl_set_nlmsg_build_payload(header, set);
-	return advance(batch);
+	return append(batch, m, nftnl_set_get_u32(set, NFTNL_SET_FAMILY), seq, extent_of(set),
+		put_object<nftnl_set_nlmsg_build_payload, nftnl_set>, set);
 }
 
 static int append_set_elems(mnl_nlmsg_batch *batch, message m, nftnl_set *set, uint32_t seq)
 {
-	uint32_t family = nftnl_set_get_u32(set, NFTNL_SET_FAMILY);
-	nlmsghdr *header = begin_message(batch, m, family, seq, elems_message_size(set));
-	if (!header)
-		return -ENOMEM;
-	nftnl_set_elems_nlmsg_build_payload(header, set);
-	return advance(batch);
+	return append(batch, m, nftnl_set_get_u32(set, NFTNL_SET_FAMILY), seq, extent_of_elems(set),
+		put_object<nftnl_set_elems_nlmsg_build_payload, nftnl_set>, set);
 }
 
 static int kvnft_batch_rule_msg(mnl_nlmsg_batch *batch, nftnl_rule *rule, uint16_t type, uint32_t family,
 	uint16_t flags, uint32_t seq)
 {
-	nlmsghdr *header = begin_message(batch, {type, flags}, family, seq, message_size(rule));
-	if (!header)
-		return -ENOMEM;
-	nftnl_rule_nlmsg_build_payload(header, rule);
-	return advance(batch);
+	return append(batch, {type, flags}, family, seq, extent_of(rule),
+		put_object<nftnl_rule_nlmsg_build_payload, nftnl_rule>, rule);
 }
 
 constexpr uint16_t CREATE = NLM_F_CREATE | NLM_F_ACK;
@@ -671,7 +677,7 @@ struct mnl_nlmsg_batch *kvnft_batch_alloc_start(void *buf, size_t limit, uint32_
 	mnl_nlmsg_batch *batch = mnl_nlmsg_batch_start(buf, limit);
 	if (!batch)
 		return nullptr;
-	nftnl_batch_begin(current(batch), seq);
+	nftnl_batch_begin(static_cast<char *>(mnl_nlmsg_batch_current(batch)), seq);
 	if (advance(batch) != 0) {
 		mnl_nlmsg_batch_stop(batch);
 		return nullptr;
@@ -707,7 +713,7 @@ int kvnft_batch_add_rule(struct mnl_nlmsg_batch *batch, struct nftnl_rule *rule,
 
 int kvnft_batch_finish(struct mnl_nlmsg_batch *batch, uint32_t seq)
 {
-	nftnl_batch_end(current(batch), seq);
+	nftnl_batch_end(static_cast<char *>(mnl_nlmsg_batch_current(batch)), seq);
 	return advance(batch);
 }
 
@@ -792,11 +798,8 @@ static int append_table(mnl_nlmsg_batch *batch, message m, const char *name, uin
 	owned_table table{kvnft_build_table(name, family)};
 	if (!table.ok())
 		return -ENOMEM;
-	nlmsghdr *header = begin_message(batch, m, family, seq, message_size(table.get()));
-	if (!header)
-		return -ENOMEM;
-	nftnl_table_nlmsg_build_payload(header, table.get());
-	return advance(batch);
+	return append(batch, m, family, seq, extent_of(table.get()),
+		put_object<nftnl_table_nlmsg_build_payload, nftnl_table>, table.get());
 }
 
 // Deletes the rules of a chain, or of the whole table.
@@ -829,11 +832,8 @@ static nftnl_chain *build_chain(const char *table, const char *name, const char 
 
 static int append_chain(mnl_nlmsg_batch *batch, message m, uint32_t family, uint32_t seq, nftnl_chain *chain)
 {
-	nlmsghdr *header = begin_message(batch, m, family, seq, message_size(chain));
-	if (!header)
-		return -ENOMEM;
-	nftnl_chain_nlmsg_build_payload(header, chain);
-	return advance(batch);
+	return append(batch, m, family, seq, extent_of(chain),
+		put_object<nftnl_chain_nlmsg_build_payload, nftnl_chain>, chain);
 }
 
 int kvnft_batch_add_table_simple(
@@ -893,7 +893,6 @@ int kvnft_batch_accept_mark_neq(struct mnl_nlmsg_batch *batch, uint32_t family, 
 	return kvnft_batch_accept_mark_rule(batch, family, table, chain, mark, seq, false);
 }
 
-using owned_memory = owned<void *, nullptr, free>;
 using owned_batch = owned<mnl_nlmsg_batch *, nullptr, mnl_nlmsg_batch_stop>;
 
 // Appends one change of a table, or of a chain in it. 0, or -ENOMEM.

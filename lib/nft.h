@@ -203,17 +203,19 @@ int kvnft_rule_verdict(struct nftnl_rule *rule, uint8_t verdict);
 /*
  * ---- Batches ----
  *
- * A batch collects messages in a buffer of the caller's, up to `limit` bytes. libmnl writes a message
- * first and looks at the limit afterwards, so the buffer needs room for one whole message behind it:
- * allocate KVNFT_BATCH_BUFFER_SIZE(limit) bytes. A message that might be longer than 4076 bytes is
- * refused before anything is written, whatever the limit: split elements over several messages. (A
- * refusal by the kernel repeats the message, and 4096 bytes are received at once.) How long it might be
- * is an estimate that is never too low: a rule of 50 ordinary expressions fits, one of 60 may not.
+ * A batch collects messages in a buffer of the caller's, up to `limit` bytes. Allocate
+ * KVNFT_BATCH_BUFFER_SIZE(limit) bytes for it: a message is written first and compared with the limit
+ * afterwards, and up to a page may be written after the limit. A message that might be longer than 4096
+ * bytes is built in memory of its own and copied into the batch once it is known to fit. How long it might
+ * be is an estimate, and never too low: 13 ordinary expressions, or 100 elements, take no extra memory.
  *
- * Functions that append a message return 0, or -ENOMEM if it is refused, or does not fit below the
- * limit. It is not sent then; what had been appended before stays, and a shorter message may still fit.
- * They copy the object, and free none. `seq` is the message's sequence number, the caller's choice; the
- * kernel's answers repeat it.
+ * Functions that append a message return 0, or -ENOMEM: it does not fit below the limit, memory is
+ * exhausted, or a length in it cannot be said in netlink's 16 bits. Those bound each name and each list
+ * with all that is in it: 65,530 characters, 4,095 elements of 4 bytes, or 2,340 with time-outs. What is
+ * refused is not in the batch and not sent; what had been appended before stays, and a shorter message may
+ * still fit. mnl_nlmsg_batch_reset empties the batch then, too: it moves no refused message to the front, as
+ * it does where libmnl is used alone. They copy the object, and free none. `seq` is the message's sequence
+ * number, the caller's choice; the kernel's answers repeat it.
  *
  * The kernel takes a batch in one piece: one longer than net.core.wmem_default (212992 less 32) is
  * refused with -EMSGSIZE. Each message asks for an acknowledgement, and all of them wait in the
@@ -234,11 +236,11 @@ struct mnl_nlmsg_batch *kvnft_batch_alloc_start(void *buf, size_t limit, uint32_
 
 int kvnft_batch_add_set(struct mnl_nlmsg_batch *batch, struct nftnl_set *set, uint32_t seq);
 int kvnft_batch_del_set(struct mnl_nlmsg_batch *batch, struct nftnl_set *set, uint32_t seq);
-/* All elements of `set`, in one message: some 200 of 6 bytes fit, or 125 with time-outs. */
+/* All elements of `set`, in one message. */
 int kvnft_batch_add_set_elem(struct mnl_nlmsg_batch *batch, struct nftnl_set *set, uint32_t seq);
 /* The same; without any element in `set` the kernel deletes all that the set has. */
 int kvnft_batch_del_set_elem(struct mnl_nlmsg_batch *batch, struct nftnl_set *set, uint32_t seq);
-/* Behind the chain's other rules. */
+/* After the chain's other rules. The kernel takes rules of up to 128 expressions. */
 int kvnft_batch_add_rule(struct mnl_nlmsg_batch *batch, struct nftnl_rule *rule, uint32_t seq);
 
 /* Appends the message that ends the transaction. */
