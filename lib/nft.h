@@ -207,7 +207,7 @@ int kvnft_rule_verdict(struct nftnl_rule *rule, uint8_t verdict);
  * KVNFT_BATCH_BUFFER_SIZE(limit) bytes for it: a message is written first and compared with the limit
  * afterwards, and up to a page may be written after the limit. A message that might be longer than 4096
  * bytes is built in memory of its own and copied into the batch once it is known to fit. How long it might
- * be is an estimate, and never too low: 13 ordinary expressions, or 100 elements, take no extra memory.
+ * be is an estimate, and never too low: 13 ordinary expressions, or 60 elements, take no extra memory.
  *
  * Functions that append a message return 0, or -ENOMEM: it does not fit below the limit, memory is
  * exhausted, or a length in it cannot be said in netlink's 16 bits. Those bound each name and each list
