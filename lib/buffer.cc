@@ -73,7 +73,7 @@ int32_t buffer_write(struct buffer *buffer, const void *bytes, int32_t count)
 	if (count > INT32_MAX - buffer->length)
 		return -ENOMEM;
 	if (buffer->size < buffer->length + count)
-		grow(buffer, int64_t{count} + GROWTH_SPARE);
+		grow(buffer, int64_t{count} + GROWTH_SPARE); // compatibility, growth
 	if (count > 0)
 		memcpy(buffer->data + buffer->length, bytes, static_cast<size_t>(count));
 	buffer->length += count;
@@ -96,8 +96,7 @@ char *buffer_claim_text(buffer *b, int32_t length)
 		b->length += length;
 		return b->data + b->length - length;
 	}
-	// On purpose the text is not tried again in the larger buffer, and the buffer does not grow by the
-	// terminating zero: whoever relies on the sizes finds them as they always were.
+	// Neither tried again in the larger buffer, nor grown by the terminator: compatibility, formatted text
 	int32_t shortfall = length - room;
 	if (shortfall <= INT32_MAX - b->size)
 		grow(b, shortfall);

@@ -40,7 +40,7 @@ char *buffer_get_data(struct buffer *buffer, int32_t *length);
 
 /*
  * Appends `count` bytes. A buffer too small grows by `count` + 128 bytes over its old size, not to
- * double: on purpose, memory on the device is scarce. `bytes` may be null if `count` is 0, and must
+ * double: memory on the device is scarce. `bytes` may be null if `count` is 0, and must
  * not lie in this buffer.
  *
  * Returns: `count`; -1 for a null buffer; -EINVAL for a negative count; -ENOMEM if the length would
@@ -52,7 +52,7 @@ int32_t buffer_write(struct buffer *buffer, const void *bytes, int32_t count);
  * Appends formatted text, if it fits, with a terminating zero that is not counted, into the space
  * that is free now. Returns the number of bytes appended.
  *
- * On purpose a text that does not fit is not appended: the buffer grows by what the text, without
+ * A text that does not fit is not appended: the buffer grows by what the text, without
  * its zero, lacked, its length stays, and the result is -ENOMEM. (Asking again then fails again,
  * without growing.) For texts of unknown length, format first and use buffer_write, or write to a
  * stream. -1 for a null buffer; a negative result of vsnprintf is returned as it is.

@@ -25,8 +25,8 @@ constexpr int LINKS_MAX = 40;          // the kernel follows no more
 
 // ---- Partitions ----
 
-// Whether a line of /proc/mtd, `mtd5: 00010000 00010000 "EEPROM"`, is about the partition. On purpose nothing
-// is asked of what stands before the name.
+// Whether a line of /proc/mtd, `mtd5: 00010000 00010000 "EEPROM"`, is about the partition. What stands
+// before the name does not matter: compatibility, partition names
 static bool names_partition(const char *line, const char *name)
 {
 	const char *found = strstr(line, name);
@@ -85,7 +85,7 @@ static int failed(const char *step)
 static int copy(int device, int target, size_t left)
 {
 	unsigned char chunk[CHUNK_BYTES_MAX];
-	while (left > 0) { // on purpose for ever where the data ends too early
+	while (left > 0) { // for ever where it ends too early: compatibility, short partition
 		ssize_t count = read(device, chunk, left < sizeof chunk ? left : sizeof chunk);
 		if (count < 0)
 			return failed("read");
@@ -267,7 +267,7 @@ static int make_copy(
 	}
 	int error = copy_slice(device.get(), copy.get(), offset, length);
 	device.take(-1);
-	// On purpose the file appears, too, if only the address could not be written.
+	// The file appears, too, if only the address could not be written: compatibility, copy without address
 	int mac_error = !error && mac ? write_mac(p.unfinished, path, mac) : 0;
 	if (!error)
 		error = publish(copy.get(), &p, path);

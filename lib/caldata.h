@@ -13,8 +13,8 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /*
- * The device of the flash partition called `name`, by /proc/mtd, such as "mtd5" (in /dev). On purpose
- * only the end is compared: a line matches if a quote comes right behind the first place in it where
+ * The device of the flash partition called `name`, by /proc/mtd, such as "mtd5" (in /dev).
+ * Only the end is compared: a line matches if a quote comes right behind the first place in it where
  * `name` stands, so "data" finds "rootfs_data". The first line that matches counts; of each 255
  * characters are looked at.
  *
@@ -34,11 +34,11 @@ char *find_mtd(const char *name);
  * same folder.
  *
  * Returns: 0, also if the file was there already, whatever it holds; -ENOENT without such a partition; -1
- *          if the path is longer than 4096 characters (on purpose one of exactly 4096 is tried without its
+ *          if the path is longer than 4096 characters (one of exactly 4096 is tried without its
  *          last character); else a negated errno of opening, seeking, reading or writing. Then there is
  *          no file, and no part of one.
  *
- * The slice must lie within the partition. On purpose it is no error if reading comes to an end of the
+ * The slice must lie within the partition. It is no error if reading comes to an end of the
  * data: the call goes on reading for ever.
  */
 int caldata_export(const char *file, const char *partition, unsigned offset, unsigned length);
@@ -47,7 +47,7 @@ int caldata_export(const char *file, const char *partition, unsigned offset, uns
  * The same, and writes the 6 bytes at `mac` over those from byte 6 of the copy on; a shorter copy is
  * extended. The file appears with the address in it. No checksum in the data is mended.
  *
- * Returns: as caldata_export; -EINVAL without `mac`. On purpose, if only the address cannot be written,
+ * Returns: as caldata_export; -EINVAL without `mac`. If only the address cannot be written,
  *          the file appears without it, or with a part of it: the next call finds it and returns 0.
  */
 int ath10k_caldata_patch(

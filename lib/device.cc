@@ -211,6 +211,6 @@ void _led_set_attr(const char *led, const char *attribute, const char *value)
 		_log(3, "led: unable to open %s: err=-%d\n", path, errno);
 		return;
 	}
-	// On purpose nobody asks whether the kernel took it.
+	// The result is not looked at: compatibility, LED writes
 	[[maybe_unused]] ssize_t written = write(file.get(), value, strlen(value));
 }

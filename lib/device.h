@@ -103,7 +103,7 @@ int dev_get_mac_json_array(json_t **out);
 /*
  * For functions of boards: writes `value` as it is to /sys/class/leds/<led>/<attribute>, which is made
  * if the directory lets it. A file that cannot be opened is logged; whether it takes the value is not
- * looked at. A path of more than 4096 characters is logged and left; on purpose one of exactly 4096 is
+ * looked at. A path of more than 4096 characters is logged and left; one of exactly 4096 is
  * tried without its last character.
  */
 void _led_set_attr(const char *led, const char *attribute, const char *value);

@@ -82,7 +82,7 @@ static pid_t reap(int *status)
 	return pid;
 }
 
-// On purpose a signed number: 200 is -56. A child that a signal ended has 0 in these bits.
+// 200 is -56, and a child that a signal ended has 0 in these bits: compatibility, signed exit code
 static int exit_code(int status)
 {
 	return static_cast<int8_t>(static_cast<uint8_t>(static_cast<unsigned>(status) >> 8));

@@ -26,7 +26,7 @@ extern "C" {
  * `cb` is called once, after the child has been reaped, with the watcher no longer pending: it may
  * add it again for another child, or release the record around it. `exit_status` is the child's
  * exit code read as a signed 8-bit number, so 128 to 255 arrive as -128 to -1, and a child that a
- * signal ended arrives as 0. Both on purpose.
+ * signal ended arrives as 0.
  */
 struct evloop_process {
 	struct evloop_process *next, *prev;                          /* the loop's; null while not pending */

@@ -70,15 +70,15 @@ int evloop_io_init(void);
  * errors and hang-ups), or changes what a registered watcher asks for.
  *
  * Returns: 0; -EINVAL if `io->cb` is null, and nothing has changed; -1 with errno set, not a
- *          negated errno, if the kernel refuses. On purpose `io->flags` then holds the new value.
+ *          negated errno, if the kernel refuses. `io->flags` then holds the new value.
  */
 int evloop_io_add(struct evloop_io *io, unsigned int flags);
 
 /*
  * Stops watching. An event of the descriptor, or of this record if its `fd` was changed since, may have
  * been fetched and wait for its turn. It is dropped if its place in the batch is below the number of
- * events that still wait. That bound is kept as it is on purpose: once part of a batch has been
- * dispatched, events towards its end may still reach `io->cb` after this call. So where a callback deletes
+ * events that still wait. Once part of a batch has been dispatched, events towards its end may still
+ * reach `io->cb` after this call. So where a callback deletes
  * the watcher of another descriptor, set `cb` to null to have it left alone, and keep the record for
  * EVLOOP_MAX_EVENTS further passes, after which the batch is over (evloop_run returning does not end it).
  * Streams, connections and listening sockets of this library take care of themselves.
@@ -143,7 +143,7 @@ int evloop_timeout_cancel(struct evloop_timeout *timeout);
 int evloop_timeout_set(struct evloop_timeout *timeout, int64_t delay_ms);
 
 /*
- * Whole seconds until `expires` (on purpose, although delays are set in milliseconds: 1500 ms
+ * Whole seconds until `expires` (although delays are set in milliseconds: 1500 ms
  * reads 1), 0 once it has passed. It does not look at `pending`: a timer that has fired or was
  * cancelled answers from its old `expires`. Only the low 32 bits of the difference count, as a
  * signed number, so the answer wraps for timers more than 35 minutes away.

@@ -24,7 +24,7 @@ struct step_texts {
 	const char *end; // of the lines of all steps but the first
 };
 
-// On purpose "md5" for every digest of a file, and no line feed in all lines but the first.
+// "md5" for every digest of a file, a line feed in the first line only: compatibility, texts of digests
 static constexpr step_texts FILE_TEXTS = {"md5: fail to setup md5 digest", "md5: fail to start md5 digest",
 	"md5: fail to make md5 digest", "md5: fail to make md5 digest", ""};
 static constexpr step_texts STRING_TEXTS = {"md: fail to setup digest", "md: fail to start digest",

@@ -222,8 +222,8 @@ static void notify(const htable *t, void *key, void *value)
 		t->value_free_fn(value);
 }
 
-// On purpose only the first slot_count bytes of the keys become values, not slot_count pointers: daemons
-// live with it, and a set that has entries is not meant to become a map. The rest is null.
+// Of the keys the first slot_count bytes become values, not slot_count pointers; the rest is null:
+// compatibility, short copy
 static bool become_map(htable *t)
 {
 	size_t slot_count = static_cast<size_t>(t->slot_count);

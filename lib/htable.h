@@ -73,9 +73,9 @@ void htable_unref(struct htable *table);
  * Stores `value` under `key`. Of two equal keys htable_insert keeps the stored one and destroys the
  * one passed, htable_replace keeps the one passed; the former value is destroyed in either case.
  *
- * The first value that differs from its stored key makes the table a map, which it stays. On purpose
- * the values of the entries already stored are carried over only in the first slot_count bytes of the
- * array: the others become null. So do not turn a set that has entries into a map, and add to a set
+ * The first value that differs from its stored key makes the table a map, which it stays. The values of
+ * the entries already stored are carried over only in the first slot_count bytes of the array: the
+ * others become null. So do not turn a set that has entries into a map, and add to a set
  * with htable_add only: htable_insert keeps the stored key, from which the one passed, as the value,
  * may differ.
  *

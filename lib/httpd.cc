@@ -571,7 +571,7 @@ static void parse_path(httpd_conn *conn, span path)
 {
 	const char *query = path.find('?');
 	if (query) {
-		store_span({query, path.end}, &conn->query, &conn->query_len);
+		store_span({query, path.end}, &conn->query, &conn->query_len); // compatibility, query mark
 		path.end = query;
 	}
 	store_span(path, &conn->path, &conn->path_len);
@@ -619,8 +619,7 @@ static bool parse_request_line(httpd_conn *conn)
 	return true;
 }
 
-// On purpose the bytes behind the path are decoded, too, two for each escape in it; behind what has been
-// received there are zeros.
+// Bytes after the path are decoded, too, two for each escape in it: after what has been received there are zeros.
 static char *decode_path(const httpd_conn *conn)
 {
 	if (conn->path_len == 0)
@@ -740,7 +739,7 @@ static int parse_header(httpd_conn *conn, span line)
 	span value = trimmed({colon + 1, line.end});
 	if (name.find('\0')) // what follows it could not be seen in the table
 		return 400;
-	// On purpose in this spelling only; "content-length" is a header like any other.
+	// "content-length" is a header like any other: compatibility, header spelling
 	if (name.is("Content-Length"))
 		return parse_content_length(conn, value);
 	if (name.is("Connection"))
@@ -949,7 +948,7 @@ static void on_idle(evloop_timeout *timeout)
 
 static uint32_t hash_name(const void *name)
 {
-	return fnv_32_str(static_cast<const char *>(name), 0); // on purpose not the usual basis
+	return fnv_32_str(static_cast<const char *>(name), 0); // compatibility, zero basis
 }
 
 static int equal_names(const void *stored, const void *name)
@@ -969,7 +968,7 @@ void httpd_ctx_cleanup(struct httpd_ctx *ctx)
 	for (httpd_link *node = ctx->connections.next; node != &ctx->connections; node = next) {
 		next = node->next;
 		connection *c = connection_of(owner_of(node, &httpd_conn::node));
-		if (is_deferred(c))
+		if (is_deferred(c)) // compatibility, deferred at the end
 			_log(LOG_CRIT, "BUG: deferred connections around\n");
 		teardown(c, ending::immediate);
 	}
@@ -1057,7 +1056,7 @@ const char *http_code_to_string(int code)
 	case 400:
 		return "Bad Request";
 	case 404:
-		return "Not found"; // on purpose with a small "f"
+		return "Not found"; // compatibility, Not found
 	case 405:
 		return "Method Not Allowed";
 	case 406:
@@ -1187,7 +1186,7 @@ int32_t httpd_fail(struct httpd_conn *conn, int version, int code)
 	if (!send_composed(conn))
 		return -ENOMEM;
 	httpd_res_buffers_reset(conn);
-	return result; // on purpose what the blank line gave, 2
+	return result; // compatibility, result 2
 }
 
 // --- URL coding
@@ -1199,7 +1198,7 @@ static unsigned digit_value(char digit)
 		return value - '0';
 	if (digit >= 'A' && digit <= 'Z')
 		value += 'a' - 'A';
-	return value - ('a' - 10); // unchecked, on purpose: the caller keeps eight bits of it
+	return value - ('a' - 10); // compatibility, unchecked digits
 }
 
 static char from_digits(char high, char low)
@@ -1229,8 +1228,7 @@ public:
 	void skip(size_t count) { pos_ += count; }
 };
 
-// On purpose an escape counts as one of `length`, although it takes three bytes: what follows the input is
-// decoded as far as that leads.
+// An escape takes three bytes and counts as one of `length`: compatibility, escapes read on
 template <typename reader>
 static void decode_into(char *out, reader in, int32_t length) // `out` has room for a terminating zero
 {

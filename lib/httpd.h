@@ -172,8 +172,8 @@ struct httpd_conn {
 
 	uint32_t arg;  /* as given to httpd_accept; the handler may change it, it lasts with the connection */
 	uint8_t flags; /* HTTPD_* */
-	/* The path decoded as http_alloc_url_decode does, "/" if there is none; the server's. On purpose
-	 * each escape in it brings two of the bytes that follow the path: "/a%20b HTTP/1.1" reads "/a b H".
+	/* The path decoded as http_alloc_url_decode does, "/" if there is none; the server's.
+	 * Each escape in it brings two of the bytes that follow the path: "/a%20b HTTP/1.1" reads "/a b H".
 	 */
 	char *decoded_path;
 	uint8_t close_requested; /* 1: "Connection: close" */
@@ -195,7 +195,7 @@ void httpd_ctx_init(struct httpd_ctx *ctx, httpd_handler handler);
 
 /*
  * Ends all connections at once. One whose answer is deferred is only marked HTTPD_CLOSE_PENDING
- * (on purpose, with "BUG: deferred connections around" logged at priority 2): it lives, and `ctx`
+ * (with "BUG: deferred connections around" logged at priority 2): it lives, and `ctx`
  * with it, until its httpd_defer_complete. Does not touch the listening socket.
  */
 void httpd_ctx_cleanup(struct httpd_ctx *ctx);
@@ -257,7 +257,7 @@ int32_t httpd_common_headers(struct httpd_conn *conn) __attribute__((warn_unused
  * Composes a whole error answer with a small HTML page, and writes it in one piece; what was composed
  * before is discarded. It does not close the connection: return 0 or non-zero from the handler.
  *
- * Returns: 2 on success (on purpose, not 0: what appending the blank line gave), the negative
+ * Returns: 2 on success (not 0: what appending the blank line gave), the negative
  *          result of the step that failed otherwise, -ENOMEM if the stream did not take it all. After a
  *          failure the buffers keep what was composed.
  */
@@ -268,7 +268,7 @@ int32_t httpd_fail(struct httpd_conn *conn, int version, int code);
  * length. An escape cut off by the end, or by a zero byte, loses its "%". Digits are not checked:
  * whatever follows a "%" is combined.
  *
- * On purpose the result has `length` characters also when there are escapes: each makes it read,
+ * The result has `length` characters also when there are escapes: each makes it read,
  * and decode, two more bytes behind the input. The caller must own them: `length` * 3 bytes are
  * always enough, and behind the text proper they should be zero.
  */
@@ -286,7 +286,7 @@ char *http_alloc_url_encode(const char *bytes, int32_t length);
  * from the query of a GET, from the body of a POST whatever its type. "" if it has no "="; null if
  * there is no such parameter, and for other methods. The first match counts.
  *
- * On purpose the first parameter of a query carries the "?" in its name: in "?a=1&b=2" they are
+ * The first parameter of a query carries the "?" in its name: in "?a=1&b=2" they are
  * called "?a" and "b".
  */
 char *http_req_lookup_param(struct httpd_conn *conn, const char *name);

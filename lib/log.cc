@@ -71,7 +71,7 @@ static void initialise()
 		destination_mask = isatty(STDOUT_FILENO) ? LOG_DEST_STDIO : LOG_DEST_SYSLOG;
 	if (syslog_facility < 0)
 		syslog_facility = isatty(STDOUT_FILENO) ? LOG_USER : LOG_DAEMON;
-	// On purpose: a daemon that writes to the standard streams only prints bare lines.
+	// The standard streams alone get no name: compatibility, bare lines
 	if (!identity && destination_mask != LOG_DEST_STDIO)
 		identity = process_name();
 	if (destination_mask & LOG_DEST_SYSLOG)
@@ -102,7 +102,7 @@ __attribute__((format(printf, 3, 0))) static void write_kmsg(
 
 static FILE *standard_stream(int priority)
 {
-	// On purpose 7, debug, is not among the reports.
+	// LOG_DEBUG is no report: compatibility, debug on stderr
 	return priority == LOG_NOTICE || priority == LOG_INFO ? stdout : stderr;
 }
 
@@ -155,8 +155,7 @@ void out_of_memory(void)
 	abort();
 }
 
-// On purpose unsigned, with the interval's sign extended: a negative one makes the sum wrap, and periods
-// end at once, or never while the sum lies below the clock's zero.
+// A negative interval makes the sum wrap: compatibility, negative interval
 static bool period_has_ended(const ratelimit_state *state, uint64_t now_ms)
 {
 	return state->begin + static_cast<uint64_t>(int64_t{state->interval}) < now_ms;

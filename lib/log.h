@@ -89,7 +89,7 @@ void *xzalloc(size_t size) __attribute__((malloc, returns_nonnull));
 /* Never frees: a `size` of 0 shrinks the block to one byte. */
 void *xrealloc(void *block, size_t size) __attribute__((returns_nonnull));
 
-/* On purpose not checked like the above: these return null when memory is exhausted. */
+/* These return null when memory is exhausted, unlike the functions above: compatibility, unchecked copies */
 char *xstrdup(const char *text) __attribute__((malloc));
 char *xstrndup(const char *text, size_t length_max) __attribute__((malloc));
 

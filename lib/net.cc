@@ -122,7 +122,7 @@ unsigned char *mac_aton(const char *text)
 		mac[index] = static_cast<unsigned char>(number);
 		text = end + 1;
 	}
-	return mac; // on purpose with what it had from the first byte on that could not be read
+	return mac; // compatibility, MAC prefix
 }
 
 char *mac_ntoa(const unsigned char *mac)
@@ -138,7 +138,7 @@ static char *derive_mac(const char *text, int n, unsigned char first_byte_bits)
 {
 	unsigned char *mac = mac_aton(text);
 	mac[0] |= first_byte_bits;
-	// On purpose without a carry from the sixth byte to the fifth.
+	// The sixth byte carries nothing to the fifth: compatibility, no carry
 	mac[4] = static_cast<unsigned char>(mac[4] + static_cast<unsigned>(n / 256));
 	mac[5] = static_cast<unsigned char>(mac[5] + static_cast<unsigned>(n));
 	return mac_ntoa(mac);

@@ -30,7 +30,7 @@ int iface_mac_binary(const char *ifname, unsigned char mac[6]);
  * /sys/class/ieee80211/<phy>/addresses: the file's first line.
  *
  * Returns text that the caller frees, or null, which is logged unless there is just no memory for the
- * text. A path of more than 4096 characters is refused; on purpose one of exactly 4096 is tried without
+ * text. A path of more than 4096 characters is refused; one of exactly 4096 is tried without
  * its last character.
  */
 char *get_radio_mac(const char *phy);
@@ -46,7 +46,7 @@ uint32_t get_iface_ip(const char *ifname);
  * Reads a MAC address: up to six hexadecimal numbers below 256 with a colon behind each of the first five;
  * anything may follow the sixth. A number may have what strtol accepts before it: blanks, a sign, "0x".
  *
- * Returns: 6 bytes of the process's own. On purpose there is no error: reading stops at the first byte
+ * Returns: 6 bytes of the process's own. There is no error: reading stops at the first byte
  *          that is not as above, and from there on the bytes are what they were before (zeros at first).
  */
 unsigned char *mac_aton(const char *text);
@@ -55,7 +55,7 @@ unsigned char *mac_aton(const char *text);
 char *mac_ntoa(const unsigned char *mac);
 
 /*
- * The address `n` steps from that in `text`, as mac_ntoa writes it. On purpose nothing is carried: the
+ * The address `n` steps from that in `text`, as mac_ntoa writes it. Nothing is carried: the
  * sixth byte becomes itself + n, the fifth itself + n / 256 (towards zero), both modulo 256, so that
  * 00:11:22:33:44:ff and 1 make 00:11:22:33:44:00. `text` is read by mac_aton, and the result's bytes
  * stay in its buffer.

@@ -117,7 +117,7 @@ struct nftnl_expr *kvnft_build_expr_reject(uint32_t type, uint8_t code)
 {
 	nftnl_expr *e = nftnl_expr_alloc("reject");
 	put_u32(e, NFTNL_EXPR_REJECT_TYPE, type);
-	if (type == NFT_REJECT_ICMPX_UNREACH) // on purpose not with the others
+	if (type == NFT_REJECT_ICMPX_UNREACH) // compatibility, reject codes
 		put_u8(e, NFTNL_EXPR_REJECT_CODE, code);
 	return e;
 }
@@ -143,7 +143,7 @@ struct nftnl_expr *kvnft_build_expr_limit(uint64_t rate, uint64_t burst)
 	put_u64(e, NFTNL_EXPR_LIMIT_RATE, rate);
 	put_u32(e, NFTNL_EXPR_LIMIT_TYPE, NFT_LIMIT_PKT_BYTES);
 	put_u64(e, NFTNL_EXPR_LIMIT_UNIT, 1);
-	// On purpose always: what is beyond the rate matches.
+	// Always: compatibility, over the rate
 	put_u32(e, NFTNL_EXPR_LIMIT_FLAGS, NFT_LIMIT_F_INV);
 	if (burst)
 		put_u32(e, NFTNL_EXPR_LIMIT_BURST, static_cast<uint32_t>(burst));
@@ -741,7 +741,7 @@ using owned_socket = owned<mnl_socket *, nullptr, quietly<mnl_socket *, mnl_sock
 	unsigned long *readable = static_cast<unsigned long *>(__builtin_alloca(size));
 	memset(readable, 0, size);
 	readable[number / WORD_BITS] = 1UL << number % WORD_BITS;
-	timeval no_time = {};
+	timeval no_time = {}; // compatibility, no waiting
 	return select(fd + 1, reinterpret_cast<fd_set *>(readable), nullptr, nullptr, &no_time);
 }
 
@@ -823,7 +823,7 @@ static nftnl_chain *build_chain(const char *table, const char *name, const char 
 		return nullptr;
 	if (hooknum >= 0)
 		nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_HOOKNUM, static_cast<uint32_t>(hooknum));
-	nftnl_chain_set_s32(chain.get(), NFTNL_CHAIN_PRIO, prio); // on purpose also of a regular chain
+	nftnl_chain_set_s32(chain.get(), NFTNL_CHAIN_PRIO, prio); // compatibility, priority of regular chains
 	if (dev && nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_DEV, dev) != 0)
 		return nullptr;
 	nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_FAMILY, family);
@@ -935,6 +935,7 @@ int kvnft_del_table_simple(const char *name, uint32_t family)
 static int append_chain_deletion(
 	mnl_nlmsg_batch *batch, uint32_t family, const char *table, const char *chain, uint32_t seq)
 {
+	// compatibility, priority of deleted chains
 	owned_chain named{build_chain(table, chain, nullptr, -1, -1, nullptr, family)};
 	if (!named.ok())
 		return -ENOMEM;

@@ -55,7 +55,7 @@ struct nftnl_expr *kvnft_build_expr_ct(uint32_t dreg, uint32_t key);
 
 /*
  * "reject": refuses the packet in the way of `type` (NFT_REJECT_...). Attributes: TYPE; and CODE, for
- * NFT_REJECT_ICMPX_UNREACH only. On purpose the code is not sent with the other types:
+ * NFT_REJECT_ICMPX_UNREACH only. The code is not sent with the other types:
  * NFT_REJECT_TCP_RST has none, and the kernel refuses a rule with NFT_REJECT_ICMP_UNREACH (-EINVAL),
  * since it wants one.
  */
@@ -71,7 +71,7 @@ struct nftnl_expr *kvnft_build_expr_verdict(uint32_t verdict);
 struct nftnl_expr *kvnft_build_expr_imm(uint32_t dreg, const void *data, uint32_t len);
 
 /*
- * "limit": matches the traffic beyond `rate` bytes a second; on purpose the only form there is. What may
+ * "limit": matches the traffic beyond `rate` bytes a second; the only form there is. What may
  * pass at once is `rate` and `burst` bytes together; the low 32 bits of `burst` count. The kernel
  * refuses a rate of 0. Attributes: RATE, TYPE bytes, UNIT 1 (second), FLAGS inverted; and BURST unless
  * `burst` is 0.
@@ -197,7 +197,7 @@ struct nftnl_rule *kvnft_build_rule(uint32_t family, const char *table, const ch
 int kvnft_rule_set_mark(struct nftnl_rule *rule, uint32_t mark);
 /* As kvnft_build_expr_reject. */
 int kvnft_rule_reject(struct nftnl_rule *rule, uint32_t type, uint8_t code);
-/* NF_ACCEPT, NF_DROP, ...; on purpose 8 bits, which no jump, goto, return or continue fits in. */
+/* NF_ACCEPT, NF_DROP, ...: 8 bits, so no jump, goto, return or continue; compatibility, narrow verdict */
 int kvnft_rule_verdict(struct nftnl_rule *rule, uint8_t verdict);
 
 /*
@@ -288,7 +288,7 @@ int kvnft_batch_del_table_simple(
 /*
  * A chain: a base chain of `type` ("filter", "nat", "route") at the hook `hooknum`, with the priority
  * `prio`, bound to the interface `dev` in families that ask for one; or with a negative `hooknum` a
- * regular chain. On purpose its object has the priority all the same; libnftnl sends it together with a
+ * regular chain. Its object has the priority all the same; libnftnl sends it together with a
  * hook only. `type` and `dev` may be null. No policy is set, so a base chain accepts.
  */
 int kvnft_batch_add_chain_simple(struct mnl_nlmsg_batch *batch, const char *name, const char *table,
@@ -309,7 +309,7 @@ int kvnft_batch_accept_mark_neq(struct mnl_nlmsg_batch *batch, uint32_t family, 
 /*
  * These make one change as a transaction of its own. They return what sending gives, or -ENOMEM if the
  * message could not be made; exhausted memory for the buffer ends the process. The object of a chain
- * that is deleted has the priority -1, on purpose, though it is not sent.
+ * that is deleted has the priority -1; the kernel does not see it.
  */
 int kvnft_flush_chain_simple(const char *chain, const char *table, uint32_t family);
 int kvnft_flush_table_simple(const char *table, uint32_t family);

@@ -16,7 +16,7 @@
 #include "log.h"
 #include "utils.h"
 
-// Two pieces of a path, one behind the other; on purpose what does not fit is cut off.
+// Two pieces of a path, joined. What does not fit is cut off: compatibility, cut paths
 struct joined_path {
 	char text[64];
 
@@ -55,7 +55,7 @@ int pivot(const char *new_root, const char *put_old)
 	if (error < 0)
 		return error;
 	for (const char *dir : {"/dev", "/tmp", "/sys", "/data"})
-		mount_move(put_old, "", dir); // on purpose no failure if it was not mounted
+		mount_move(put_old, "", dir); // compatibility, moves unchecked
 	return 0;
 }
 

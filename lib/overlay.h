@@ -30,7 +30,7 @@ void mount_overlayfs(void);
 /*
  * Makes the mount point `new_root` the root, and keeps the old one at `put_old`, a directory below the
  * new root, written as a path from there ("/system"). Paths put together of the two, and of the
- * directories below, are cut off at 63 bytes, on purpose without an error. /proc moves along before
+ * directories below, are cut off at 63 bytes, without an error. /proc moves along before
  * that; /dev, /tmp, /sys and /data after it, each if it was mounted: one that was not is logged, and no
  * failure. The working directory is moved by the kernel if it was the old root, and stays where it is
  * otherwise.

@@ -44,7 +44,7 @@ struct sock {
  *
  * Returns: 0; -EOPNOTSUPP without SOCK_TCP; what resolving gives: -ENOMEM, -2 (EAI_NONAME, the
  *          resolver's own number) for an unknown name, -EINVAL otherwise; the failure of the last
- *          address tried: -errno, or on purpose the positive errno if its socket could not even be
+ *          address tried: -errno, or the positive errno if its socket could not even be
  *          created.
  */
 int sock_listen(struct sock *sock, const char *host, const char *service, int backlog);
@@ -83,8 +83,8 @@ struct stable_connection {
 void init_stable_connection(struct stable_connection *c, int retry_delay_ms);
 
 /*
- * Connects now, in the caller's time, instead of the retry that may be due. On purpose it leaves
- * `retry_pending` set in that case, although no timer runs any more if it succeeds; the timer's own
+ * Connects now, in the caller's time, instead of the retry that may be due. In that
+ * case it leaves `retry_pending` set, although no timer runs any more if it succeeds; the timer's own
  * attempts clear it. Failures are not logged.
  *
  * Returns:   what `on_connected` returns, 0 without one; -EAGAIN if `connect` failed, which will be

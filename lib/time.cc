@@ -43,7 +43,7 @@ uint64_t time_now_msec(void)
 
 int32_t time_now_sec_clock(clockid_t clock)
 {
-	return low_word(time_now_clock(clock)) / USEC_PER_SEC;
+	return low_word(time_now_clock(clock)) / USEC_PER_SEC; // compatibility, short range
 }
 
 int32_t time_now_sec(void)

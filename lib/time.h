@@ -7,8 +7,8 @@
  *
  * Mind the short range. time_now_sec, time_now_sec_clock, time_to_timespec, time_to_timeval and the
  * two UTC conversions use only the low 32 bits of a value for its seconds, read as a signed number:
- * on purpose, they are meant for durations below 2^31 microseconds (35 minutes 47 seconds) and give
- * wrapped results above. The others work on the full 64 bits; a result that does not fit them wraps.
+ * they are meant for durations below 2^31 microseconds (35 minutes 47 seconds) and give wrapped results
+ * above. The others work on the full 64 bits; a result that does not fit them wraps.
  */
 #pragma once
 #include <stdint.h>

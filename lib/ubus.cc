@@ -119,6 +119,7 @@ int ubus_pack_json_msg(struct blob_buf *b, json_t *json)
 	size_t size = json_dumpb(json, nullptr, 0, JSON_COMPACT);
 	char *text = static_cast<char *>(xmalloc(size));
 	size_t length = json_dumpb(json, text, size, JSON_COMPACT);
+	// Not a STRING, which would have a terminating zero: compatibility, raw json
 	if (length > INT_MAX || blobmsg_add_field(b, BLOBMSG_TYPE_UNSPEC, "json", text,
 					static_cast<unsigned int>(length)) != 0)
 		out_of_memory();
@@ -422,7 +423,7 @@ int ubus_retry_request_invoke(struct ubus_retry_request *rr)
 int ubus_retry_request_abort(struct ubus_retry_request *rr)
 {
 	call_guard::overtake(rr);
-	end_call(rr); // on purpose `pending` stays as it is: ending it once more does nothing
+	end_call(rr); // `pending` stays: compatibility, pending after abort
 	evloop_timeout_cancel(&rr->retry_timer);
 	if (!call_guard::holds(rr)) // it is being filled; whoever has that done frees it
 		blob_buf_free(&rr->buf);
@@ -520,7 +521,7 @@ int mox_ubus_subscribe(struct ubus_subscription *s, ubus_handler_t cb)
 	if (guard.overtaken())
 		return -ECANCELED;
 	if (status != 0)
-		return -EAGAIN; // on purpose one result for whatever libubus reports
+		return -EAGAIN; // compatibility, one refusal
 	return subscribe(s, ctx, &guard);
 }
 

@@ -77,7 +77,7 @@ extern "C" {
 
 /*
  * The policy of such a message for blobmsg_parse, one entry: "json", of any type. The attribute is made
- * with type UNSPEC, on purpose not STRING: its value is the text's bytes without a terminating NUL.
+ * with type UNSPEC, not STRING: its value is the text's bytes without a terminating NUL.
  */
 extern const struct blobmsg_policy ubus_json_attrs[1];
 
@@ -142,7 +142,7 @@ struct ubus_retry_request {
 	struct blob_buf buf;                     /* its message */
 	struct evloop_timeout retry_timer;       /* the next attempt */
 	struct evloop_timeout reply_timer;       /* the limit of waiting for the answer */
-	bool pending;                            /* in flight, or on purpose also aborted while in flight */
+	bool pending;                            /* in flight, or aborted while in flight */
 };
 
 /*
@@ -183,7 +183,7 @@ int ubus_retry_request_invoke(struct ubus_retry_request *rr);
 /*
  * Ends it: no attempt follows, no callback is called any more, and the record may be released or
  * initialised again, though not before its own `prepare_cb` or `data_cb` has returned. It may be called
- * in any state after init, also again, and from any callback. On purpose `pending` stays set if a call
+ * in any state after init, also again, and from any callback. `pending` stays set if a call
  * was in flight. Returns 0.
  */
 int ubus_retry_request_abort(struct ubus_retry_request *rr);
@@ -219,7 +219,7 @@ struct ubus_subscription {
  * notifications never come twice. The result of `subscribed_cb` is not looked at.
  *
  * Returns:   0: subscribed; a ubus status (positive): not yet, the next attempt is due; -EAGAIN: the
- *            subscriber could not be registered, whatever the reason (on purpose one result for all of
+ *            subscriber could not be registered, whatever the reason (one result for all of
  *            them), or `s->ctx` is null; nothing is due then, call it again with the next connection.
  *            -ECANCELED: before it was subscribed, a callback that ran inside has called
  *            mox_ubus_unsubscribe or this function; -EALREADY: called while the record is being

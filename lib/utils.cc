@@ -129,13 +129,13 @@ int kill_children(pid_t parent)
 {
 	int result = scan_children(parent, terminate);
 	if (result)
-		_log(3, "error killing children of $d.\n"); // on purpose "$d", and no number
+		_log(3, "error killing children of $d.\n"); // compatibility, no number in the log
 	return result;
 }
 
 // ---- The console ----
 
-// On purpose a comma ends it wherever it stands, and a blank only if there is none.
+// A comma ends it wherever it stands, a blank only without any comma: compatibility, console value
 static char *copy_value(const char *value)
 {
 	const char *end = strchr(value, ',');
@@ -184,7 +184,7 @@ int json_array_elements_type_check(const json_t *array, json_type type)
 	return 1;
 }
 
-// On purpose only lower-case digits.
+// Compares as hash_digest2str writes: compatibility, lower-case hex
 static bool is_byte(const char *hex, unsigned char byte)
 {
 	static constexpr char DIGITS[] = "0123456789abcdef";

@@ -38,7 +38,7 @@ int kill_children(pid_t parent);
 
 /*
  * The console's device name from the kernel's command line ("ttyS0" of "console=ttyS0,115200"): of its
- * first 255 characters what follows the first "console=". On purpose it ends at the first comma, even
+ * first 255 characters what follows the first "console=". It ends at the first comma, even
  * one in a later parameter; only without any comma at the first blank; and without either it is the rest,
  * the line feed included.
  *
@@ -62,7 +62,7 @@ int json_array_elements_type_check(const json_t *array, json_type type);
 
 /*
  * 1 if `hex` spells the `length` bytes at `bin`, two digits a byte and nothing else; else 0, also for a
- * negative length. On purpose digits in upper case never match.
+ * negative length. Digits in upper case never match.
  */
 int hex_bin_equal(const char *hex, const unsigned char *bin, int length);
 

@@ -614,7 +614,7 @@ TEST(nft_kernel, reject_of_a_rule_is_listed)
 	});
 }
 
-// The kernel asks for the code that is left out on purpose.
+// The kernel asks for the code that is left out.
 TEST(nft_kernel, reject_by_the_familys_own_icmp_is_refused_for_want_of_a_code)
 {
 	in_nft_network([] {

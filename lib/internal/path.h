@@ -6,8 +6,8 @@
 
 inline constexpr int PATH_BYTES = 4096;
 
-// Puts a path together. False if that fails, or if the path is longer than PATH_BYTES. On purpose one of
-// exactly that length passes, although its last character has made room for the terminator.
+// Puts a path together. False if that fails, or if the path is longer than PATH_BYTES. One of exactly
+// that length passes without its last character: compatibility, paths of 4096
 __attribute__((format(printf, 2, 3))) inline bool format_path(
 	char (&path)[PATH_BYTES], const char *format, ...)
 {

@@ -1,4 +1,4 @@
-// Arithmetic that wraps, on purpose: computed unsigned, since overflow of a signed type is undefined.
+// Arithmetic that wraps: computed unsigned, since overflow of a signed type is undefined.
 #pragma once
 #include <stdint.h>
 
