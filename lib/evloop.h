@@ -60,7 +60,11 @@ struct evloop_timeout {
 
 /*
  * Creates the epoll descriptor (closed on exec) unless there is one. Returns 0, or -1 with errno
- * set; the next call tries again. Call it before watching a descriptor. The two are the same.
+ * set; the next call tries again. The two are the same.
+ *
+ * Call it before anything that watches a descriptor: evloop_io_add, sock_listen, streams, connections of the
+ * HTTP server. Without it none of them is watched, which most do not report, and evloop_run logs an error
+ * a pass, without a pause. Timeouts and child processes need it only to run.
  */
 int evloop_init(void);
 int evloop_io_init(void);

@@ -3,6 +3,9 @@
  *
  * The records belong to the caller; start from zero bytes. Errors of sockets are returned, never
  * logged; after one, the record is as it was before. One thread.
+ *
+ * evloop_init comes first (evloop.h): sock_listen, streams and whatever else watches a descriptor use the
+ * loop's set, and do not create it.
  */
 #pragma once
 #include <stdint.h>
@@ -34,13 +37,14 @@ struct sock {
 
 /*
  * Opens a socket that listens at `host` (an address or a name; null for every address) and
- * `service` (a port number or a service's name), and watches it with the loop, which must have been
- * initialised. `backlog` connections may wait; one is accepted a pass. An address that a former
- * listener left in TIME_WAIT can be taken again.
+ * `service` (a port number or a service's name), and watches it with the loop. `backlog` connections may
+ * wait; one is accepted a pass. An address that a former listener left in TIME_WAIT can be taken again.
+ *
+ * Whether the loop could watch the socket is not checked. Without evloop_init it could not: the result is
+ * still 0, the kernel takes connections, and nobody accepts them. `io.registered` says.
  *
  * A connection that cannot be accepted is tried again on the next pass: with no descriptor left the
- * loop stays busy with that until one is closed. Whether the loop could watch the socket is not checked;
- * `io.registered` says.
+ * loop stays busy with that until one is closed.
  *
  * Returns: 0; -EOPNOTSUPP without SOCK_TCP; what resolving gives: -ENOMEM, -2 (EAI_NONAME, the
  *          resolver's own number) for an unknown name, -EINVAL otherwise; the failure of the last
