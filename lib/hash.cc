@@ -77,7 +77,9 @@ static uint64_t size_of(int fd)
 		return UINT64_MAX;
 	if (S_ISREG(about.st_mode))
 		return static_cast<uint64_t>(about.st_size);
-	return S_ISBLK(about.st_mode) && ioctl(fd, BLKGETSIZE64, &size) == 0 ? size : UINT64_MAX;
+	// An int in one C library, an unsigned long in another; the kernel looks at 32 bits.
+	constexpr int request = static_cast<int>(BLKGETSIZE64);
+	return S_ISBLK(about.st_mode) && ioctl(fd, request, &size) == 0 ? size : UINT64_MAX;
 }
 
 // A part of a file in memory, from the beginning of its page on.

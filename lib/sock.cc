@@ -8,6 +8,7 @@
 #include <netinet/in.h>
 #include <stddef.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include "internal/evloop-internal.h"
