@@ -133,7 +133,8 @@ static const char *first_text(va_list arguments)
 	return text;
 }
 
-static int32_t append_formatted(buffer *b, const char *format, va_list arguments)
+__attribute__((format(printf, 2, 0))) static int32_t append_formatted(
+	buffer *b, const char *format, va_list arguments)
 {
 	size_t room = static_cast<size_t>(b->size - b->length);
 	int32_t length = vsnprintf(b->data + b->length, room, format, arguments);

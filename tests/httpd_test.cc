@@ -2395,7 +2395,7 @@ TEST_F(httpd_connection, after_a_large_request_an_idle_one_keeps_only_a_small_bu
 
 TEST_F(httpd_connection, a_handler_may_stop_the_reading_for_good)
 {
-	on_request = [this](httpd_conn *conn) {
+	on_request = [](httpd_conn *conn) {
 		stream_disable_read(&conn->stream);
 		return answer_with_description(conn);
 	};
