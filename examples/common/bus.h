@@ -2,7 +2,7 @@
  * bus - a daemon's connection to the message bus, on the library's loop, that comes back by itself.
  *
  * There is one a process, because the callbacks of a stable connection have no argument to tell two apart.
- * While there is no bus it is looked for once a second, without a word; coming and going are logged.
+ * While there is no bus it is looked for once a second; coming and going are logged.
  *
  * libubus waits for the bus daemon when it connects, looks something up, adds or removes: for that time the
  * loop stands still, the descriptor of the signals with it. It waits without a limit, and the bus daemon

@@ -21,6 +21,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "examples/common/program.h"
+
 #define LISTEN_BACKLOG 128
 
 /* ---- Command line ---- */
@@ -85,9 +87,10 @@ static int option_set(struct daemon_options *options, int option, const char *va
 				options, "bad name", value, ": 1 to 24 of A-Z, a-z, 0-9, '-', '_' and '.'");
 		options->name = value;
 		return DAEMON_RUN;
+	case 'V':
+		return print_version(options->program);
 	default:
-		fputs(options->usage, stdout);
-		return EXIT_SUCCESS;
+		return print_help(options->program, options->usage);
 	}
 }
 
@@ -99,6 +102,7 @@ int daemon_options_parse(struct daemon_options *options, int argc, char **argv)
 		{"host", required_argument, NULL, 'o'},
 		{"bus", required_argument, NULL, 'b'},
 		{"help", no_argument, NULL, 'h'},
+		{"version", no_argument, NULL, 'V'},
 		{options->name ? "name" : NULL, required_argument, NULL, 'n'},
 		{NULL, 0, NULL, 0},
 	};
@@ -106,7 +110,7 @@ int daemon_options_parse(struct daemon_options *options, int argc, char **argv)
 	int found;
 
 	/* "+" stops at the first word that is no option, ":" leaves the messages to us. */
-	while (word = argv[optind], (found = getopt_long(argc, argv, "+:", known, NULL)) != -1) {
+	while (word = argv[optind], (found = getopt_long(argc, argv, "+:h", known, NULL)) != -1) {
 		if (found == ':')
 			return usage_error(options, "option", word, " needs a value");
 		if (found == '?')
@@ -192,11 +196,23 @@ static void find_url(struct daemon *daemon)
 	snprintf(daemon->url, sizeof daemon->url, "http://%s:%d/", address, ntohs(bound.sin_port));
 }
 
+/* What it says of the bus when it starts; from then on it logs when one comes and goes. */
+static void say_if_there_is_no_bus(const struct daemon *daemon, const char *program)
+{
+	const char *path = daemon->bus.path;
+	if (daemon->bus.online)
+		return;
+	printf("%s: there is no bus%s%s: looking for it once a second\n", program, path ? " at " : "",
+		path ? path : "");
+	fflush(stdout);
+}
+
 int daemon_start(struct daemon *daemon, const struct daemon_options *options, httpd_handler handler)
 {
 	const char *program = options->program;
 	const char *address = options->address ? options->address : "127.0.0.1";
 
+	open_standard_descriptors();
 	daemon->host = options->host;
 	httpd_ctx_init(&daemon->http, handler);
 	if (evloop_init()) {
@@ -218,6 +234,7 @@ int daemon_start(struct daemon *daemon, const struct daemon_options *options, ht
 	printf("%s: listening on %s\n", program, daemon->url);
 	fflush(stdout);
 	bus_start(&daemon->bus, options->bus);
+	say_if_there_is_no_bus(daemon, program);
 	return 0;
 }
 

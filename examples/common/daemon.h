@@ -45,9 +45,9 @@ struct daemon {
 };
 
 /*
- * Sets up the loop, signals and the HTTP server, prints where it listens on standard output, and connects to
- * the bus if there is one. SIGTERM and SIGINT end the loop; SIGCHLD wakes it, so that children are noticed at
- * once.
+ * Opens /dev/null on standard descriptors that are closed, sets up the loop, signals and the HTTP server, prints
+ * where it listens on standard output, and connects to the bus. Without a bus it prints that too, and connects
+ * once there is one. SIGTERM and SIGINT end the loop; SIGCHLD wakes it, so that children are noticed at once.
  *
  * Returns 0, or -1 after a message on standard error; the process is to end then.
  */

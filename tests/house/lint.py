@@ -19,7 +19,7 @@ else:
     language = ["-std=c++20", "-fno-exceptions", "-fno-rtti"]
 includes = [f"-I{arguments.tree}", *(f"-isystem{folder}" for folder in arguments.system_include)]
 result = house.attempt(
-    ["clang-tidy-14", "--quiet", arguments.source, "--", *language, "-O2", *includes],
+    ["clang-tidy-14", "--quiet", arguments.source, "--", *language, "-O2", '-DAPBASE_VERSION="1.0.0"', *includes],
     cwd=arguments.tree,
 )
 findings = re.findall(r"^(\S+:\d+:\d+): (?:error|warning): (.*)$", result.stdout, flags=re.MULTILINE)
