@@ -420,6 +420,49 @@ class Refusals(OneNamespace):
         self.assertEqual(self.ruleset(), owned)
 
 
+class TheMachine(OneNamespace):
+    """Where process 1 has its network, it is the machine's, which is changed by who says so only."""
+
+    AS_PROCESS_1 = ("unshare", "--pid", "--fork", "--mount-proc", "--")
+    WITHOUT_PROC = ("unshare", "--mount", "sh", "-ec", 'mount -t tmpfs tmpfs /proc; exec "$@"', "sh")
+
+    def check_refused(self, *words):
+        result = self.ap.attempt(*words)
+        text = "nothing has been changed, as this network is the machine's own: see --change-this-machine in apfw --help"
+        expected = (2, "", f"apfw: {words[words.index(APFW) + 1]}: {text}\n")
+        self.assertEqual((result.returncode, result.stdout, result.stderr), expected)
+
+    def test_without_being_told_to_nothing_is_changed_in_the_network_of_process_1(self):
+        self.check_refused(*self.AS_PROCESS_1, APFW, "up")
+        self.assertEqual(self.ruleset(), [])
+        self.check(["up"])
+        built = self.ruleset()
+        for command in (["up", "--rate", "1"], ["down"], ["block", GUEST_MAC], ["unblock", GUEST_MAC]):
+            self.check_refused(*self.AS_PROCESS_1, APFW, *command)
+        self.assertEqual(self.ruleset(), built)
+
+    def test_being_told_to_it_changes_the_network_of_process_1(self):
+        for command in (["up"], ["block", GUEST_MAC]):
+            self.ap.run(*self.AS_PROCESS_1, APFW, "--change-this-machine", *command)
+        self.assertEqual(self.blocked(), [GUEST_MAC])
+        for command in (["unblock", GUEST_MAC], ["down"]):
+            self.ap.run(*self.AS_PROCESS_1, APFW, "--change-this-machine", *command)
+        self.assertEqual(self.ruleset(), [])
+
+    def test_status_is_told_in_the_network_of_process_1(self):
+        self.check(["up"])
+        self.assertIn("the firewall is up\n", self.ap.run(*self.AS_PROCESS_1, APFW, "status"))
+
+    def test_a_network_that_cannot_be_compared_is_not_changed(self):
+        self.check_refused(*self.WITHOUT_PROC, APFW, "up")
+        self.assertEqual(self.ruleset(), [])
+
+    def test_who_may_not_look_at_process_1_changes_the_network_of_its_own_user_namespace(self):
+        own = ("unshare", "--user", "--map-root-user", "--net", "sh", "-ec")
+        self.assertIn("table inet apfw", self.ap.run(*own, '"$0" up; nft list ruleset', APFW))
+        self.assertEqual(self.ruleset(), [])
+
+
 class TheCommandLine(Command):
     """Nothing here comes as far as the kernel, as the exit status tells."""
 
@@ -430,12 +473,16 @@ class TheCommandLine(Command):
         result = self.apfw("--help")
         self.assertEqual((result.returncode, result.stderr), (0, ""))
         words = ("up", "down", "status", "block MAC", "unblock MAC", "--guest", "--portal", "--rate")
+        words += ("--change-this-machine", "-h", "--version")
         for text in (*words, "br-guest", "8080", "1250000"):
             self.assertIn(text, result.stdout)
 
     def test_anything_but_a_command_gets_the_usage_on_standard_error(self):
         usage = self.apfw("--help").stdout
-        for arguments in ([], [""], ["UP"], ["upp"], ["u"], ["--guest", "x"], ["-h"], ["--help", "up"], [GUEST_MAC]):
+        wrong = ([], [""], ["UP"], ["upp"], ["u"], ["--guest", "x"], ["-x"], ["--help", "up"], ["-h", "up"], [GUEST_MAC])
+        wrong += (["--version", "up"], ["--change-this-machine"], ["--change-this-machine", "--help"])
+        wrong += (["--change-this-machine", "--change-this-machine", "up"], ["--change-this-machine=1", "up"])
+        for arguments in wrong:
             result = self.apfw(*arguments)
             self.assertEqual((result.returncode, result.stdout, result.stderr), (2, "", usage), arguments)
 
@@ -487,7 +534,7 @@ class TheCommandLine(Command):
             self.check_usage([command, "--rate", "1"], "unexpected argument '--rate', see apfw --help")
 
     def test_bad_options_are_refused(self):
-        for option in ("--rat", "--rates", "-r", "rate", "", "--rate=1", GUEST_MAC, "--help"):
+        for option in ("--rat", "--rates", "--change-this-machine", "-r", "rate", "", "--rate=1", GUEST_MAC, "--help"):
             self.check_usage(["up", option, "1"], f"bad option '{option}', see apfw --help")
 
     def test_options_without_their_value_are_refused(self):

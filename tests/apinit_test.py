@@ -76,9 +76,13 @@ cd ..
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin
 """
 AS_PROCESS_1 = 'exec env -i PATH=/bin $ENVIRONMENT /usr/sbin/chroot root /sbin/apinit "$@"'
-AS_ANOTHER = 'env -i PATH=/bin $ENVIRONMENT /usr/sbin/chroot root /sbin/apinit "$@"; exit $?'
+# As another, which is to be told to do its work. --show, which has none, goes with no other option.
+AS_ANOTHER = r"""
+[ "$1" = --show ] || set -- --change-this-machine "$@"
+env -i PATH=/bin $ENVIRONMENT /usr/sbin/chroot root /sbin/apinit "$@"; exit $?"""
 # As another, with the mounts before and after; those after are the tree's, wherever its root is now.
 WITH_MOUNTS = r"""
+[ "$1" = --show ] || set -- --change-this-machine "$@"
 mounts() { chroot root /bin/cat /proc/self/mountinfo; }
 mounts >mounts_before
 status=0
@@ -405,13 +409,44 @@ class Overlay(MachineTest):
         self.assertIn("touch: /new: Read-only file system\n", result.stderr)
         self.assertFalse(os.path.exists(self.machine.path("sys/erased")))
 
+    def start_without(self, *directories):
+        """Starts it where these are missing in the root, and there is a partition that could be erased."""
+        self.machine.have_files_in_proc(MTD_HEAD + MTD_EEPROM + MTD_ROOTFS_DATA)
+        remove = "".join(f"rmdir root{directory}; " for directory in directories)
+        prepare = f"mount -o remount,rw root; {remove} mount -o remount,ro root\n"
+        self.machine.script = prepare + WITH_MOUNTS
+        result = self.run_well("echo", "started")
+        self.assertIn("started\n", result.stdout)
+        before, after = (read_file(self.machine.path(name)) for name in ("mounts_before", "mounts_after"))
+        self.assertEqual(after, before)
+        self.assertFalse(os.path.exists(self.machine.path("sys/erased")))
+        return [line for line in result.stderr.splitlines() if "caldata" not in line and "export" not in line]
+
+    def test_a_root_that_lacks_a_directory_of_the_overlay_stays_and_flash_memory_is_not_erased(self):
+        for missing in (["/system"], ["/mnt"], ["/data"], ["/system", "/mnt", "/data"]):
+            with self.subTest(missing=missing):
+                self.setUp()  # another machine
+                line = f"apinit: the root lacks {' '.join(missing)}: it stays as it is, without an overlay"
+                self.assertEqual(self.start_without(*missing), [line])
+
+    def test_a_file_is_no_directory_of_the_overlay(self):
+        self.machine.have_files_in_proc()
+        prepare = "mount -o remount,rw root; rmdir root/data; : >root/data; mount -o remount,ro root\n"
+        self.machine.script = prepare + AS_ANOTHER
+        result = self.run_well("true")
+        self.assertIn("apinit: the root lacks /data: it stays as it is, without an overlay\n", result.stderr)
+
+    def test_no_overlay_needs_no_directory_of_it(self):
+        self.machine.have_files_in_proc()
+        self.machine.script = "mount -o remount,rw root; rmdir root/mnt; mount -o remount,ro root\n" + AS_ANOTHER
+        self.assertNotIn("lacks", self.run_well("--no-overlay", "true").stderr)
+
     def test_a_root_that_cannot_be_changed_is_no_reason_not_to_start(self):
         self.machine.have_files_in_proc()
-        without_mnt = "mount -o remount,rw root; rmdir root/mnt; mount -o remount,ro root\n"
-        self.machine.script = without_mnt + AS_ANOTHER
+        self.machine.script = "mount -t tmpfs -o ro tmpfs root/tmp\n" + AS_ANOTHER
         result = self.run_well("sh", "-c", "echo started; touch /new || true")
         self.assertIn("started\n", result.stdout)
-        self.assertIn("apinit: overlayfs mount failed: err=-2\n", result.stderr)
+        self.assertRegex(result.stderr, r"apinit: overlayfs mount failed: err=-\d+\n")
         self.assertIn("Read-only file system\n", result.stderr)
 
 
@@ -462,7 +497,7 @@ class Calibration(MachineTest):
     def test_start_up_work_that_never_ends_is_ended_though_nobody_is_left_to_kill_it(self):
         self.machine.have_files_in_proc()
         write_file(self.machine.path("dev/mtd7"), "")
-        self.machine.script = """chroot root /sbin/apinit "$@" &
+        self.machine.script = """chroot root /sbin/apinit --change-this-machine "$@" &
             count() { [ "$(cat root/proc/real/[0-9]*/comm | grep -cx apinit)" = $1 ]; }
             until count 2; do sleep 0.02; done
             kill -KILL $!
@@ -530,7 +565,7 @@ class Command(MachineTest):
 
     def test_command_starts_in_the_new_root_wherever_apinit_was_started(self):
         self.machine.have_files_in_proc()
-        self.machine.script = """chroot root /bin/sh -c 'cd /lib; exec /sbin/apinit "$@"' sh "$@"; exit $?"""
+        self.machine.script = """chroot root /bin/sh -c 'cd /lib; exec /sbin/apinit --change-this-machine "$@"' sh "$@"; exit $?"""
         result = self.run_well("sh", "-c", "ls -d system/bin; echo >here && ls /here")
         self.assertIn("system/bin\n/here\n", result.stdout)
 
@@ -664,7 +699,7 @@ class Stop(MachineTest):
     def test_command_that_does_not_stop_is_killed_however_often_it_is_told(self):
         self.machine.script = r"""
             status=0
-            chroot root /sbin/apinit "$@" || status=$?
+            chroot root /sbin/apinit --change-this-machine "$@" || status=$?
             process=root/proc/$(cat sys/pid)
             until grep "^State:.Z" $process/status || [ ! -d $process ]; do
                 sleep 0.02
@@ -733,7 +768,7 @@ class StopWhileStarting(MachineTest):
         # Which does not end by itself here.
         self.machine.have_files_in_proc()
         write_file(self.machine.path("dev/mtd7"), "")
-        self.machine.script = """chroot root /sbin/apinit "$@" &
+        self.machine.script = """chroot root /sbin/apinit --change-this-machine "$@" &
             work() { grep -lx "PPid:.$!" root/proc/real/[0-9]*/status; }
             until [ "$(work)" ]; do sleep 0.02; done
             kill -TERM $!
@@ -904,6 +939,45 @@ class Process1(MachineTest):
         self.assertIsNone(self.process.poll())
 
 
+class Order(MachineTest):
+    """Whose work it does is process 1's, or that of whoever says so."""
+
+    REFUSED = "apinit: nothing has been done, as {}: see --change-this-machine in apinit --help\n"
+
+    def check_refused(self, reason, *words):
+        before = self.machine.files()
+        result = self.machine.run(*words)
+        expected = (2, "", self.REFUSED.format(reason))
+        self.assertEqual((result.returncode, result.stdout, result.stderr), expected)
+        self.assertEqual(self.machine.files(), before)
+        before, after = (read_file(self.machine.path(name)) for name in ("mounts_before", "mounts_after"))
+        self.assertEqual(after, before)
+
+    def test_another_process_than_1_does_nothing_whatever_its_options(self):
+        self.machine.have_files_in_proc(MTD_HEAD + MTD_EEPROM + MTD_ROOTFS_DATA)
+        self.machine.script = WITH_MOUNTS.replace('set -- --change-this-machine "$@"', ":")
+        for options in ([], ["--quiet"], ["--no-overlay"], ["--no-overlay", "--quiet", "--"]):
+            self.check_refused("this is not process 1", *options, "touch", "/sys/started")
+
+    def test_process_1_whose_proc_is_of_another_pid_namespace_does_nothing_and_ends(self):
+        # So are its other mounts, as after `unshare --pid --fork` without --mount.
+        self.machine.script = WITH_MOUNTS.replace('set -- --change-this-machine "$@"', ":")
+        self.machine.script = self.machine.script.replace("env -i", "unshare --pid --fork env -i")
+        self.check_refused("/proc is of another pid namespace", "touch", "/sys/started")
+
+    def test_process_1_of_a_pid_namespace_with_its_own_proc_does_its_work(self):
+        self.machine.have_files_in_proc()
+        self.machine.script = AS_PROCESS_1
+        with self.machine.start("sh", "-c", "grep ' / ' /proc/mounts; echo up; kill -KILL $$") as process:
+            self.addCleanup(process.kill)
+            said = []
+            while not said or "has ended" not in said[-1]:
+                said.append(process.stdout.readline())
+                self.assertNotEqual(said[-1], "", said)
+            process.kill()
+        self.assertIn("overlayfs:/tmp/root / overlay", "".join(said))
+
+
 class CommandLine(unittest.TestCase):
     """Nothing of this gets as far as to look at the machine."""
 
@@ -925,7 +999,8 @@ class CommandLine(unittest.TestCase):
     def test_help_names_every_option(self):
         result = self.ask("--help")
         self.assertEqual((result.returncode, result.stderr), (0, ""))
-        for text in ("--quiet", "--no-overlay", "--show", "--help", "COMMAND [ARGUMENT]..."):
+        options = ("--quiet", "--no-overlay", "--change-this-machine", "--show", "--help", "-h", "--version")
+        for text in (*options, "COMMAND [ARGUMENT]..."):
             self.assertIn(text, result.stdout)
 
     def test_unknown_options_are_refused(self):
@@ -943,7 +1018,7 @@ class CommandLine(unittest.TestCase):
         self.check_refused("unexpected argument 'true'", "--show", "true")
 
     def test_show_goes_with_no_other_option(self):
-        for option in ("--quiet", "--no-overlay"):
+        for option in ("--quiet", "--no-overlay", "--change-this-machine"):
             self.check_refused("no other option goes with '--show'", "--show", option)
             self.check_refused("no other option goes with '--show'", option, "--show")
 

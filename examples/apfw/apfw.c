@@ -8,6 +8,9 @@
  *	apfw block MAC       lets a guest get no further than the portal
  *	apfw unblock MAC     lets it on again
  *
+ * In the network of process 1, which is the machine's, it changes something only if it is told to by
+ * --change-this-machine: whoever tries it on a workstation does so in a network namespace.
+ *
  * Each change is one transaction: the kernel makes all of it, or nothing, and no packet meets half of a
  * firewall. All of it is in the table "apfw" of the family inet, which sees IPv4 and IPv6:
  *
@@ -23,7 +26,7 @@
  * so a packet's fields are compared in network order, a mark in the machine's.
  *
  * Exit status: 0; 1 if the kernel refused, which it also does when the firewall is not up; 2 if the command
- * line is wrong.
+ * line is wrong, or does not say that this machine is to be changed.
  */
 #include <arpa/inet.h>
 #include <ctype.h>
@@ -36,6 +39,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <libnftnl/common.h>
 #include <libnftnl/expr.h>
@@ -45,6 +49,7 @@
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter_ipv4.h>
 
+#include "examples/common/program.h"
 #include "lib/nft.h"
 
 #define TABLE             "apfw"
@@ -65,6 +70,7 @@ struct options {
 	uint32_t portal;   /* a TCP port of this machine */
 	uint32_t rate;     /* bytes per second that a guest may send */
 	uint8_t mac[MAC_LEN];
+	bool change_this_machine;
 };
 
 /* ---- A transaction that is being built ---- */
@@ -380,11 +386,13 @@ static int status(const struct options *options)
 /* ---- The command line ---- */
 
 static const char usage[] =
-	"Usage: apfw up [OPTION]...\n"
-	"       apfw down | status | block MAC | unblock MAC\n"
+	"Usage: apfw [--change-this-machine] up [OPTION]...\n"
+	"       apfw [--change-this-machine] down | status | block MAC | unblock MAC\n"
+	"       apfw --help | -h | --version\n"
 	"\n"
 	"up builds the firewall of a guest network, in place of one that is up. MAC is a guest's\n"
 	"Ethernet address, such as 02:00:5e:10:00:01; a blocked guest gets no further than the portal.\n"
+	"In the network of process 1, a machine's own, nothing is changed without --change-this-machine.\n"
 	"\n"
 	"  --guest IFACE  interface of the guest network (br-guest)\n"
 	"  --portal PORT  TCP port of the portal on this machine, 1 to 65535 (8080)\n"
@@ -393,14 +401,16 @@ static const char usage[] =
 static const struct command {
 	const char *name;
 	int (*run)(const struct options *options); /* returns 0, or the kernel's refusal */
-	const char *object;                        /* of the refusal */
-	const char *missing;                       /* what -ENOENT means */
+	bool only_reads;
+	const char *object;  /* of the refusal */
+	const char *missing; /* what -ENOENT means */
 } commands[] = {
-	{"up", up, "the firewall", " (this kernel lacks a part of nftables)"},
-	{"down", down, "to delete it", " (the firewall is not up)"},
-	{"status", status, "to list it", " (the firewall is not up)"},
-	{"block", block, "to block the guest", " (the firewall is not up)"},
-	{"unblock", unblock, "to unblock the guest", " (it is not blocked, or the firewall is not up)"},
+	{"up", up, false, "the firewall", " (this kernel lacks a part of nftables)"},
+	{"down", down, false, "to delete it", " (the firewall is not up)"},
+	{"status", status, true, "to list it", " (the firewall is not up)"},
+	{"block", block, false, "to block the guest", " (the firewall is not up)"},
+	{"unblock", unblock, false, "to unblock the guest",
+		" (it is not blocked, or the firewall is not up)"},
 };
 
 static const struct command *command_find(const char *name)
@@ -479,6 +489,15 @@ static void arguments_parse(struct options *options, const struct command *comma
 		refuse("unexpected argument", *argument, ", see apfw --help");
 }
 
+/* Who may not look at process 1 is in a namespace of its own, or has no right to change what process 1 uses. */
+static bool is_network_of_process_1(void)
+{
+	struct stat ours, its;
+	if (stat("/proc/self/ns/net", &ours))
+		return true; /* there is no telling */
+	return stat("/proc/1/ns/net", &its) == 0 && its.st_ino == ours.st_ino && its.st_dev == ours.st_dev;
+}
+
 /* The reason that a user can do something about, or an empty text. */
 static const char *reason(const struct command *command, int error)
 {
@@ -494,21 +513,48 @@ static const char *reason(const struct command *command, int error)
 	}
 }
 
-int main(int argc, char **argv)
+/* Returns the exit status. */
+static int run(const struct command *command, const struct options *options)
 {
-	struct options options = {.guest = "br-guest", .portal = 8080, .rate = 1250000};
-	bool is_help = argc == 2 && strcmp(argv[1], "--help") == 0;
-	const struct command *command = argc > 1 ? command_find(argv[1]) : NULL;
-	if (!command) {
-		fputs(usage, is_help ? stdout : stderr);
-		return is_help ? EXIT_SUCCESS : EXIT_USAGE;
+	if (!command->only_reads && !options->change_this_machine && is_network_of_process_1()) {
+		fprintf(stderr,
+			"apfw: %s: nothing has been changed, as this network is the machine's own: "
+			"see --change-this-machine in apfw --help\n",
+			command->name);
+		return EXIT_USAGE;
 	}
-	arguments_parse(&options, command, argv + 2);
-
-	int error = command->run(&options);
+	int error = command->run(options);
 	if (!error)
 		return EXIT_SUCCESS;
 	fprintf(stderr, "apfw: %s: the kernel refused %s: %s%s\n", command->name, command->object,
 		strerror(-error), reason(command, error));
 	return EXIT_FAILURE;
+}
+
+/* Whether this is the only word of the command line. */
+static bool is_alone(char **argv, const char *word)
+{
+	return argv[1] && !argv[2] && strcmp(argv[1], word) == 0;
+}
+
+int main(int argc, char **argv)
+{
+	struct options options = {.guest = "br-guest", .portal = 8080, .rate = 1250000};
+	char **word = argv + 1;
+	(void)argc;
+
+	open_standard_descriptors();
+	if (is_alone(argv, "--help") || is_alone(argv, "-h"))
+		return print_help("apfw", usage);
+	if (is_alone(argv, "--version"))
+		return print_version("apfw");
+	options.change_this_machine = *word && strcmp(*word, "--change-this-machine") == 0;
+	word += options.change_this_machine;
+	const struct command *command = *word ? command_find(*word) : NULL;
+	if (!command) {
+		fputs(usage, stderr);
+		return EXIT_USAGE;
+	}
+	arguments_parse(&options, command, word + 1);
+	return run(command, &options);
 }

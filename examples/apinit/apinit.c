@@ -6,8 +6,13 @@
  * on the way keeps it from that: a device that does not come up cannot be repaired over the network. From
  * then on the loop reaps children; process 1 gets those of others as well.
  *
- * /proc, /sys, /dev and /tmp must be mounted before, /tmp for writing, and the root must have the directories
- * that the overlay needs (overlay.h). What is not there is reported by what misses it.
+ * This moves mounts, so it is done by process 1 only, of the machine or of a pid namespace with a /proc of its
+ * own, and by another process only if it is told to by --change-this-machine. Without the directories /system,
+ * /mnt and /data the root stays as it is: the overlay would fail half-way, and without /data it would erase the
+ * flash memory that it cannot mount there.
+ *
+ * /proc, /sys, /dev and /tmp must be mounted before, /tmp for writing. What is not there is reported by what
+ * misses it.
  *
  * The board's start-up work may never come to an end (device.h) and so has a process of its own. It is killed
  * after DEVICE_LIMIT_MS, and what it had begun to write stays.
@@ -21,8 +26,8 @@
  * it (evloop-process.h) or it was not wanted any more, 1 if it had to be killed, 127 if it could not be
  * started. Without an event loop it ends with 1 before anything is done. Process 1 goes on in each case,
  * since the kernel would panic without one: it reaps, also after a command line that makes no sense, and
- * without an event loop it still starts the command, but hears no signals. Only after --help and --show does
- * it end.
+ * without an event loop it still starts the command, but hears no signals. It ends only after --help, --version
+ * and --show, and in a pid namespace that has no /proc of its own.
  *
  * What it says goes to the standard streams; with --quiet, which points those at /dev/null, to the kernel
  * log.
@@ -42,10 +47,12 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include "examples/common/program.h"
 #include "lib/caldata.h"
 #include "lib/device.h"
 #include "lib/evloop-process.h"
@@ -68,7 +75,7 @@ extern char **environ;
 
 /* The command line. */
 struct options {
-	int show, quiet, no_overlay; /* flags, of the type that getopt_long sets */
+	int show, quiet, no_overlay, change_this_machine; /* flags, of the type that getopt_long sets */
 	char **command;
 };
 
@@ -96,6 +103,22 @@ static void say(const char *what, char *found)
 	free(found);
 }
 
+/* Whether the root has what the overlay is mounted on. Says what is missing. */
+static bool has_overlay_directories(void)
+{
+	static const char *const paths[] = {"/system", "/mnt", "/data"};
+	char missing[32] = "";
+	struct stat about;
+
+	for (size_t index = 0; index < sizeof paths / sizeof paths[0]; index++)
+		if (stat(paths[index], &about) || !S_ISDIR(about.st_mode))
+			snprintf(missing + strlen(missing), sizeof missing - strlen(missing), " %s",
+				paths[index]);
+	if (*missing)
+		_log(LOG_ERR, "the root lacks%s: it stays as it is, without an overlay\n", missing);
+	return !*missing;
+}
+
 /* Makes the machine ready for the command, but for the board's start-up work. */
 static void make_ready(const struct options *options)
 {
@@ -104,7 +127,7 @@ static void make_ready(const struct options *options)
 	say("partition EEPROM", find_mtd("EEPROM"));
 	say("console", get_tty());
 	dev_led_set(DEV_LED_WHITE_BLINK);
-	if (!options->no_overlay)
+	if (!options->no_overlay && has_overlay_directories())
 		mount_overlayfs();
 	if (chdir("/")) /* it would still be where it was below the old root */
 		_log(LOG_ERR, "cannot change to the root: %s\n", strerror(errno));
@@ -333,17 +356,32 @@ static int run(const struct options *options)
 
 /* ---- The process itself ---- */
 
-/* Without these, what is opened next would be taken for a standard stream. */
-static void open_standard_descriptors(void)
+/*
+ * Whether /proc numbers processes as our own pid namespace does, and so was mounted for it. If it does not, the
+ * mounts are those of whoever made the namespace.
+ */
+static bool has_own_proc(void)
 {
-	int fd;
-	do {
-		fd = open("/dev/null", O_RDWR);
-		if (fd < 0)
-			fd = open("/", O_RDONLY);
-	} while (fd >= 0 && fd < STDERR_FILENO);
-	if (fd > STDERR_FILENO)
-		close(fd);
+	char line[128];
+	int number = getpid();
+	FILE *file = fopen("/proc/self/status", "re");
+	if (!file)
+		return true; /* there is none to move away */
+	while (fgets(line, sizeof line, file) && sscanf(line, "Pid: %d", &number) != 1)
+		continue;
+	fclose(file);
+	return number == getpid();
+}
+
+/* Returns RUN, or the status to exit with if the machine is not to be changed. */
+static int check_process(const struct options *options)
+{
+	const char *what = getpid() != 1 ? "this is not process 1" : "/proc is of another pid namespace";
+	if (options->change_this_machine || (getpid() == 1 && has_own_proc()))
+		return RUN;
+	fprintf(stderr, "apinit: nothing has been done, as %s: see --change-this-machine in apinit --help\n",
+		what);
+	return EXIT_USAGE;
 }
 
 /* What whoever started us has set is of no use here. */
@@ -365,25 +403,22 @@ static void set_up_output(bool quiet)
 /* ---- Command line ---- */
 
 static const char usage[] =
-	"Usage: apinit [--quiet] [--no-overlay] [--] COMMAND [ARGUMENT]...\n"
-	"       apinit --show\n"
+	"Usage: apinit [--quiet] [--no-overlay] [--change-this-machine] [--] COMMAND [ARGUMENT]...\n"
+	"       apinit --show | --help | -h | --version\n"
 	"\n"
 	"Makes the root writable, exports the radios' calibration data, sets the LED, and starts COMMAND.\n"
 	"Ends with its status; as process 1 it goes on. SIGTERM and SIGINT end COMMAND.\n"
+	"It moves mounts, and so does its work only as process 1 of a machine or a pid namespace.\n"
 	"\n"
-	"  --quiet       standard output and standard error go to /dev/null, messages to the kernel log\n"
-	"  --no-overlay  leave the root as it is\n"
-	"  --show        only print the board as JSON; nothing is changed\n"
-	"  --help        print this text\n";
-
-/* Returns the exit status after something has been printed. */
-static int printed(bool well, const char *what)
-{
-	if (well && fflush(stdout) == 0 && !ferror(stdout))
-		return EXIT_SUCCESS;
-	fprintf(stderr, "apinit: cannot print %s\n", what);
-	return EXIT_FAILURE;
-}
+	"  --quiet                standard output and standard error go to /dev/null, messages to the kernel "
+	"log\n"
+	"  --no-overlay           leave the root as it is\n"
+	"  --change-this-machine  do it all the same if this is not process 1: the mounts of whatever this "
+	"is\n"
+	"                         started on are moved, and stay so\n"
+	"  --show                 only print the board as JSON; nothing is changed\n"
+	"  -h, --help             print this text\n"
+	"  --version              print the version\n";
 
 static int usage_error(const char *what, const char *word)
 {
@@ -394,27 +429,32 @@ static int usage_error(const char *what, const char *word)
 /* Reads the command line. Returns RUN, or the status to exit with: all has been said then. */
 static int parse(struct options *options, int argc, char **argv)
 {
-	int help = 0;
+	int help = 0, version = 0;
 	const struct option known[] = {
 		{"quiet", no_argument, &options->quiet, 1},
 		{"no-overlay", no_argument, &options->no_overlay, 1},
+		{"change-this-machine", no_argument, &options->change_this_machine, 1},
 		{"show", no_argument, &options->show, 1},
 		{"help", no_argument, &help, 1},
+		{"version", no_argument, &version, 1},
 		{NULL, 0, NULL, 0},
 	};
 	const char *word;
 	int found;
 
 	/* "+" stops at the first word that is no option, ":" leaves the messages to us. */
-	while (word = argv[optind], (found = getopt_long(argc, argv, "+:", known, NULL)) == 0)
-		continue;
+	while (word = argv[optind],
+		(found = getopt_long(argc, argv, "+:h", known, NULL)) == 0 || found == 'h')
+		help |= found == 'h';
 	if (found != -1)
 		return usage_error("bad option", word);
 	if (help)
-		return printed(fputs(usage, stdout) != EOF, "the help");
+		return print_help("apinit", usage);
+	if (version)
+		return print_version("apinit");
 	if (options->show && argv[optind])
 		return usage_error("unexpected argument", argv[optind]);
-	if (options->show && (options->quiet || options->no_overlay))
+	if (options->show && (options->quiet || options->no_overlay || options->change_this_machine))
 		return usage_error("no other option goes with", "--show");
 	if (!options->show && !argv[optind]) {
 		fputs(usage, stderr);
@@ -434,6 +474,10 @@ int main(int argc, char **argv)
 		reap_for_ever();
 	if (status != RUN)
 		return status;
+	if (!options.show)
+		status = check_process(&options);
+	if (status != RUN)
+		return status;
 	set_up_output(options.quiet);
-	return options.show ? printed(show_board(), "the board") : run(&options);
+	return options.show ? printed("apinit", "the board", show_board()) : run(&options);
 }
