@@ -1833,18 +1833,6 @@ TEST_F(ubusd, new_daemon_takes_the_path_of_one_that_was_killed)
 	EXPECT_NE(after.add("demo", demo_signature), 0U);
 }
 
-TEST_F(ubusd_own, socket_file_of_another_daemon_is_not_removed)
-{
-	raw_client a = connect();
-	std::string aside = daemon().path() + ".aside";
-	ASSERT_EQ(rename(daemon().path().c_str(), aside.c_str()), 0);
-	ASSERT_TRUE(write_file(daemon().path(), "somebody else's"));
-	kill(daemon().pid(), SIGTERM);
-	EXPECT_TRUE(a.is_closed());
-	EXPECT_EQ(read_file(daemon().path()), "somebody else's");
-	EXPECT_EQ(unlink(daemon().path().c_str()), 0);
-}
-
 // Runs the daemon where it ends by itself.
 static child_result run_ubusd(std::vector<std::string> arguments)
 {
@@ -1858,6 +1846,29 @@ static child_result run_ubusd(std::vector<std::string> arguments)
 	});
 }
 
+TEST_F(ubusd_own, second_daemon_does_not_take_the_path_of_one_that_runs)
+{
+	raw_client a = connect();
+	child_result second = run_ubusd({"-s", daemon().path()});
+	EXPECT_TRUE(second.exited_with(1)) << second.report();
+	EXPECT_EQ(second.err, "ubusd: unable to listen on " + daemon().path() + ": Address already in use\n");
+	EXPECT_NE(a.add("demo", demo_signature), 0U);
+	raw_client b = connect();
+	EXPECT_EQ(b.status_of(wire::lookup, 0, path("demo")), 0);
+}
+
+TEST_F(ubusd_own, socket_file_of_another_daemon_is_not_removed)
+{
+	raw_client a = connect();
+	std::string aside = daemon().path() + ".aside";
+	ASSERT_EQ(rename(daemon().path().c_str(), aside.c_str()), 0);
+	ASSERT_TRUE(write_file(daemon().path(), "somebody else's"));
+	kill(daemon().pid(), SIGTERM);
+	EXPECT_TRUE(a.is_closed());
+	EXPECT_EQ(read_file(daemon().path()), "somebody else's");
+	EXPECT_EQ(unlink(daemon().path().c_str()), 0);
+}
+
 TEST(ubusd_options, help_says_what_there_is_and_an_unknown_option_ends_it)
 {
 	child_result help = run_ubusd({"-h"});
@@ -1865,10 +1876,23 @@ TEST(ubusd_options, help_says_what_there_is_and_an_unknown_option_ends_it)
 	EXPECT_THAT(help.out, HasSubstr("-s PATH"));
 	EXPECT_THAT(help.out, HasSubstr("-A PATH"));
 	EXPECT_EQ(help.err, "");
-	child_result unknown = run_ubusd({"-x"});
-	EXPECT_TRUE(unknown.exited_with(1)) << unknown.report();
-	EXPECT_EQ(unknown.out, "");
-	EXPECT_THAT(unknown.err, HasSubstr("-s PATH"));
+	for (const char *wrong : {"-x", "--nonsense", "word"}) {
+		child_result unknown = run_ubusd({"-s", "/nonexistent/bus", wrong});
+		EXPECT_TRUE(unknown.exited_with(1)) << unknown.report();
+		EXPECT_EQ(unknown.out, "");
+		EXPECT_THAT(unknown.err, HasSubstr("-s PATH"));
+	}
+}
+
+TEST(ubusd_options, path_of_a_file_that_is_no_socket_ends_it_and_the_file_stays)
+{
+	private_directory directory;
+	const std::string path = directory / "file";
+	ASSERT_TRUE(write_file(path, "mine"));
+	child_result result = run_ubusd({"-s", path});
+	EXPECT_TRUE(result.exited_with(1)) << result.report();
+	EXPECT_EQ(result.err, "ubusd: unable to listen on " + path + ": Address already in use\n");
+	EXPECT_EQ(read_file(path), "mine");
 }
 
 TEST(ubusd_options, path_that_cannot_be_listened_on_ends_it)

@@ -17,6 +17,7 @@
 #include <span>
 #include <string>
 
+#include "../standard_descriptors.h"
 #include "attributes.h"
 #include "json.h"
 
@@ -40,6 +41,7 @@ constexpr char usage_text[] =
 	"A * at the end of PATH (of list) or PATTERN stands for anything.\n"
 	"  -s SOCKET   where the bus listens, if not at its usual place\n"
 	"  -t SECONDS  how long the bus and the called object may take, 30 if not given; 0: for ever\n"
+	"  -h, --help  prints this text; --version prints the version\n"
 	"Exit status: that of the bus, 0 if all went well; 2 also for a command that is none of these.\n";
 
 // ---- Failure ----
@@ -309,6 +311,7 @@ struct options {
 	const char *socket = nullptr; // libubus knows the usual place
 	unsigned int seconds = answer_seconds;
 	bool help = false;
+	bool version = false;
 };
 
 bool parse_seconds(std::string_view text, unsigned int *seconds)
@@ -320,12 +323,15 @@ bool parse_seconds(std::string_view text, unsigned int *seconds)
 // Returns the index of the first word that is no option, or 0 after saying what is wrong.
 int parse_options(int argc, char **argv, options *given)
 {
-	static constexpr option long_options[] = {{"help", no_argument, nullptr, 'h'}, {}};
+	static constexpr option long_options[] = {
+		{"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, 'V'}, {}};
 	for (int letter; (letter = getopt_long(argc, argv, "+s:t:h", long_options, nullptr)) != -1;) {
 		if (letter == 's')
 			given->socket = optarg;
 		else if (letter == 'h')
 			given->help = true;
+		else if (letter == 'V')
+			given->version = true;
 		else if (letter != 't')
 			return 0; // getopt_long has said it
 		else if (!parse_seconds(optarg, &given->seconds)) {
@@ -383,11 +389,16 @@ int obey(const options &given, words arguments)
 int main(int argc, char **argv)
 {
 	options given;
+	open_standard_descriptors();
 	int first = parse_options(argc, argv, &given);
 	if (first == 0)
 		return UBUS_STATUS_INVALID_ARGUMENT;
 	if (given.help) {
 		fputs(usage_text, stdout);
+		return 0;
+	}
+	if (given.version) {
+		puts("ubus " APBASE_VERSION);
 		return 0;
 	}
 	setvbuf(stdout, nullptr, _IOLBF, 0);

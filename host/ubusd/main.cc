@@ -3,6 +3,7 @@
 // Each pass serves the clients that epoll reports and those that had more to do, a bounded amount of work
 // each, so that nobody starves. With nothing to do it sleeps without a timeout.
 #include <errno.h>
+#include <getopt.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -22,6 +23,7 @@
 #include <utility>
 #include <vector>
 
+#include "../standard_descriptors.h"
 #include "bus.h"
 
 using namespace ubusd;
@@ -33,10 +35,11 @@ static constexpr const char usage_text[] =
 	"\n"
 	"The message bus of a development machine, in the foreground until SIGTERM or SIGINT.\n"
 	"\n"
-	"  -s PATH  the socket to listen on (/var/run/ubus/ubus.sock)\n"
-	"  -A PATH  the folder of access control files; accepted and not read: what holds without such\n"
-	"           files holds here, so users other than root neither add, see nor call objects by path\n"
-	"  -h       this text\n";
+	"  -s PATH     the socket to listen on (/var/run/ubus/ubus.sock)\n"
+	"  -A PATH     the folder of access control files; accepted and not read: what holds without such\n"
+	"              files holds here, so users other than root neither add, see nor call objects by path\n"
+	"  -h, --help  this text\n"
+	"  --version   the version\n";
 
 // What is taken from epoll and from the queue of connections at once.
 static constexpr int events_per_pass = 64;
@@ -99,6 +102,19 @@ bool server::watch(int operation, int fd, uint64_t name, uint32_t events) const
 	return epoll_ctl(epoll_.get(), operation, fd, &event) == 0 || complain("watch", path_.c_str());
 }
 
+// A socket on which nobody listens was left by a daemon that was killed. Anything else that is at the path stays there,
+// and keeps the address in use.
+static void remove_leftover(const sockaddr_un &name)
+{
+	struct stat there = {};
+	if (lstat(name.sun_path, &there) < 0 || !S_ISSOCK(there.st_mode))
+		return;
+	owned_fd probe{socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
+	if (connect(probe.get(), reinterpret_cast<const sockaddr *>(&name), sizeof(name)) < 0 &&
+		errno == ECONNREFUSED)
+		unlink(name.sun_path);
+}
+
 // Everybody may connect: what they may do then is the bus's business.
 bool server::open_listener()
 {
@@ -109,7 +125,7 @@ bool server::open_listener()
 		return complain("listen on", path_.c_str());
 	}
 	memcpy(name.sun_path, path_.c_str(), path_.size());
-	unlink(path_.c_str());
+	remove_leftover(name);
 	listener_.take(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
 	mode_t before = umask(0111);
 	bool bound = bind(listener_.get(), reinterpret_cast<sockaddr *>(&name), sizeof(name)) == 0;
@@ -246,11 +262,21 @@ static void allow_descriptors()
 	setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+static int usage_error()
+{
+	fputs(usage_text, stderr);
+	return EXIT_FAILURE;
+}
+
 int main(int argc, char **argv)
 {
+	static constexpr option long_options[] = {
+		{"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, 'V'}, {}};
 	std::string path = default_path;
-	for (int option; (option = getopt(argc, argv, "s:A:h")) != -1;) {
-		switch (option) {
+
+	open_standard_descriptors();
+	for (int letter; (letter = getopt_long(argc, argv, "s:A:h", long_options, nullptr)) != -1;) {
+		switch (letter) {
 		case 's':
 			path = optarg;
 			break;
@@ -259,11 +285,15 @@ int main(int argc, char **argv)
 		case 'h':
 			fputs(usage_text, stdout);
 			return EXIT_SUCCESS;
+		case 'V':
+			puts("ubusd " APBASE_VERSION);
+			return EXIT_SUCCESS;
 		default:
-			fputs(usage_text, stderr);
-			return EXIT_FAILURE;
+			return usage_error();
 		}
 	}
+	if (optind != argc)
+		return usage_error();
 	allow_descriptors();
 	server bus_server(std::move(path));
 	return bus_server.open() ? bus_server.run() : EXIT_FAILURE;
