@@ -91,6 +91,21 @@ inline void mount_tmpfs(const std::string &path, const std::string &options = "m
 	require(mount("tmpfs", path.c_str(), "tmpfs", 0, options.c_str()) == 0, "a tmpfs on " + path);
 }
 
+// Makes a directory that this machine may lack, where no other process sees it: in an overlay on its parent.
+inline void have_directory(const std::string &parent, const std::string &name)
+{
+	if (access((parent + "/" + name).c_str(), F_OK) == 0)
+		return;
+	mount_tmpfs("/mnt");
+	make_directory("/mnt/upper");
+	make_directory("/mnt/work");
+	const std::string options = "lowerdir=" + parent + ",upperdir=/mnt/upper,workdir=/mnt/work";
+	require(mount("overlay", parent.c_str(), "overlay", 0, options.c_str()) == 0,
+		"an overlay on " + parent);
+	require(umount2("/mnt", MNT_DETACH) == 0, "to uncover /mnt");
+	make_directory(parent + "/" + name);
+}
+
 // /proc with files of the test's own, in which this process still finds itself.
 inline void mount_proc()
 {
@@ -109,6 +124,7 @@ inline void on_bare_board(const std::function<void()> &body)
 	expect_in_child([&] {
 		require(enter_private_namespaces(), "namespaces");
 		mount_proc();
+		have_directory("/lib", "firmware");
 		for (const char *path : {"/dev", "/sys/class", "/lib/firmware"})
 			mount_tmpfs(path);
 		umask(022);

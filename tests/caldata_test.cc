@@ -1224,6 +1224,7 @@ TEST(caldata_export, logs_a_long_path_whole)
 	child_result result = run_child([&] {
 		require(enter_private_namespaces(), "namespaces");
 		mount_proc();
+		have_directory("/lib", "firmware");
 		for (const char *path : {"/dev", "/lib/firmware"})
 			mount_tmpfs(path);
 		make_flash("flash");
