@@ -19,6 +19,33 @@ die()
 	exit 1
 }
 
+# The command line is wrong.
+usage_error()
+{
+	printf '%s: %s, see %s --help\n' "$script_name" "$*" "$script_name" >&2
+	exit 2
+}
+
+# answer <argument>...: prints the help, which is the comment at the top of the script and what its function more_help
+# adds, or the version, and ends here, if one of the arguments asks for it.
+answer()
+{
+	local word
+	for word; do
+		case $word in
+		-h | --help)
+			sed -n '1d; /^#/!q; s/^# \{0,1\}//p' "$script_name"
+			! declare -F more_help >/dev/null || more_help
+			exit 0
+			;;
+		--version)
+			sed -nE "s,^project\(apbase VERSION ([0-9.]+) .*,$script_name \1,p" CMakeLists.txt
+			exit 0
+			;;
+		esac
+	done
+}
+
 # A step begins.
 say()
 {
