@@ -189,6 +189,7 @@ def section_close(bench):
 def section_pipelined(bench):
     result = rates(bench, "pipelined", depth=16)
     bench.aims.at_least("pipelined 16 deep: of the bare server", relative(result, bench.ours, "bare"), 0.6)
+    bench.aims.at_least("pipelined 16 deep, plain handler: of the bare server", relative(result, "apbase", "bare"), 0.8)
     bench.aims.at_least("pipelined 16 deep: of nginx", relative(result, bench.ours, "nginx"), 4.0)
     return "Pipelined 16 deep, 10 connections", rate_table(result)
 

@@ -1250,7 +1250,9 @@ static void decode_into(char *out, reader in, int32_t length) // `out` has room 
 template <typename reader>
 static char *decode_from(reader in, int32_t length)
 {
-	char *text = static_cast<char *>(xzalloc(static_cast<size_t>(length) + 1));
+	size_t size = static_cast<size_t>(length) + 1;
+	char *text =
+		static_cast<char *>(memset(xmalloc(size), 0, size)); // calloc would pass malloc's cache by
 	decode_into(text, in, length);
 	return text;
 }
