@@ -37,7 +37,8 @@
  * bytes of former answers have not been taken by the peer.
  *
  * The names of a request's headers are kept in a hash table. Names chosen to collide in it, by the hundred,
- * which would cost the time of all other peers, are answered 400.
+ * which would cost the time of all other peers, are answered 400. So are a name with a zero byte in it, and
+ * two "Content-Length" of different numbers.
  *
  * What the peer can rely on: 60 seconds without a byte from it, or, while answers wait for it, without one
  * taken by it, end a connection; a request without "Connection: close" on HTTP/1.1 leaves it open, unless
