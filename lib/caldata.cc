@@ -20,8 +20,8 @@
 constexpr size_t CHUNK_BYTES_MAX = 512;
 constexpr size_t MAC_BYTES = 6;
 constexpr off_t MAC_OFFSET = 6;
-constexpr char UNFINISHED[] = ".cal~"; // a copy in the making; short, to fit where the file's own name does
-constexpr int LINKS_MAX = 40;          // the kernel follows no more
+constexpr char UNFINISHED[] = "_"; // a copy in the making; its path is never longer than the file's own
+constexpr int LINKS_MAX = 40;      // the kernel follows no more
 
 // ---- Partitions ----
 
@@ -110,7 +110,7 @@ static int copy_slice(int device, int target, unsigned offset, unsigned length)
 // The file that a path leads to, and its unfinished copy.
 struct place {
 	char target[PATH_BYTES];
-	char unfinished[PATH_BYTES + sizeof UNFINISHED]; // the kernel refuses one that is too long
+	char unfinished[PATH_BYTES];
 };
 
 // Where the name begins. Every path here is absolute.

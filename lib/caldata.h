@@ -28,7 +28,7 @@ char *find_mtd(const char *name);
  * such a file already; a directory in `file` must be there. A link to a file that is not there stays, and
  * that file is made.
  *
- * The file appears when it is whole and on the medium. Until then the copy is called ".cal~", in the same
+ * The file appears when it is whole and on the medium. Until then the copy is called "_", in the same
  * folder; `file` must not be called so. A process that is killed may leave that one: the next call for a
  * file of the folder removes it, and starts anew. A call waits while another process makes a file in the
  * same folder.

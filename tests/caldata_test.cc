@@ -66,7 +66,7 @@ namespace
 const char *const no_table = "unable to read /proc/mtd\n";
 const char *const no_partition = "caldata: not found 'EEPROM' mtd partition\n";
 const std::string firmware = "/lib/firmware/";
-const std::string unfinished = ".cal~"; // a copy in the making
+const std::string unfinished = "_"; // a copy in the making
 const unsigned char mac[6] = {0x00, 0xff, 0x80, 0x0a, 0x25, 0x7f};
 const std::string mac_bytes(reinterpret_cast<const char *>(mac), sizeof(mac));
 
@@ -697,7 +697,8 @@ TEST(caldata_export, makes_a_file_or_fails_as_opening_its_path_does)
 			require(symlink(target.c_str(), (firmware + link).c_str()) == 0, link);
 		std::vector<std::string> files{"cal", "none/cal", "file/cal", "cal/", "none/cal/", "file/",
 			"cal/.", "folder//cal", "folder/../cal", "none/../cal", std::string(255, 'x'),
-			std::string(256, 'x'), padded("cal.bin", 4095), padded("cal.bin/", 4095)};
+			std::string(256, 'x'), padded("cal.bin", 4095), padded("cal.bin/", 4095),
+			padded("c", 4095)};
 		for (const auto &[link, target] : links)
 			files.push_back(link);
 		const std::set<std::string> before = names_in(firmware);
