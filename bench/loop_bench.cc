@@ -72,7 +72,8 @@ struct apbase_watch {
 
 void apbase_loop(benchmark::State &state, bool ping)
 {
-	evloop_init();
+	if (evloop_init() != 0)
+		abort();
 	std::vector<apbase_watch *> watches;
 	for (int64_t i = 0; i < state.range(0); i++)
 		watches.push_back(new apbase_watch(ping));

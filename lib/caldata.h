@@ -21,7 +21,7 @@ extern "C" {
  * Returns text that the caller frees, or null, also if memory is exhausted. Only a /proc/mtd that cannot
  * be opened is logged.
  */
-char *find_mtd(const char *name);
+char *find_mtd(const char *name) __attribute__((warn_unused_result));
 
 /*
  * Copies `length` bytes from byte `offset` of a partition to /lib/firmware/<file>, unless there is

@@ -66,8 +66,8 @@ struct evloop_timeout {
  * HTTP server. Without it none of them is watched, which most do not report, and evloop_run logs an error
  * a pass, without a pause. Timeouts and child processes need it only to run.
  */
-int evloop_init(void);
-int evloop_io_init(void);
+int evloop_init(void) __attribute__((warn_unused_result));
+int evloop_io_init(void) __attribute__((warn_unused_result));
 
 /*
  * Watches `io->fd` for `flags` (EVLOOP_READ, EVLOOP_WRITE; 0 keeps it in the set, reporting only

@@ -22,14 +22,16 @@ extern "C" {
  *          and its digest made, except at a multiple of the page size, where there is nothing to map:
  *          -EINVAL.
  */
-int md5_fd(int fd, unsigned offset, unsigned length, unsigned char *digest);
-int sha256_fd(int fd, unsigned offset, unsigned length, unsigned char *digest);
+int md5_fd(int fd, unsigned offset, unsigned length, unsigned char *digest)
+	__attribute__((warn_unused_result));
+int sha256_fd(int fd, unsigned offset, unsigned length, unsigned char *digest)
+	__attribute__((warn_unused_result));
 
 /*
  * The MD5 of a text without its terminator. Returns 0, -1 if `str` is null, or a negative code of
  * mbedtls's.
  */
-int hash_md5_str(const char *str, unsigned char *digest);
+int hash_md5_str(const char *str, unsigned char *digest) __attribute__((warn_unused_result));
 
 /*
  * The `length` bytes at `digest` as lower-case hexadecimal text, which the caller frees. Never null:

@@ -23,7 +23,7 @@ extern "C" {
  * iface_mac_binary writes 6 bytes and returns 0, or leaves `mac` as it is and returns -1.
  */
 char *iface_mac(const char *ifname);
-int iface_mac_binary(const char *ifname, unsigned char mac[6]);
+int iface_mac_binary(const char *ifname, unsigned char mac[6]) __attribute__((warn_unused_result));
 
 /*
  * The first address of a wireless PHY ("phy0"), as the kernel writes it in

@@ -51,7 +51,8 @@ struct sock {
  *          address tried: -errno, or the positive errno if its socket could not even be
  *          created.
  */
-int sock_listen(struct sock *sock, const char *host, const char *service, int backlog);
+int sock_listen(struct sock *sock, const char *host, const char *service, int backlog)
+	__attribute__((warn_unused_result));
 
 /*
  * Opens a connected, blocking socket in `sock->io.fd`, for a stream to take up; nothing is watched.
@@ -60,7 +61,8 @@ int sock_listen(struct sock *sock, const char *host, const char *service, int ba
  *
  * Returns: as sock_listen, and -ETIMEDOUT when the bound is reached.
  */
-int sock_connect(struct sock *sock, const char *host, const char *service, int timeout_s);
+int sock_connect(struct sock *sock, const char *host, const char *service, int timeout_s)
+	__attribute__((warn_unused_result));
 
 /*
  * Stops watching and closes the socket, of either kind. Returns the result of close: 0, or -1 with

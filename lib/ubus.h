@@ -102,7 +102,7 @@ int ubus_pack_json_msg(struct blob_buf *b, json_t *json);
  * Returns: 0 and a new reference in `*out`, for the caller to drop with json_decref; or 2
  *          (UBUS_STATUS_INVALID_ARGUMENT, for a method's handler to return), and `*out` is as it was.
  */
-int ubus_parse_json_msg(struct blob_attr *msg, json_t **out);
+int ubus_parse_json_msg(struct blob_attr *msg, json_t **out) __attribute__((warn_unused_result));
 
 /* ---- Calls that nobody waits for ---- */
 

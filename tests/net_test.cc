@@ -187,10 +187,11 @@ std::vector<question> questions_about(const std::string &name)
 	soil_stack();
 	taken(iface_mac(name.c_str()));
 	soil_stack();
-	iface_mac_binary(name.c_str(), mac);
+	int result = iface_mac_binary(name.c_str(), mac);
 	soil_stack();
 	get_iface_ip(name.c_str());
 	questions = nullptr;
+	EXPECT_TRUE(result == 0 || result == -1) << result;
 	return asked;
 }
 
