@@ -424,7 +424,9 @@ class TheMachine(OneNamespace):
     """Where process 1 has its network, it is the machine's, which is changed by who says so only."""
 
     AS_PROCESS_1 = ("unshare", "--pid", "--fork", "--mount-proc", "--")
-    WITHOUT_PROC = ("unshare", "--mount", "sh", "-ec", 'mount -t tmpfs tmpfs /proc; exec "$@"', "sh")
+    # A sanitized program looks for leaks in /proc.
+    WITHOUT_PROC = ("unshare", "--mount", "env", "ASAN_OPTIONS=detect_leaks=0")
+    WITHOUT_PROC += ("sh", "-ec", 'mount -t tmpfs tmpfs /proc; exec "$@"', "sh")
 
     def check_refused(self, *words):
         result = self.ap.attempt(*words)
