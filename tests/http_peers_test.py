@@ -437,7 +437,12 @@ class Refusals(PeersTest):
         b"TRANSFER-ENCODING: identity",
         b"Transfer-Encoding : chunked",
         b"X: 1\r\ncontent-length:\r\n %d",
+        b"X: 1\nContent-Length: %d",
+        b"X: 1\rContent-Length: %d",
+        b"X: 1\r\r\n\tContent-Length: %d",
+        b"X: 1\r\n\t\nContent-Length: %d",
     )
+    LENIENT = (b"Content-Length: +%d", b"Content-Length: -0", b"Content-Length: \x0b%d")
 
     def ask(self, request):
         with self.daemon.connect() as client:
@@ -473,13 +478,21 @@ class Refusals(PeersTest):
         self.assertIsNone(self.daemon.status()["led"], line)
 
     def test_a_length_that_is_not_understood_is_refused_and_the_connection_closed(self):
-        for line in self.LENGTHS:
+        for line in self.LENGTHS + self.LENIENT:
             for method in (b"POST", b"GET", b"PUT"):
                 self.check_length(line, method)
 
     def test_a_length_that_is_understood_does_not_make_up_for_one_that_is_not(self):
         for line in self.LENGTHS:
             self.check_length(line, more=b"Content-Length: 0\r\n")
+
+    def test_a_length_in_the_target_is_none(self):
+        for line_end in (b"\n", b"\r", b"\r\n"):
+            target = b"/echo?1234567" + line_end + b"Content-Length:%d" % len(HIDDEN)
+            with self.daemon.connect() as client:
+                client.send(b"POST " + target + b" HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n" + HIDDEN)
+                self.assertTrue(client.read_to_the_end().startswith(b"HTTP/1.1 400 Bad Request\r\n"), target)
+            self.assertIsNone(self.daemon.status()["led"], target)
 
     def test_names_that_only_look_alike_are_headers_like_any_other(self):
         for line in ("Content-Lengths: 9", "X-Content-Length: 9", "Content-Lengt: 9", "Transfer-Encodings: x"):

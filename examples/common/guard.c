@@ -101,31 +101,55 @@ const char *header_get(struct httpd_conn *conn, const char *name)
 
 /* ---- The length of a request ---- */
 
-static bool is_plain(struct span name)
+static bool is_plain(struct span text)
 {
-	for (size_t index = 0; index < name.length; index++) {
-		unsigned char c = (unsigned char)name.start[index];
+	for (size_t index = 0; index < text.length; index++) {
+		unsigned char c = (unsigned char)text.start[index];
 		if (c <= ' ' || c == 0x7f)
 			return false;
 	}
 	return true;
 }
 
-/* Whether it is a header that the server leaves out of account, although it says where the body ends. */
-static bool is_overlooked(struct span name)
+static bool is_number(struct span text)
+{
+	for (size_t index = 0; index < text.length; index++)
+		if (text.start[index] < '0' || text.start[index] > '9')
+			return false;
+	return true;
+}
+
+/* Whether lines end in this value for some readers, but not for the server: by "\r" or "\n" alone. */
+static bool has_lone_line_end(struct span value)
+{
+	for (size_t index = 0; index < value.length; index++) {
+		const char *c = value.start + index;
+		if (*c == '\n' || (*c == '\r' && c[1] != '\n'))
+			return true;
+		index += *c == '\r'; /* the line is continued */
+	}
+	return false;
+}
+
+/* Whether it says where the body ends, and the server leaves it out of account or is more lenient than others. */
+static bool is_unclear_length(const struct header *header)
 {
 	static const char known[] = "Content-Length";
-	if (span_is(name, "Transfer-Encoding"))
+	if (span_is(header->name, "Transfer-Encoding"))
 		return true;
-	return span_is(name, known) && memcmp(name.start, known, sizeof known - 1) != 0;
+	if (!span_is(header->name, known))
+		return false;
+	return memcmp(header->name.start, known, sizeof known - 1) != 0 || !is_number(header->value);
 }
 
 bool guard_knows_length(const struct httpd_conn *conn)
 {
 	const char *line = conn->head_start;
 	struct header header;
+	if (!is_plain((struct span){conn->target, (size_t)conn->target_len}))
+		return false;
 	while (header_next(conn, &line, &header))
-		if (!is_plain(header.name) || is_overlooked(header.name))
+		if (!is_plain(header.name) || has_lone_line_end(header.value) || is_unclear_length(&header))
 			return false;
 	return true;
 }

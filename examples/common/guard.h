@@ -12,7 +12,9 @@
 /*
  * Whether the request ends where its sender says. It does not if a header that says so is one that the server does
  * not look at: "Transfer-Encoding", or "Content-Length" in any other spelling of case. Nor is that sure if white
- * space or a control character in a header's name may have hidden such a header from a proxy, or from us.
+ * space or a control character in a header's name, or in the target, may have hidden such a header from a proxy, or
+ * from us; if a "\r" or "\n" alone, at which others end a line, may have done so in a value; or if the length is
+ * not written in digits alone, as "+5".
  *
  * The body of any other request would be taken for the next request. Answer it with 400 and close the connection.
  */

@@ -136,7 +136,7 @@ int32_t answer_by_route(
 	if (!guard_knows_length(conn))
 		return answer_why(conn, 400,
 			"The length of a body is understood from \"Content-Length\" only, "
-			"in this spelling of case.\n",
+			"in this spelling of case, and a line ends with both of its characters.\n",
 			false);
 	if (is_head(conn)) /* what GET would answer; parameters are looked up for GET */
 		conn->method = HTTPD_METHOD_GET;
