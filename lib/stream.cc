@@ -95,10 +95,16 @@ static void enter_state(stream *s, uint8_t state)
 	update_watcher(s, false);
 }
 
+// After end of file alone the descriptor is still asked: it may hang up.
+static bool has_stopped_reading(const stream *s)
+{
+	return s->state & (STREAM_ERROR | STREAM_READ_DISABLED);
+}
+
 static void read_all(stream *s)
 {
 	char chunk[READ_CHUNK];
-	for (;;) {
+	while (!has_stopped_reading(s)) { // `read` may stop it
 		int32_t length = s->read(s, chunk, READ_CHUNK);
 		if (length == -EAGAIN)
 			return;
@@ -130,7 +136,7 @@ static void meet_hang_up(stream *s)
 
 static void read_step(stream *s)
 {
-	if (s->state & (STREAM_ERROR | STREAM_READ_DISABLED))
+	if (has_stopped_reading(s))
 		meet_hang_up(s);
 	else
 		read_all(s);

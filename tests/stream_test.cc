@@ -1290,6 +1290,22 @@ TEST_F(stream_disable_read_test, hears_of_a_hang_up_without_asking_a_replaced_re
 	EXPECT_EQ(watched_descriptors(), std::set<int>());
 }
 
+TEST_F(stream_disable_read_test, by_a_replaced_read_takes_effect_before_its_next_call)
+{
+	scripted_stream s;
+	s.read = [](stream *self, void *bytes, uint32_t) {
+		*static_cast<char *>(bytes) = 'r';
+		stream_disable_read(self);
+		static_cast<scripted_stream *>(self)->read_counts.push_back(1);
+		return static_cast<scripted_stream *>(self)->read_counts.size() < 3 ? 1 : -EAGAIN;
+	};
+	s.make_readable();
+	run_passes(3);
+	EXPECT_EQ(s.received(), "r");
+	EXPECT_EQ(s.read_counts.size(), 1u);
+	EXPECT_EQ(s.reads, 1);
+}
+
 TEST_F(stream_disable_read_test, hears_once_of_a_hang_up_that_a_backlog_meets_too)
 {
 	socket_pair pair;
