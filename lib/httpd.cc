@@ -381,7 +381,7 @@ static int32_t write_quietly(stream *s, const void *bytes, uint32_t count)
 }
 
 // Sends the answers gathered so far. They are the kernel's from here on, whatever the handler does next, and leave
-// with what it writes. If it only works, the kernel sends them by itself after some 200 ms.
+// with what it writes. If it only works, the kernel sends them by itself, after its time-out for acknowledgements.
 static void send_gathered(connection *c)
 {
 	c->expects_more = true;
@@ -799,6 +799,19 @@ static bool may_gather(connection *c)
 	return find_next_head(c) && c->pub.method == HTTPD_METHOD_GET && !is_last_request(&c->pub);
 }
 
+// What the handler stops reading is stopped for good, also when it was only paused.
+static int32_t call_handler(connection *c)
+{
+	bool was_paused = c->is_paused;
+	resume_reading(c);
+	c->in_handler = true;
+	int32_t result = c->pub.ctx->handler(&c->pub);
+	c->in_handler = false;
+	if (was_paused)
+		pause_reading(c);
+	return result;
+}
+
 // DISPATCH: calls the handler, which may end the connection, or put off its answer, before it returns.
 static step state_dispatch(connection *c)
 {
@@ -809,9 +822,7 @@ static step state_dispatch(connection *c)
 		stream_cork(&conn->stream);
 	else
 		send_gathered(c);
-	c->in_handler = true;
-	int32_t result = conn->ctx->handler(conn);
-	c->in_handler = false;
+	int32_t result = call_handler(c);
 	push_gathered(c);
 	if (is_deferred(c))
 		return step::wait;

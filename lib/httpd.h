@@ -97,8 +97,8 @@ extern "C" {
  *   body: a client would take it for the next answer. httpd_fail writes one; return 0 after it.
  * - "Expect: 100-continue" waits for an interim answer, which the server does not send. The handler is called once the
  *   body has arrived; most clients send it after a second, and at once if told not to use that header.
- * - A half-closed peer, which sends no more but still reads, gets the answers to all it has sent, deferred ones
- *   included; then the connection ends.
+ * - A half-closed peer, which sends no more but still reads, gets the answers to all it has sent, up to the first
+ *   deferred one; then the connection ends. Requests that wait for a deferred answer are not handled any more.
  * - A proxy sends requests of many users over one connection. An answer has exactly the bytes that its
  *   "Content-Length" says, the handler keeps nothing of one request for the next, and an answer that ends the
  *   connection has "Connection: close", or the proxy may send it the next user's request meanwhile.
@@ -124,8 +124,8 @@ struct httpd_conn;
  * What is gathered counts as taken: that the peer has gone shows in no result, but ends the connection
  * afterwards. It is handed to the kernel before the handler is called for the last of these requests, or for
  * one that is not a GET; by httpd_defer; and by stream_flush_tx_async, which a handler of a GET calls before it
- * ends the process or hands the descriptor to a child. Over TCP the kernel may wait for the last answer, some
- * 200 ms at most, to send it in one piece with the others.
+ * ends the process or hands the descriptor to a child. Over TCP the kernel may wait for the last answer, to send it
+ * in one piece with the others: as long as it would for an acknowledgement, some 200 ms if the peer is near.
  */
 typedef int32_t (*httpd_handler)(struct httpd_conn *conn);
 

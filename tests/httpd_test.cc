@@ -2959,6 +2959,19 @@ TEST_F(httpd_deferral, a_peer_that_only_closed_its_sending_side_gets_the_whole_a
 			}
 }
 
+TEST_F(httpd_deferral, a_half_closed_peer_gets_no_answer_to_what_waits_for_the_deferred_one)
+{
+	client far = connect();
+	far.send_some(get("/now") + get("/later") + get("/behind"));
+	far.close_sending();
+	settle();
+	write_text(deferred, "late\n");
+	httpd_defer_complete(deferred, 1);
+	far.drain();
+	EXPECT_EQ(far.got, "now:/now\nlate\n");
+	EXPECT_TRUE(far.ended());
+}
+
 TEST_F(httpd_deferral, a_half_closed_peer_gets_an_answer_written_in_parts)
 {
 	client far = connect();
@@ -3470,6 +3483,30 @@ TEST_F(httpd_backlog, a_peer_that_reads_nothing_is_not_read_from_either)
 	EXPECT_LE(rx_max, HTTPD_RX_BYTES_MAX);
 	EXPECT_EQ(requests.size(), static_cast<size_t>(count));
 	EXPECT_TRUE(far.got == answers(count)) << far.got.size();
+	EXPECT_FALSE(far.ended());
+}
+
+TEST_F(httpd_backlog, a_handler_stops_the_reading_for_good_although_it_was_paused)
+{
+	client far = connect();
+	send_small(far);
+	while (far.send_some(repeated(get(0), 100)) > 0)
+		settle();
+	ASSERT_GT(newest()->stream.rx->length, 0) << "no request waits";
+	ASSERT_TRUE(newest()->stream.state & STREAM_READ_DISABLED) << "it was not paused";
+	size_t handled = requests.size();
+	on_request = [&](httpd_conn *conn) {
+		if (requests.size() == handled + 1)
+			stream_disable_read(&conn->stream);
+		return 1;
+	};
+	far.drain();
+	EXPECT_GT(requests.size(), handled);
+	EXPECT_TRUE(newest()->stream.state & STREAM_READ_DISABLED);
+	handled = requests.size();
+	far.send_some(repeated(get(0), 2));
+	settle();
+	EXPECT_EQ(requests.size(), handled);
 	EXPECT_FALSE(far.ended());
 }
 
