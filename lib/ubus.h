@@ -59,8 +59,18 @@
  * daemon takes to answer (for ever, if it drops the answer because this daemon does not keep up with what
  * comes), and meanwhile serve the context, so that handlers of calls, of notifications and of replies run
  * inside them; the functions that do it say so. One thread.
+ *
+ * libubox's headers use POSIX names, which a C compiler leaves out with -std=c11 alone. apbase's package files
+ * (pkg-config and CMake) add -D_DEFAULT_SOURCE, which brings them back; -std=gnu11 has them anyway.
  */
 #pragma once
+#include <signal.h>
+
+/* usock.h is libubox's own; the stand-in of development machines has no such header, and needs no such names. */
+#if !defined(SIG_BLOCK) && __has_include(<libubox/usock.h>)
+#error "libubox needs POSIX names: compile with -std=gnu11, or with -D_DEFAULT_SOURCE as apbase's package files say"
+#else
+
 #include <jansson.h>
 #include <libubus.h>
 #include <stdbool.h>
@@ -125,7 +135,7 @@ int ubus_req_async_to(
 /* ---- Calls repeated until they succeed ---- */
 
 /* Milliseconds between attempts, and those that an answer may take. */
-#define UBUS_RETRY_DELAY_MS 2000
+#define UBUS_RETRY_DELAY_MS     2000
 
 /*
  * A call repeated until it succeeds; embed it in a record of your own. From init on it is the
@@ -249,4 +259,6 @@ struct ubus_subscription *ubus_object_to_subscription(struct ubus_object *obj);
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }
+#endif
+
 #endif

@@ -424,7 +424,7 @@ TEST_F(ubus_retry, everything_it_logs_has_priority_3)
 	no_object.invoke();
 	prepare = [](blob_buf *) { return -5; };
 	request.invoke();
-	prepare = [](blob_buf *buf) { return put_json(buf, std::string(UBUS_MAX_MSGLEN, 'x')); };
+	prepare = [](blob_buf *buf) { return put_json(buf, std::string(wire::body_bytes_max, 'x')); };
 	request.invoke();
 	request.abort();
 	request.ctx = nullptr;
@@ -756,7 +756,7 @@ TEST_F(ubus_retry, message_too_big_for_the_bus_is_logged_and_tried_again_in_two_
 {
 	auto server = serve();
 	retry request{&client.ctx};
-	prepare = [](blob_buf *buf) { return put_json(buf, std::string(UBUS_MAX_MSGLEN, 'x')); };
+	prepare = [](blob_buf *buf) { return put_json(buf, std::string(wire::body_bytes_max, 'x')); };
 	int64_t before = time_now();
 	EXPECT_EQ(request.invoke(), -EBUSY);
 	expect_due_in(request.retry_timer, 2000, before, time_now());
@@ -776,7 +776,7 @@ TEST_F(ubus_retry, abort_after_a_message_that_was_too_big_releases_it)
 {
 	auto server = serve();
 	retry request{&client.ctx};
-	prepare = [](blob_buf *buf) { return put_json(buf, std::string(UBUS_MAX_MSGLEN, 'x')); };
+	prepare = [](blob_buf *buf) { return put_json(buf, std::string(wire::body_bytes_max, 'x')); };
 	EXPECT_EQ(request.invoke(), -EBUSY);
 	take_log();
 	EXPECT_EQ(request.abort(), 0);

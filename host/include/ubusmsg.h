@@ -6,7 +6,6 @@
 
 #include <libubox/blob.h>
 
-#define UBUS_MAX_MSGLEN     1048576 /* of the blob, padded */
 #define UBUS_MSG_CHUNK_SIZE 65536
 
 #define UBUS_SYSTEM_OBJECT_EVENT   1

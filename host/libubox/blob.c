@@ -245,7 +245,8 @@ int blob_parse(struct blob_attr *attr, struct blob_attr **data, const struct blo
 	blob_for_each_attr(child, attr, left)
 	{
 		int id = (int)blob_id(child);
-		if (id >= max || (info && !info_accepts(&info[id], child)))
+		bool has_word = blob_raw_len(child) >= sizeof(*child);
+		if (id >= max || !has_word || (info && !info_accepts(&info[id], child)))
 			continue;
 		if (!data[id])
 			++found;

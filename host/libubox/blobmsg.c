@@ -147,10 +147,13 @@ int blobmsg_parse_array(const struct blobmsg_policy *policy, int policy_len, str
 	struct blob_attr *attr;
 	__blob_for_each_attr(attr, data, len)
 	{
+		if (index == policy_len)
+			break;
+		if (!type_matches(&policy[index], attr))
+			continue;
 		if (!blobmsg_check_attr_len(attr, false, len))
 			return -1;
-		if (index < policy_len && type_matches(&policy[index], attr))
-			tb[index++] = attr;
+		tb[index++] = attr;
 	}
 	return 0;
 }

@@ -76,7 +76,8 @@ static void take_signals(void)
 static void give_signals_back(void)
 {
 	for (size_t index = 0; index < ARRAY_SIZE(signals); ++index) {
-		if (signals[index].taken)
+		/* One that is ignored stays so: what is written later may still meet a broken connection. */
+		if (signals[index].taken && signals[index].number != SIGPIPE)
 			signal(signals[index].number, SIG_DFL);
 		signals[index].taken = false;
 	}
@@ -120,7 +121,7 @@ void uloop_done(void)
 
 static uint32_t epoll_events(unsigned int flags)
 {
-	return (flags & ULOOP_READ ? EPOLLIN : 0U) | (flags & ULOOP_WRITE ? EPOLLOUT : 0U);
+	return (flags & ULOOP_READ ? EPOLLIN | EPOLLRDHUP : 0U) | (flags & ULOOP_WRITE ? EPOLLOUT : 0U);
 }
 
 int uloop_fd_add(struct uloop_fd *fd, unsigned int flags)
@@ -227,13 +228,15 @@ static void drain_wake_pipe(void)
 		;
 }
 
-/* An error or a hang-up is reported as readable, so that the next read meets it. */
+/* What is broken, or closed in both directions, has left the loop when its callback learns of that. */
 static void dispatch(struct uloop_fd *fd, uint32_t events)
 {
-	fd->eof |= (events & EPOLLHUP) != 0;
-	fd->error |= (events & EPOLLERR) != 0;
-	unsigned int flags = (events & (EPOLLIN | EPOLLHUP | EPOLLERR) ? ULOOP_READ : 0U) |
-			     (events & EPOLLOUT ? ULOOP_WRITE : 0U);
+	bool broken = (events & (EPOLLHUP | EPOLLERR)) != 0;
+	fd->eof |= (events & EPOLLRDHUP) != 0;
+	fd->error |= broken;
+	if (broken)
+		uloop_fd_delete(fd);
+	unsigned int flags = (events & EPOLLIN ? ULOOP_READ : 0U) | (events & EPOLLOUT ? ULOOP_WRITE : 0U);
 	if (fd->cb)
 		fd->cb(fd, flags);
 }
@@ -249,17 +252,17 @@ static void serve_one_descriptor(int wait_ms)
 		drain_wake_pipe();
 }
 
+/* What has ended the loop before, a signal too, does not end this run. */
 int uloop_run(void)
 {
+	ended = 0;
+	ending_signal = 0;
 	while (!ended) {
 		run_due_timeouts();
 		if (!ended)
 			serve_one_descriptor(next_timeout_ms());
 	}
-	ended = 0;
-	int number = ending_signal;
-	ending_signal = 0;
-	return number;
+	return ending_signal;
 }
 
 void uloop_end(void)

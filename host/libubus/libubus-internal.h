@@ -5,6 +5,8 @@
 #pragma once
 #include <libubus.h>
 
+#include "../limits.h"
+
 #pragma GCC visibility push(hidden)
 
 /* A message under construction: appends to it cannot fail singly, a failed one makes it unsendable. */
@@ -20,7 +22,7 @@ void ubus_message_put_u32(struct ubus_message *message, int id, uint32_t value);
 void ubus_message_put_string(struct ubus_message *message, int id, const char *text);
 void ubus_message_put_children(struct ubus_message *message, int id, const struct blob_attr *parent);
 
-/* Sends and releases it. False when it is incomplete or too long, or when the write fails (then `eof`). */
+/* Sends and releases it. False when it is incomplete, or when the write fails (then `eof`). */
 bool ubus_message_send(
 	struct ubus_context *ctx, struct ubus_message *message, int type, uint16_t seq, uint32_t peer);
 
@@ -47,14 +49,11 @@ bool ubus_socket_wait(int fd, int64_t end_ms);
 
 int64_t ubus_now_ms(void);
 
-enum ubus_received {
-	UBUS_RECEIVED_MESSAGE,
-	UBUS_RECEIVED_NOTHING, /* there is nothing to read, or the message is none that this end understands */
-	UBUS_RECEIVED_EOF,     /* or an error: the connection is lost */
-};
-
-/* Reads one message into `ctx->msgbuf`. */
-enum ubus_received ubus_receive(struct ubus_context *ctx);
+/*
+ * Reads one message into `ctx->msgbuf`. False when there is nothing to read, when the message is none that this end
+ * understands, and at the end of the connection or an error (then `eof`).
+ */
+bool ubus_receive(struct ubus_context *ctx);
 
 /*
  * Synchronous calls and handlers run between these two: the daemon's own messages that arrive meanwhile are
@@ -67,13 +66,19 @@ void ubus_work_off_queue(struct ubus_context *ctx);
 /* Processes the message that was received. */
 void ubus_process_received(struct ubus_context *ctx);
 
-/* The end of the connection was met: ends all requests, then calls `connection_lost`, and nothing else. */
-void ubus_lose_connection(struct ubus_context *ctx);
+/*
+ * Reads and processes what there is, one message only where `cancel_poll` is set. When the connection is lost, then
+ * or before, ends all requests and calls `connection_lost`, and nothing else after it.
+ */
+void ubus_serve(struct ubus_context *ctx);
 
-/* Makes `req` the next request of the context. */
+/* Makes `req` a request to `peer` that has not been sent. */
 void ubus_request_init(struct ubus_context *ctx, struct ubus_request *req, uint32_t peer);
 
-/* Sends the request and releases the message; 0, or UBUS_STATUS_INVALID_ARGUMENT. */
+/*
+ * Sends it as the next request of the context, and releases the message; 0, or UBUS_STATUS_INVALID_ARGUMENT. A
+ * message that is incomplete or too long is not sent, and takes no sequence number.
+ */
 int ubus_request_send(
 	struct ubus_context *ctx, struct ubus_request *req, int type, struct ubus_message *message);
 

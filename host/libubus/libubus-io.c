@@ -111,9 +111,8 @@ static bool write_all(int fd, struct iovec *parts, size_t part_count)
 bool ubus_message_send(
 	struct ubus_context *ctx, struct ubus_message *message, int type, uint16_t seq, uint32_t peer)
 {
-	bool sendable = message->complete && blob_pad_len(message->buf.head) <= UBUS_MAX_MSGLEN;
 	bool sent = false;
-	if (sendable) {
+	if (message->complete) {
 		struct ubus_msghdr header = {
 			.type = (uint8_t)type, .seq = cpu_to_be16(seq), .peer = cpu_to_be32(peer)};
 		struct iovec parts[] = {
@@ -144,10 +143,6 @@ void ubus_parse_msg(struct blob_attr *msg, struct blob_attr *attrs[UBUS_ATTR_MAX
 		[UBUS_ATTR_GROUP] = {.type = BLOB_ATTR_STRING},
 	};
 	blob_parse(msg, attrs, types, UBUS_ATTR_MAX);
-	/* Readers of named attributes would look for a name, of any length that it claims. */
-	for (int id = 0; id < UBUS_ATTR_MAX; ++id)
-		if (attrs[id] && blob_is_extended(attrs[id]))
-			attrs[id] = NULL;
 }
 
 int ubus_socket_open(const char *path)
@@ -190,56 +185,47 @@ static bool head_is_well_formed(const struct message_head *head)
 	       blob_pad_len(blob_of(head)) <= UBUS_MAX_MSGLEN;
 }
 
-/* Blocking, and given up at the first signal. */
-static bool read_all(int fd, void *into, size_t length)
+/* Blocking, and in one piece, as the daemon writes it; given up at the first signal. */
+static bool read_at_once(int fd, void *into, size_t length)
 {
-	for (size_t done = 0; done < length;) {
-		ssize_t count = read(fd, (char *)into + done, length - done);
-		if (count <= 0)
-			return false;
-		done += (size_t)count;
-	}
-	return true;
+	return read(fd, into, length) == (ssize_t)length;
 }
 
-static bool skip_all(int fd, size_t length)
+static bool skip_at_once(int fd, size_t length)
 {
-	char bytes[256];
-	while (length > 0) {
-		size_t count = length < sizeof(bytes) ? length : sizeof(bytes);
-		if (!read_all(fd, bytes, count))
-			return false;
-		length -= count;
-	}
-	return true;
+	void *bytes = malloc(length + 1);
+	bool skipped = bytes && read_at_once(fd, bytes, length);
+	free(bytes);
+	return skipped;
 }
 
 bool ubus_socket_read_hello(int fd, struct ubus_msghdr *header)
 {
 	struct message_head head;
-	if (!read_all(fd, &head, sizeof(head)) || !head_is_well_formed(&head))
+	if (!read_at_once(fd, &head, sizeof(head)) || !head_is_well_formed(&head))
 		return false;
 	*header = head.header;
 	return head.header.type == UBUS_MSG_HELLO && head.header.peer > UBUS_CLIENT_ID_CHANNEL &&
-	       skip_all(fd, blob_len(blob_of(&head)));
+	       skip_at_once(fd, blob_len(blob_of(&head)));
 }
 
 /* Once the first bytes are there, or when `must_wait`, all are waited for. */
-static enum ubus_received receive_all(int fd, void *into, size_t length, bool must_wait)
+static bool receive_all(struct ubus_context *ctx, void *into, size_t length, bool must_wait)
 {
 	for (size_t done = 0; done < length;) {
-		ssize_t count = read(fd, (char *)into + done, length - done);
+		ssize_t count = read(ctx->sock.fd, (char *)into + done, length - done);
 		if (count > 0) {
 			done += (size_t)count;
 		} else if (count < 0 && errno == EAGAIN) {
 			if (done == 0 && !must_wait)
-				return UBUS_RECEIVED_NOTHING;
-			ubus_socket_wait(fd, -1);
+				return false;
+			ubus_socket_wait(ctx->sock.fd, -1);
 		} else if (count == 0 || errno != EINTR) {
-			return UBUS_RECEIVED_EOF;
+			ctx->sock.eof = true;
+			return false;
 		}
 	}
-	return UBUS_RECEIVED_MESSAGE;
+	return true;
 }
 
 /* Makes the context's buffer hold `length` bytes; what was in it is lost. */
@@ -254,19 +240,18 @@ static bool reserve(struct ubus_context *ctx, size_t length)
 	return ctx->msgbuf.data;
 }
 
-enum ubus_received ubus_receive(struct ubus_context *ctx)
+bool ubus_receive(struct ubus_context *ctx)
 {
 	struct message_head head;
-	enum ubus_received received = receive_all(ctx->sock.fd, &head, sizeof(head), false);
-	if (received != UBUS_RECEIVED_MESSAGE)
-		return received;
+	if (!receive_all(ctx, &head, sizeof(head), false))
+		return false;
 	if (!head_is_well_formed(&head) || !reserve(ctx, blob_pad_len(blob_of(&head))))
-		return UBUS_RECEIVED_NOTHING;
+		return false;
 
 	ctx->msgbuf.hdr = head.header;
 	ctx->msgbuf.data->id_len = head.id_len;
-	received = receive_all(ctx->sock.fd, blob_data(ctx->msgbuf.data), blob_len(blob_of(&head)), true);
-	if (received == UBUS_RECEIVED_MESSAGE)
-		blob_fill_pad(ctx->msgbuf.data);
-	return received;
+	if (!receive_all(ctx, blob_data(ctx->msgbuf.data), blob_len(blob_of(&head)), true))
+		return false;
+	blob_fill_pad(ctx->msgbuf.data);
+	return true;
 }

@@ -48,12 +48,6 @@ LAYOUT_FIELD(struct ubus_request_data, fd, 44, 28);
 LAYOUT_FIELD(struct ubus_request_data, req_fd, 48, 32);
 LAYOUT_SIZE(struct ubus_request_data, 56, 36);
 
-/* What the answer to an addition or a removal tells; 0: nothing. */
-struct answer {
-	uint32_t id;
-	uint32_t type_id;
-};
-
 static int compare_ids(const void *key1, const void *key2, void *ptr)
 {
 	(void)ptr;
@@ -116,20 +110,42 @@ static void put_object(struct ubus_message *message, const struct ubus_object *o
 		message->complete = message->complete && put_signature(&message->buf, obj->type);
 }
 
-static void on_answer(struct ubus_request *req, int type, struct blob_attr *msg)
+static void on_added(struct ubus_request *req, int type, struct blob_attr *msg)
 {
 	(void)type;
-	struct answer *answer = req->priv;
+	struct ubus_object *obj = req->priv;
 	struct blob_attr *attrs[UBUS_ATTR_MAX];
 	ubus_parse_msg(msg, attrs);
-	if (attrs[UBUS_ATTR_OBJID])
-		answer->id = blob_get_u32(attrs[UBUS_ATTR_OBJID]);
-	if (attrs[UBUS_ATTR_OBJTYPE])
-		answer->type_id = blob_get_u32(attrs[UBUS_ATTR_OBJTYPE]);
+	if (!attrs[UBUS_ATTR_OBJID])
+		return;
+	obj->id = blob_get_u32(attrs[UBUS_ATTR_OBJID]);
+	obj->avl.key = &obj->id;
+	if (avl_insert(&req->ctx->objects, &obj->avl) != 0) {
+		obj->id = 0; /* the daemon never gives an id twice */
+		return;
+	}
+	if (obj->type && attrs[UBUS_ATTR_OBJTYPE])
+		obj->type->id = blob_get_u32(attrs[UBUS_ATTR_OBJTYPE]);
 }
 
-/* Sends an addition or a removal and waits for the answer, which must name the object. */
-static int ask(struct ubus_context *ctx, int type, struct ubus_message *message, struct answer *answer)
+static void on_removed(struct ubus_request *req, int type, struct blob_attr *msg)
+{
+	(void)type;
+	struct ubus_object *obj = req->priv;
+	struct blob_attr *attrs[UBUS_ATTR_MAX];
+	ubus_parse_msg(msg, attrs);
+	if (!attrs[UBUS_ATTR_OBJID])
+		return;
+	if (find_object(req->ctx, obj->id) == obj)
+		avl_delete(&req->ctx->objects, &obj->avl);
+	obj->id = 0;
+	if (obj->type && attrs[UBUS_ATTR_OBJTYPE])
+		obj->type->id = 0;
+}
+
+/* Sends an addition or a removal, and waits for the answer. */
+static int ask(struct ubus_context *ctx, int type, struct ubus_message *message, struct ubus_object *obj,
+	ubus_data_handler_t on_answer)
 {
 	struct ubus_request req;
 	ubus_request_init(ctx, &req, 0);
@@ -137,64 +153,26 @@ static int ask(struct ubus_context *ctx, int type, struct ubus_message *message,
 	if (status != UBUS_STATUS_OK)
 		return status;
 	req.raw_data_cb = on_answer;
-	req.priv = answer;
-	status = ubus_complete_request(ctx, &req, 0);
-	return status == UBUS_STATUS_OK && !answer->id ? UBUS_STATUS_NO_DATA : status;
-}
-
-static int link_object(struct ubus_context *ctx, struct ubus_object *obj, const struct answer *answer)
-{
-	obj->id = answer->id;
-	obj->avl.key = &obj->id;
-	if (avl_insert(&ctx->objects, &obj->avl) != 0) {
-		/* The daemon never gives an id twice. */
-		obj->id = 0;
-		return UBUS_STATUS_UNKNOWN_ERROR;
-	}
-	if (obj->type && answer->type_id)
-		obj->type->id = answer->type_id;
-	return UBUS_STATUS_OK;
+	req.priv = obj;
+	return ubus_complete_request(ctx, &req, 0);
 }
 
 int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj)
 {
 	struct ubus_message message;
-	struct answer answer = {0, 0};
 	ubus_message_init(&message);
 	put_object(&message, obj);
-
-	/* Calls that arrive before this returns find the object linked. */
-	ubus_enter(ctx);
-	int status = ask(ctx, UBUS_MSG_ADD_OBJECT, &message, &answer);
-	if (status == UBUS_STATUS_OK)
-		status = link_object(ctx, obj, &answer);
-	ubus_leave(ctx);
-	return status;
-}
-
-static void unlink_object(struct ubus_context *ctx, struct ubus_object *obj, const struct answer *answer)
-{
-	if (find_object(ctx, obj->id) == obj)
-		avl_delete(&ctx->objects, &obj->avl);
-	obj->id = 0;
-	if (obj->type && answer->type_id)
-		obj->type->id = 0;
+	int status = ask(ctx, UBUS_MSG_ADD_OBJECT, &message, obj, on_added);
+	return status == UBUS_STATUS_OK && !obj->id ? UBUS_STATUS_NO_DATA : status;
 }
 
 int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj)
 {
 	struct ubus_message message;
-	struct answer answer = {0, 0};
 	ubus_message_init(&message);
 	ubus_message_put_u32(&message, UBUS_ATTR_OBJID, obj->id);
-
-	/* What still arrives for the object finds it unlinked. */
-	ubus_enter(ctx);
-	int status = ask(ctx, UBUS_MSG_REMOVE_OBJECT, &message, &answer);
-	if (status == UBUS_STATUS_OK)
-		unlink_object(ctx, obj, &answer);
-	ubus_leave(ctx);
-	return status;
+	int status = ask(ctx, UBUS_MSG_REMOVE_OBJECT, &message, obj, on_removed);
+	return status == UBUS_STATUS_OK && obj->id ? UBUS_STATUS_NO_DATA : status;
 }
 
 /* Moves all objects from the tree, which is empty then, to `list`; to the daemon they are unknown. */
@@ -254,45 +232,46 @@ static const struct ubus_method *find_method(const struct ubus_object *obj, cons
 	return NULL;
 }
 
-static const char *text_of(const struct blob_attr *attr)
-{
-	return attr ? blob_get_string(attr) : NULL;
-}
-
-/* Calls the handler; its result, or what the call is refused with. */
-static int serve_call(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
-	struct blob_attr **attrs)
+/* Calls the handler; its result, or what the call is refused with. Who has called is known once the method is. */
+static int serve_call(struct ubus_context *ctx, struct ubus_object *obj, const struct ubus_msghdr *header,
+	struct blob_attr **attrs, struct ubus_request_data *req)
 {
 	if (!obj)
 		return UBUS_STATUS_NOT_FOUND;
-	if (!attrs[UBUS_ATTR_METHOD] || !attrs[UBUS_ATTR_DATA])
+	if (!attrs[UBUS_ATTR_METHOD])
 		return UBUS_STATUS_INVALID_ARGUMENT;
+	req->object = obj->id;
+	req->peer = be32_to_cpu(header->peer);
+	req->seq = be16_to_cpu(header->seq);
+
 	const char *name = blob_get_string(attrs[UBUS_ATTR_METHOD]);
 	const struct ubus_method *method = find_method(obj, name);
 	if (!method)
 		return UBUS_STATUS_METHOD_NOT_FOUND;
+	if (!attrs[UBUS_ATTR_DATA])
+		return UBUS_STATUS_INVALID_ARGUMENT;
 
-	req->acl.user = text_of(attrs[UBUS_ATTR_USER]);
-	req->acl.group = text_of(attrs[UBUS_ATTR_GROUP]);
-	req->acl.object = obj->name;
+	if (attrs[UBUS_ATTR_USER] && attrs[UBUS_ATTR_GROUP]) {
+		req->acl.user = blob_get_string(attrs[UBUS_ATTR_USER]);
+		req->acl.group = blob_get_string(attrs[UBUS_ATTR_GROUP]);
+		req->acl.object = obj->name;
+	}
 	bool no_reply = attrs[UBUS_ATTR_NO_REPLY] && blob_get_u8(attrs[UBUS_ATTR_NO_REPLY]);
 	int status = method->handler(ctx, obj, req, name, attrs[UBUS_ATTR_DATA]);
-	/* Nobody waits for the result: it is as if the handler had put it off for ever. */
+	/* Nobody waits for the result: it is as if the handler had deferred it for ever. */
 	req->deferred |= no_reply;
 	return status;
 }
 
+/*
+ * A call of an unknown object, or of no method, is answered to nobody: with the object, the peer and the sequence
+ * number 0. Its caller waits until its own time is over.
+ */
 static void process_invoke(struct ubus_context *ctx, struct ubus_object *obj,
 	const struct ubus_msghdr *header, struct blob_attr **attrs)
 {
-	struct ubus_request_data req = {
-		.object = obj ? obj->id : 0,
-		.peer = be32_to_cpu(header->peer),
-		.seq = be16_to_cpu(header->seq),
-		.fd = -1,
-		.req_fd = -1,
-	};
-	int status = serve_call(ctx, obj, &req, attrs);
+	struct ubus_request_data req = {.fd = -1, .req_fd = -1};
+	int status = serve_call(ctx, obj, header, attrs, &req);
 	if (!req.deferred)
 		ubus_complete_deferred_request(ctx, &req, status);
 }
@@ -317,8 +296,9 @@ void ubus_process_object_message(struct ubus_context *ctx, const struct ubus_msg
 {
 	struct blob_attr *attrs[UBUS_ATTR_MAX];
 	ubus_parse_msg(msg->data, attrs);
-	struct ubus_object *obj =
-		attrs[UBUS_ATTR_OBJID] ? find_object(ctx, blob_get_u32(attrs[UBUS_ATTR_OBJID])) : NULL;
+	if (!attrs[UBUS_ATTR_OBJID])
+		return;
+	struct ubus_object *obj = find_object(ctx, blob_get_u32(attrs[UBUS_ATTR_OBJID]));
 
 	/* Not ubus_leave: the callers work off the queue in a loop, instead of one message inside the other. */
 	ubus_enter(ctx);

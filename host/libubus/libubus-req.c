@@ -60,12 +60,16 @@ void ubus_request_init(struct ubus_context *ctx, struct ubus_request *req, uint3
 	req->fd = -1;
 	req->ctx = ctx;
 	req->peer = peer;
-	req->seq = ++ctx->request_seq;
 }
 
 int ubus_request_send(
 	struct ubus_context *ctx, struct ubus_request *req, int type, struct ubus_message *message)
 {
+	if (!message->complete || blob_pad_len(message->buf.head) > UBUS_MAX_MSGLEN) {
+		blob_buf_free(&message->buf);
+		return UBUS_STATUS_INVALID_ARGUMENT;
+	}
+	req->seq = ++ctx->request_seq;
 	bool sent = ubus_message_send(ctx, message, type, req->seq, req->peer);
 	return sent ? UBUS_STATUS_OK : UBUS_STATUS_INVALID_ARGUMENT;
 }
@@ -98,16 +102,13 @@ void ubus_abort_request(struct ubus_context *ctx, struct ubus_request *req)
 		release_kept(take_kept(req));
 }
 
-/* The callbacks may release the request. */
+/* The callback may release the request. */
 static void call_complete(struct ubus_request *req)
 {
-	int status = req->status_code;
 	ubus_complete_handler_t complete_cb = req->complete_cb;
 	req->complete_cb = NULL;
-	if (req->notify && notify_request(req)->complete_cb)
-		notify_request(req)->complete_cb(notify_request(req), 0, status);
 	if (complete_cb)
-		complete_cb(req, status);
+		complete_cb(req, req->status_code);
 }
 
 /* What is behind a request that is blocked happens when its callback has returned. */
@@ -123,43 +124,15 @@ static void end_request(struct ubus_request *req, int status)
 /* Stands in for the callback of a request that is waited for: the waiting call makes that call itself. */
 static void wake_waiting_call(struct ubus_request *req, int status)
 {
-	(void)req;
 	(void)status;
+	req->ctx->cancel_poll = true;
 }
 
-static bool is_waited_for(const struct ubus_request *req)
-{
-	return req->complete_cb == wake_waiting_call;
-}
-
-/* Those linked now get their result, so that they are told from those which callbacks link meanwhile. */
-static void mark_requests_failed(struct ubus_context *ctx)
-{
-	struct ubus_request *req;
-	list_for_each_entry(req, &ctx->requests, list)
-	{
-		req->status_msg = true;
-		req->status_code = is_waited_for(req) ? UBUS_STATUS_CONNECTION_FAILED : UBUS_STATUS_TIMEOUT;
-	}
-}
-
-static struct ubus_request *first_marked_request(struct ubus_context *ctx)
-{
-	struct ubus_request *req;
-	list_for_each_entry(req, &ctx->requests, list)
-	{
-		if (req->status_msg)
-			return req;
-	}
-	return NULL;
-}
-
+/* Those that callbacks link meanwhile as well. */
 void ubus_fail_requests(struct ubus_context *ctx)
 {
-	mark_requests_failed(ctx);
-	struct ubus_request *req;
-	while ((req = first_marked_request(ctx)))
-		end_request(req, req->status_code);
+	while (!list_empty(&ctx->requests))
+		end_request(list_first_entry(&ctx->requests, struct ubus_request, list), UBUS_STATUS_TIMEOUT);
 }
 
 /* The place of a peer that has yet to answer a notification; -1: none. */
@@ -209,19 +182,13 @@ static void wait_for_subscribers(struct ubus_notify_request *req, struct blob_at
 static void process_notify_status(struct ubus_notify_request *req, uint32_t peer, struct blob_attr **attrs)
 {
 	int index = notify_index(req, peer);
-	int status = attrs[UBUS_ATTR_STATUS] ? (int)blob_get_u32(attrs[UBUS_ATTR_STATUS])
-					     : UBUS_STATUS_INVALID_ARGUMENT;
+	int status = attrs[UBUS_ATTR_STATUS] ? (int)blob_get_u32(attrs[UBUS_ATTR_STATUS]) : UBUS_STATUS_OK;
+	req->pending &= ~(1U << index);
 	if (index == 0)
 		wait_for_subscribers(req, attrs[UBUS_ATTR_SUBSCRIBERS]);
-	req->pending &= ~(1U << index);
-
-	/* Nothing else must end it while the last callback runs. */
-	bool ended = req->pending == 0;
-	if (ended)
-		list_del_init(&req->req.list);
-	if (index > 0 && req->status_cb)
+	else if (req->status_cb)
 		req->status_cb(req, index, status);
-	if (ended)
+	if (!req->pending)
 		end_request(&req->req, UBUS_STATUS_OK);
 }
 
@@ -238,19 +205,6 @@ static void process_status(struct ubus_request *req, uint32_t peer, struct blob_
 						 : UBUS_STATUS_INVALID_ARGUMENT);
 }
 
-static bool has_data_cb(struct ubus_request *req)
-{
-	return req->notify ? notify_request(req)->data_cb != NULL : req->data_cb != NULL;
-}
-
-static void call_data_cb(struct ubus_request *req, int type, struct blob_attr *data)
-{
-	if (req->notify)
-		notify_request(req)->data_cb(notify_request(req), type, data);
-	else
-		req->data_cb(req, type, data);
-}
-
 /* A synchronous call in the first callback may read other messages into the buffer that `msg` lies in. */
 static void deliver_raw_and_data(struct ubus_request *req, int type, struct blob_attr *msg)
 {
@@ -260,22 +214,22 @@ static void deliver_raw_and_data(struct ubus_request *req, int type, struct blob
 		return;
 	ubus_parse_msg(copy, attrs);
 	req->raw_data_cb(req, type, copy);
-	if (!req->cancelled && attrs[UBUS_ATTR_DATA] && has_data_cb(req))
-		call_data_cb(req, type, attrs[UBUS_ATTR_DATA]);
+	if (attrs[UBUS_ATTR_DATA] && req->data_cb)
+		req->data_cb(req, type, attrs[UBUS_ATTR_DATA]);
 	free(copy);
 }
 
 static void deliver(struct ubus_request *req, int type, struct blob_attr *msg)
 {
 	struct blob_attr *attrs[UBUS_ATTR_MAX];
-	if (req->raw_data_cb && has_data_cb(req)) {
+	if (req->raw_data_cb && req->data_cb) {
 		deliver_raw_and_data(req, type, msg);
 	} else if (req->raw_data_cb) {
 		req->raw_data_cb(req, type, msg);
 	} else {
 		ubus_parse_msg(msg, attrs);
 		if (attrs[UBUS_ATTR_DATA])
-			call_data_cb(req, type, attrs[UBUS_ATTR_DATA]);
+			req->data_cb(req, type, attrs[UBUS_ATTR_DATA]);
 	}
 }
 
@@ -297,7 +251,7 @@ static void deliver_kept(struct ubus_request *req)
 {
 	while (!list_empty(&req->pending)) {
 		struct kept_data *kept = take_kept(req);
-		if (req->raw_data_cb || has_data_cb(req))
+		if (req->raw_data_cb || req->data_cb)
 			deliver(req, kept->type, kept->msg);
 		release_kept(kept);
 	}
@@ -305,7 +259,7 @@ static void deliver_kept(struct ubus_request *req)
 
 static void process_data(struct ubus_request *req, int type, struct blob_attr *msg)
 {
-	if (!req->raw_data_cb && !has_data_cb(req))
+	if (!req->raw_data_cb && !req->data_cb)
 		return;
 	if (req->blocked) {
 		keep(req, type, msg);
@@ -336,25 +290,19 @@ static bool has_ended(const struct ubus_request *req)
 	return req->status_msg || req->cancelled;
 }
 
-/* Until the request has ended, the time is over, or the connection is lost. */
+/* Until the request has ended, the time is over, or the connection is lost, by whatever inner call. */
 static void serve_until_ended(struct ubus_context *ctx, struct ubus_request *req, int64_t end_ms)
 {
-	while (!has_ended(req) && ubus_socket_wait(ctx->sock.fd, end_ms)) {
-		enum ubus_received received = ubus_receive(ctx);
-		if (received == UBUS_RECEIVED_MESSAGE)
-			ubus_process_received(ctx);
-		else if (received == UBUS_RECEIVED_EOF)
-			ubus_lose_connection(ctx);
+	while (!has_ended(req)) {
+		if (!ubus_socket_wait(ctx->sock.fd, end_ms)) {
+			end_request(req, UBUS_STATUS_TIMEOUT);
+			return;
+		}
+		ctx->cancel_poll = false;
+		ubus_serve(ctx);
+		if (ctx->sock.eof && !req->cancelled)
+			end_request(req, UBUS_STATUS_CONNECTION_FAILED);
 	}
-}
-
-/* The result of a request that was waited for; one that has not ended is given up. */
-static int result_of(struct ubus_request *req)
-{
-	list_del_init(&req->list); /* also one that had ended before, and was linked once more */
-	if (req->cancelled)
-		return UBUS_STATUS_NO_DATA;
-	return req->status_msg ? req->status_code : UBUS_STATUS_TIMEOUT;
 }
 
 int ubus_complete_request(struct ubus_context *ctx, struct ubus_request *req, int timeout_ms)
@@ -368,9 +316,10 @@ int ubus_complete_request(struct ubus_context *ctx, struct ubus_request *req, in
 	ctx->cancel_poll = true;
 	--ctx->stack_depth;
 
-	int status = result_of(req);
+	list_del_init(&req->list); /* one that had ended before, and was linked once more */
+	int status = req->cancelled ? UBUS_STATUS_NO_DATA : req->status_code;
 	bool cancelled = req->cancelled;
-	req->complete_cb = NULL;
+	req->complete_cb = complete_cb;
 	if (complete_cb && !cancelled)
 		complete_cb(req, status);
 	ubus_work_off_queue(ctx);
@@ -474,12 +423,29 @@ int ubus_lookup_id(struct ubus_context *ctx, const char *path, uint32_t *id)
 	return lookup(ctx, path, on_id_found, id);
 }
 
+static void on_notification_complete(struct ubus_request *req, int status)
+{
+	(void)status;
+	struct ubus_notify_request *notification = notify_request(req);
+	if (notification->complete_cb)
+		notification->complete_cb(notification, 0, UBUS_STATUS_OK);
+}
+
+static void on_notification_data(struct ubus_request *req, int type, struct blob_attr *data)
+{
+	struct ubus_notify_request *notification = notify_request(req);
+	if (notification->data_cb)
+		notification->data_cb(notification, type, data);
+}
+
 static int send_notification(struct ubus_context *ctx, struct ubus_object *obj, const char *type,
 	struct blob_attr *msg, struct ubus_notify_request *req, bool reply)
 {
 	memset(req, 0, sizeof(*req));
 	ubus_request_init(ctx, &req->req, obj->id);
 	req->req.notify = true;
+	req->req.complete_cb = on_notification_complete;
+	req->req.data_cb = on_notification_data;
 	req->id[0] = obj->id;
 	req->pending = 1;
 
@@ -506,5 +472,7 @@ int ubus_notify(struct ubus_context *ctx, struct ubus_object *obj, const char *t
 	int status = send_notification(ctx, obj, type, msg, &req, timeout >= 0);
 	if (timeout < 0)
 		return UBUS_STATUS_OK;
-	return status == UBUS_STATUS_OK ? ubus_complete_request(ctx, &req.req, timeout) : status;
+	/* A write that failed shows as the lost connection that it is, when the answer is waited for. */
+	return status == UBUS_STATUS_OK || ctx->sock.eof ? ubus_complete_request(ctx, &req.req, timeout)
+							 : status;
 }

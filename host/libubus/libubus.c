@@ -153,30 +153,26 @@ void ubus_process_received(struct ubus_context *ctx)
 	}
 }
 
-void ubus_lose_connection(struct ubus_context *ctx)
-{
-	ctx->sock.eof = true;
-	ubus_fail_requests(ctx);
-	ctx->connection_lost(ctx);
-}
-
 /* The context may be gone when this has met the end of the connection. */
-static void on_readable(struct uloop_fd *sock, unsigned int events)
+void ubus_serve(struct ubus_context *ctx)
 {
-	(void)events;
-	struct ubus_context *ctx = container_of(sock, struct ubus_context, sock);
 	do {
 		ubus_work_off_queue(ctx);
-		enum ubus_received received = ubus_receive(ctx);
-		if (received == UBUS_RECEIVED_EOF) {
-			ubus_lose_connection(ctx);
-			return;
-		}
-		if (received == UBUS_RECEIVED_NOTHING)
+		if (!ubus_receive(ctx))
 			break;
 		ubus_process_received(ctx);
 	} while (!ctx->cancel_poll);
 	ubus_work_off_queue(ctx);
+	if (ctx->sock.eof) {
+		ubus_fail_requests(ctx);
+		ctx->connection_lost(ctx);
+	}
+}
+
+static void on_readable(struct uloop_fd *sock, unsigned int events)
+{
+	(void)events;
+	ubus_serve(container_of(sock, struct ubus_context, sock));
 }
 
 /* Without this the loop would spin on a descriptor that stays readable. */
@@ -204,15 +200,13 @@ static int connect_to(struct ubus_context *ctx, const char *path)
 	return UBUS_STATUS_OK;
 }
 
-/* What came over the connection and was not processed goes with it. */
+/* What came over the connection and was not processed stays in the queue. */
 static void disconnect(struct ubus_context *ctx)
 {
 	uloop_fd_delete(&ctx->sock);
 	if (ctx->sock.fd >= 0)
 		close(ctx->sock.fd);
 	ctx->sock.fd = -1;
-	while (!list_empty(&ctx->pending))
-		release_queued(take_queued(ctx));
 }
 
 struct ubus_context *ubus_connect(const char *path)
@@ -245,6 +239,8 @@ int ubus_reconnect(struct ubus_context *ctx, const char *path)
 void ubus_free(struct ubus_context *ctx)
 {
 	disconnect(ctx);
+	while (!list_empty(&ctx->pending))
+		release_queued(take_queued(ctx));
 	free(ctx->msgbuf.data);
 	free(ctx);
 }

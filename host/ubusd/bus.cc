@@ -2,7 +2,8 @@
 //
 // Who may do what: root may do everything. Anybody else, as no access control file says otherwise, adds no
 // object that has a path, calls none, subscribes to none, sees none that has methods, and has nothing to do
-// with events. Objects without a path are for those who have been told their ids.
+// with events. Objects without a path are for those who have been told their ids; root, too, subscribes to them only
+// where their owner is root, or of root's group.
 #include "bus.h"
 
 #include <algorithm>
@@ -55,7 +56,7 @@ static bool may_call(const identity &who, const object &called)
 static bool may_subscribe(const identity &who, const object &target)
 {
 	const identity &owner = target.owner->who();
-	return who.is_root() || (!target.path && (who.uid == owner.uid || who.gid == owner.gid));
+	return target.path ? who.is_root() : who.uid == owner.uid || who.gid == owner.gid;
 }
 
 // ---------------------------------------------------------------------------------------------------------
@@ -157,6 +158,12 @@ void bus::handle(client &from, const frame &request)
 	int status = handle_request ? (this->*handle_request)(from, request) : UBUS_STATUS_INVALID_COMMAND;
 	if (status != no_answer)
 		send_status(from, request.seq, request.peer, status);
+}
+
+// The bus's own objects are everybody's to call, and nobody's to do anything else with.
+static bool is_system_object(uint32_t id)
+{
+	return id >= UBUS_SYSTEM_OBJECT_EVENT && id <= UBUS_SYSTEM_OBJECT_MONITOR;
 }
 
 object *bus::find_object(uint32_t id) const
@@ -326,7 +333,8 @@ static bool end_subscription(object *subscriber, object *target)
 // ---------------------------------------------------------------------------------------------------------
 // Adding and removing objects.
 
-// A signature is a sequence of named tables, one for each method: their number, or -1 for anything else.
+// A signature is a sequence of named values, one for each method: their number, or -1 for anything else. They
+// should be tables, and nobody looks.
 static int method_count(const blob_attr *signature)
 {
 	int count = 0;
@@ -334,7 +342,7 @@ static int method_count(const blob_attr *signature)
 	size_t rest;
 	blob_for_each_attr(method, signature, rest)
 	{
-		if (!blobmsg_check_attr(method, true) || blob_id(method) != BLOBMSG_TYPE_TABLE)
+		if (!blobmsg_check_attr(method, true))
 			return -1;
 		++count;
 	}
@@ -424,15 +432,21 @@ const object &bus::place_object(std::unique_ptr<object> added)
 	return *placed;
 }
 
+int bus::find_own_object(const client &from, uint32_t id, object **found) const
+{
+	*found = find_object(id);
+	if (!*found && !is_system_object(id))
+		return UBUS_STATUS_NOT_FOUND;
+	return *found && (*found)->owner == &from ? UBUS_STATUS_OK : UBUS_STATUS_PERMISSION_DENIED;
+}
+
 int bus::remove_object(client &from, const frame &request)
 {
 	if (!request.has(UBUS_ATTR_OBJID))
 		return UBUS_STATUS_INVALID_ARGUMENT;
-	object *gone = find_object(request.number(UBUS_ATTR_OBJID));
-	if (!gone)
-		return UBUS_STATUS_NOT_FOUND;
-	if (gone->owner != &from)
-		return UBUS_STATUS_PERMISSION_DENIED;
+	object *gone;
+	if (int status = find_own_object(from, request.number(UBUS_ATTR_OBJID), &gone))
+		return status;
 	message answer;
 	answer.put_number(UBUS_ATTR_OBJID, gone->id);
 	if (gone->type && gone->type->object_count == 1)
@@ -471,10 +485,8 @@ int bus::find_subscriber(const client &from, const frame &request, object **subs
 {
 	if (!request.has(UBUS_ATTR_OBJID) || !request.has(UBUS_ATTR_TARGET))
 		return UBUS_STATUS_INVALID_ARGUMENT;
-	*subscriber = find_object(request.number(UBUS_ATTR_OBJID));
-	if (!*subscriber)
-		return UBUS_STATUS_NOT_FOUND;
-	return (*subscriber)->owner == &from ? UBUS_STATUS_OK : UBUS_STATUS_INVALID_ARGUMENT;
+	int status = find_own_object(from, request.number(UBUS_ATTR_OBJID), subscriber);
+	return status == UBUS_STATUS_PERMISSION_DENIED ? UBUS_STATUS_INVALID_ARGUMENT : status;
 }
 
 int bus::subscribe(client &from, const frame &request)
@@ -521,8 +533,6 @@ static bool wants_no_reply(const frame &request)
 // to say.
 static size_t put_call(message *call, const identity &caller, const frame &request)
 {
-	if (wants_no_reply(request))
-		call->put_flag(UBUS_ATTR_NO_REPLY, true);
 	size_t place = call->put_number_to_set(UBUS_ATTR_OBJID);
 	call->put_text(UBUS_ATTR_METHOD, request.text(UBUS_ATTR_METHOD));
 	call->put_text(UBUS_ATTR_USER, caller.user.c_str());
@@ -538,7 +548,7 @@ int bus::invoke(client &from, const frame &request)
 	uint32_t id = request.number(UBUS_ATTR_OBJID);
 	if (id == UBUS_SYSTEM_OBJECT_EVENT)
 		return event_request(from, request);
-	if (id == UBUS_SYSTEM_OBJECT_ACL || id == UBUS_SYSTEM_OBJECT_MONITOR)
+	if (is_system_object(id))
 		return UBUS_STATUS_NOT_SUPPORTED; // this bus has neither
 	object *called = find_object(id);
 	if (!called)
@@ -554,7 +564,7 @@ int bus::invoke(client &from, const frame &request)
 }
 
 // Whose statuses the sender of a notification may wait for, the latest subscription first.
-static void send_subscribers(client &to, uint16_t seq, const object &source)
+static void send_subscribers(client &to, uint16_t seq, uint32_t peer, const object &source)
 {
 	message list;
 	list.put_number(UBUS_ATTR_OBJID, source.id);
@@ -563,24 +573,24 @@ static void send_subscribers(client &to, uint16_t seq, const object &source)
 		list.put_number(0, source.subscribers[index]->id);
 	list.nest_end(cookie);
 	list.put_number(UBUS_ATTR_STATUS, UBUS_STATUS_OK);
-	to.send(UBUS_MSG_STATUS, seq, source.id, list);
+	to.send(UBUS_MSG_STATUS, seq, peer, list);
 }
 
 int bus::notify(client &from, const frame &request)
 {
 	if (!request.has(UBUS_ATTR_METHOD) || !request.has(UBUS_ATTR_OBJID))
 		return UBUS_STATUS_INVALID_ARGUMENT;
-	object *source = find_object(request.number(UBUS_ATTR_OBJID));
-	if (!source)
-		return UBUS_STATUS_NOT_FOUND;
-	if (source->owner != &from)
-		return UBUS_STATUS_PERMISSION_DENIED;
+	object *source;
+	if (int status = find_own_object(from, request.number(UBUS_ATTR_OBJID), &source))
+		return status;
 	message call;
+	if (wants_no_reply(request))
+		call.put_flag(UBUS_ATTR_NO_REPLY, true);
 	size_t place = put_call(&call, from.who(), request);
 	if (!call.body())
 		return UBUS_STATUS_NO_MEMORY;
 	if (!wants_no_reply(request))
-		send_subscribers(from, request.seq, *source);
+		send_subscribers(from, request.seq, request.peer, *source);
 	for (size_t index = source->subscribers.size(); index-- > 0;) {
 		const object *subscriber = source->subscribers[index];
 		call.set_number(place, subscriber->id);

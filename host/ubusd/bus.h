@@ -94,6 +94,7 @@ class bus
 	void drop_type(object_type *type);
 	const object &place_object(std::unique_ptr<object> added);
 	void remove(object *gone);
+	int find_own_object(const client &from, uint32_t id, object **found) const;
 	int find_subscriber(const client &from, const frame &request, object **subscriber) const;
 
 	// events.cc

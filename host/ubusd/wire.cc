@@ -39,27 +39,29 @@ void byte_queue::align()
 	start_ = 0;
 }
 
-// The types of the attributes that requests are made of. For the others any payload will do.
-static constexpr blob_attr_info info_of(unsigned type)
+// The types of the attributes that requests are made of. For the others any payload will do, some only if it is one.
+static constexpr blob_attr_info info_of(unsigned type, unsigned bytes_min = 0)
 {
-	return {type, 0, 0, nullptr};
+	return {type, bytes_min, 0, nullptr};
 }
+
+static constexpr unsigned bytes_with_payload = sizeof(blob_attr) + 1;
 
 static constexpr blob_attr_info attribute_info[UBUS_ATTR_MAX] = {
 	info_of(BLOB_ATTR_UNSPEC),
-	info_of(BLOB_ATTR_INT32),  // STATUS
-	info_of(BLOB_ATTR_STRING), // OBJPATH
-	info_of(BLOB_ATTR_INT32),  // OBJID
-	info_of(BLOB_ATTR_STRING), // METHOD
-	info_of(BLOB_ATTR_INT32),  // OBJTYPE
-	info_of(BLOB_ATTR_NESTED), // SIGNATURE
-	info_of(BLOB_ATTR_NESTED), // DATA
-	info_of(BLOB_ATTR_INT32),  // TARGET
-	info_of(BLOB_ATTR_INT8),   // ACTIVE
-	info_of(BLOB_ATTR_INT8),   // NO_REPLY
-	info_of(BLOB_ATTR_NESTED), // SUBSCRIBERS
-	info_of(BLOB_ATTR_STRING), // USER
-	info_of(BLOB_ATTR_STRING), // GROUP
+	info_of(BLOB_ATTR_INT32),                      // STATUS
+	info_of(BLOB_ATTR_STRING),                     // OBJPATH
+	info_of(BLOB_ATTR_INT32),                      // OBJID
+	info_of(BLOB_ATTR_STRING),                     // METHOD
+	info_of(BLOB_ATTR_INT32),                      // OBJTYPE
+	info_of(BLOB_ATTR_NESTED),                     // SIGNATURE
+	info_of(BLOB_ATTR_NESTED),                     // DATA
+	info_of(BLOB_ATTR_UNSPEC, bytes_with_payload), // TARGET
+	info_of(BLOB_ATTR_UNSPEC),                     // ACTIVE
+	info_of(BLOB_ATTR_UNSPEC, bytes_with_payload), // NO_REPLY
+	info_of(BLOB_ATTR_NESTED),                     // SUBSCRIBERS
+	info_of(BLOB_ATTR_STRING),                     // USER
+	info_of(BLOB_ATTR_STRING),                     // GROUP
 };
 
 framing frame_parse(byte_queue *bytes, frame *result)
@@ -83,10 +85,6 @@ framing frame_parse(byte_queue *bytes, frame *result)
 	result->peer = be32_to_cpu(header.peer);
 	result->body = body;
 	blob_parse_untrusted(body, blob_raw_len(body), result->attributes, attribute_info, UBUS_ATTR_MAX);
-	// A message's attributes have no names.
-	for (blob_attr *&attribute : result->attributes)
-		if (attribute && blob_is_extended(attribute))
-			attribute = nullptr;
 	return framing::complete;
 }
 

@@ -2,7 +2,7 @@
 //
 // A message is a header of eight bytes (version, type, sequence number, peer) and one blob whose children are
 // the message's attributes. Parsing never looks beyond the blob's own length, and an attribute that does not
-// fit its type counts as missing, so nobody behind this file meets a malformed one.
+// fit its type counts as missing, so nobody after this file meets a malformed one.
 #pragma once
 #include <stddef.h>
 #include <stdint.h>
@@ -14,6 +14,8 @@
 #include <vector>
 
 #include <libubus.h> // for its constants and, with C linkage, libubox; the client library itself is not used
+
+#include "../limits.h"
 
 namespace ubusd
 {
@@ -47,7 +49,7 @@ struct frame {
 	blob_attr *attributes[UBUS_ATTR_MAX] = {};
 
 	bool has(int id) const { return attributes[id] != nullptr; }
-	// These three are for attributes that are there.
+	// These three are for attributes that are there. A number that is too short goes on in its padding.
 	uint32_t number(int id) const { return blob_get_u32(attributes[id]); }
 	const char *text(int id) const { return blob_get_string(attributes[id]); }
 	bool flag(int id) const { return blob_get_u8(attributes[id]) != 0; }
