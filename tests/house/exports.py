@@ -40,7 +40,7 @@ def names_in_headers(headers, include, system_includes, compiler):
         source = pathlib.Path(scratch, "headers.c")
         prototypes = pathlib.Path(scratch, "prototypes")
         source.write_text(program)
-        flags = ["-std=c11", f"-I{include}", *(f"-isystem{folder}" for folder in system_includes)]
+        flags = ["-std=c11", "-D_DEFAULT_SOURCE", f"-I{include}", *(f"-isystem{folder}" for folder in system_includes)]
         house.run(
             [compiler, *flags, "-fsyntax-only", "-aux-info", prototypes, source],
             "the public headers do not compile together",
