@@ -12,7 +12,7 @@ import sys
 import time
 
 EMULATOR = "qemu-system-mipsel"
-PATIENCE_S = 300  # many times what anything takes, on a machine that is busy with other things
+PATIENCE_S = 900  # many times what anything takes, on a machine that is busy with other things
 BLOCK_BYTES = 65536  # what the flash memory erases at once
 EEPROM_BYTES = BLOCK_BYTES
 ROOTFS_DATA_BYTES = 128 * BLOCK_BYTES
@@ -44,11 +44,17 @@ def image_option(path):
     return "file=" + path.replace(",", ",,")
 
 
+def has_tests(top):
+    """Whether there are test programs for the board: of the message bus, which then is the real one."""
+    return os.path.exists(f"{top}/tests.squashfs")
+
+
 def command_line(top, folder, with_rootfs_data=True):
     """The emulator's, but for its console. Flash memory is images in `folder`, and the root's in `top`."""
     disks = [("EEPROM", f"{image_option(f'{folder}/EEPROM')},cache=unsafe")]
     disks += [("rootfs", f"{image_option(f'{top}/root.squashfs')},snapshot=on")]  # so it is never written to
     disks += [("rootfs_data", f"{image_option(f'{folder}/rootfs_data')},cache=unsafe")] if with_rootfs_data else []
+    disks += [("tests", f"{image_option(f'{top}/tests.squashfs')},snapshot=on")] if has_tests(top) else []
     words = [EMULATOR, "-M", "malta", "-cpu", "24Kc", "-m", "128", "-no-reboot"]
     words += ["-vga", "none", "-display", "none"]
     words += ["-kernel", f"{top}/kernel", "-initrd", f"{top}/first.cpio.gz"]
@@ -57,7 +63,8 @@ def command_line(top, folder, with_rootfs_data=True):
         words += ["-drive", f"if=none,id={name},format=raw,{image}"]
         words += ["-device", f"virtio-blk-pci,drive={name},serial={name}"]
     words += ["-netdev", f"user,id=net,hostfwd=tcp:127.0.0.1:0-:{PORT}"]  # to a port that is free
-    words += ["-device", "virtio-net-pci,netdev=net,mac=02:00:5e:00:00:10,romfile="]
+    # In the slot of the board's own network card: besides that, four slots have interrupts.
+    words += ["-device", "virtio-net-pci,netdev=net,mac=02:00:5e:00:00:10,romfile=,addr=0b"]
     return words
 
 
