@@ -2,9 +2,9 @@
 
 packages_build="g++ cmake ninja-build pkg-config libjansson-dev libnftnl-dev libmnl-dev libmbedtls-dev"
 packages_demo="$packages_build curl nftables iproute2 busybox-static"
-packages_test="$packages_build libgtest-dev libgmock-dev make autoconf automake libtool dpkg-dev curl python3
-	clang-14 clang-format-14 clang-tidy-14 musl-dev valgrind g++-mips-linux-gnu g++-mipsel-linux-gnu nftables iproute2
-	busybox-static chromium chromium-driver haproxy nginx-light nodejs openssl"
+packages_test="$packages_build libgtest-dev libgmock-dev make autoconf automake libtool dpkg-dev ca-certificates git curl
+	python3 libjson-c-dev clang-14 clang-format-14 clang-tidy-14 musl-dev valgrind g++-mips-linux-gnu
+	g++-mipsel-linux-gnu nftables iproute2 busybox-static chromium chromium-driver haproxy nginx-light nodejs openssl"
 packages_target="qemu-user qemu-system-mips curl wrk python3"
 packages_bench="$packages_build python3 libbenchmark-dev libevent-dev libglib2.0-dev nginx-light wrk valgrind strace
 	nftables"
