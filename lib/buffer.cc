@@ -9,13 +9,9 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "internal/buffer-internal.h"
-#include "internal/layout.h"
+#include "internal/buffer.h"
+#include "internal/decimal.h"
 #include "log.h"
-
-LAYOUT_FIELD(buffer, size, 4);
-LAYOUT_FIELD(buffer, length, 8);
-LAYOUT_SIZE(buffer, 12);
 
 static constexpr int32_t DEFAULT_SIZE = 512;
 static constexpr int32_t GROWTH_SPARE = 128; // bytes added beyond what a write asks for

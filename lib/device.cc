@@ -9,30 +9,10 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "internal/layout.h"
 #include "internal/owned.h"
 #include "internal/path.h"
 #include "log.h"
 #include "net.h"
-
-LAYOUT_FIELD(device_switch, cpu, 4);
-LAYOUT_FIELD(device_switch, cpu_lan, 8);
-LAYOUT_FIELD(device_switch, wan, 12);
-LAYOUT_FIELD(device_switch, lan, 16);
-LAYOUT_SIZE(device_switch, 20);
-LAYOUT_FIELD(device, vendor, 4);
-LAYOUT_FIELD(device, name, 8);
-LAYOUT_FIELD(device, sw, 12);
-LAYOUT_FIELD(device, wan_iface, 16);
-LAYOUT_FIELD(device, lan_iface, 20);
-LAYOUT_FIELD(device, radio1_phy, 24);
-LAYOUT_FIELD(device, radio1_mode, 28);
-LAYOUT_FIELD(device, radio2_phy, 32);
-LAYOUT_FIELD(device, radio2_mode, 36);
-LAYOUT_FIELD(device, led_set, 40);
-LAYOUT_FIELD(device, init, 44);
-LAYOUT_FIELD(device, post_upgrade, 48);
-LAYOUT_SIZE(device, 52);
 
 constinit static const device *current;
 

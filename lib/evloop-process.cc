@@ -9,14 +9,7 @@
 #include <sys/wait.h>
 
 #include "internal/intrusive.h"
-#include "internal/layout.h"
 #include "log.h"
-
-LAYOUT_FIELD(evloop_process, prev, 4);
-LAYOUT_FIELD(evloop_process, pending, 8);
-LAYOUT_FIELD(evloop_process, pid, 12);
-LAYOUT_FIELD(evloop_process, cb, 16);
-LAYOUT_SIZE(evloop_process, 20);
 
 constinit static ring<evloop_process> processes;
 

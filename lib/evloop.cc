@@ -15,23 +15,11 @@
 #include <syslog.h>
 
 #include "evloop-process.h"
-#include "internal/evloop-internal.h"
+#include "internal/arithmetic.h"
+#include "internal/evloop.h"
 #include "internal/intrusive.h"
-#include "internal/layout.h"
-#include "internal/time-internal.h"
-#include "internal/units.h"
-#include "internal/wrap.h"
 #include "log.h"
 #include "time.h"
-
-LAYOUT_FIELD(evloop_io, fd, 4);
-LAYOUT_FIELD(evloop_io, flags, 9);
-LAYOUT_SIZE(evloop_io, 12);
-LAYOUT_FIELD(evloop_timeout, prev, 4);
-LAYOUT_FIELD(evloop_timeout, pending, 8);
-LAYOUT_FIELD(evloop_timeout, cb, 12);
-LAYOUT_FIELD(evloop_timeout, expires, 16);
-LAYOUT_SIZE(evloop_timeout, 24);
 
 static constexpr int EPOLL_SIZE_HINT = 32;
 static constexpr int32_t IDLE_WAIT_MS = 500; // the pace at which children are noticed when no timeout is set

@@ -8,22 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "internal/htable-internal.h"
-#include "internal/layout.h"
-
-LAYOUT_FIELD(htable, prime_mod, 4);
-LAYOUT_FIELD(htable, mask, 8);
-LAYOUT_FIELD(htable, live_count, 12);
-LAYOUT_FIELD(htable, used_count, 16);
-LAYOUT_FIELD(htable, hashes, 20);
-LAYOUT_FIELD(htable, keys, 24);
-LAYOUT_FIELD(htable, values, 28);
-LAYOUT_FIELD(htable, hash_fn, 32);
-LAYOUT_FIELD(htable, equal_fn, 36);
-LAYOUT_FIELD(htable, refcount, 40);
-LAYOUT_FIELD(htable, key_free_fn, 44);
-LAYOUT_FIELD(htable, value_free_fn, 48);
-LAYOUT_SIZE(htable, 52);
+#include "internal/htable.h"
 
 static constexpr uint32_t FNV_32_PRIME = 16777619;
 

@@ -24,46 +24,13 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include "internal/buffer-internal.h"
-#include "internal/evloop-internal.h"
-#include "internal/htable-internal.h"
+#include "internal/buffer.h"
+#include "internal/decimal.h"
+#include "internal/evloop.h"
+#include "internal/htable.h"
 #include "internal/intrusive.h"
-#include "internal/layout.h"
-#include "internal/stream-internal.h"
+#include "internal/stream.h"
 #include "log.h"
-
-LAYOUT_FIELD(httpd_link, prev, 4);
-LAYOUT_SIZE(httpd_link, 8);
-LAYOUT_FIELD(httpd_ctx, connections, 4);
-LAYOUT_SIZE(httpd_ctx, 12);
-LAYOUT_FIELD(httpd_conn, stream, 8);
-LAYOUT_FIELD(httpd_conn, node, 104);
-LAYOUT_FIELD(httpd_conn, idle_timer, 112);
-LAYOUT_FIELD(httpd_conn, version, 136);
-LAYOUT_FIELD(httpd_conn, method, 140);
-LAYOUT_FIELD(httpd_conn, target, 144);
-LAYOUT_FIELD(httpd_conn, target_len, 148);
-LAYOUT_FIELD(httpd_conn, host, 152);
-LAYOUT_FIELD(httpd_conn, host_len, 156);
-LAYOUT_FIELD(httpd_conn, path, 160);
-LAYOUT_FIELD(httpd_conn, path_len, 164);
-LAYOUT_FIELD(httpd_conn, query, 168);
-LAYOUT_FIELD(httpd_conn, query_len, 172);
-LAYOUT_FIELD(httpd_conn, head_start, 176);
-LAYOUT_FIELD(httpd_conn, head_end, 180);
-LAYOUT_FIELD(httpd_conn, head_len, 184);
-LAYOUT_FIELD(httpd_conn, body, 188);
-LAYOUT_FIELD(httpd_conn, body_len, 192);
-LAYOUT_FIELD(httpd_conn, arg, 196);
-LAYOUT_FIELD(httpd_conn, flags, 200);
-LAYOUT_FIELD(httpd_conn, decoded_path, 204);
-LAYOUT_FIELD(httpd_conn, close_requested, 208);
-LAYOUT_FIELD(httpd_conn, content_length, 212);
-LAYOUT_FIELD(httpd_conn, state, 216);
-LAYOUT_FIELD(httpd_conn, headers, 220);
-LAYOUT_FIELD(httpd_conn, res_head, 224);
-LAYOUT_FIELD(httpd_conn, res_body, 228);
-LAYOUT_SIZE(httpd_conn, 232);
 
 static constexpr int64_t IDLE_MS = 60000;        // without a byte from the peer
 static constexpr int64_t DRAIN_STALL_MS = 60000; // without a byte of the last answer taken by the peer

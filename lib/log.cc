@@ -14,14 +14,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include "internal/layout.h"
 #include "time.h"
-
-LAYOUT_FIELD(ratelimit_state, burst, 4);
-LAYOUT_FIELD(ratelimit_state, printed, 8);
-LAYOUT_FIELD(ratelimit_state, missed, 12);
-LAYOUT_FIELD(ratelimit_state, begin, 16);
-LAYOUT_SIZE(ratelimit_state, 24);
 
 static constexpr char KMSG_PATH[] = "/dev/kmsg";
 static constexpr char STATUS_PATH[] = "/proc/self/status";

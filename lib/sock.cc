@@ -11,24 +11,11 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include "internal/evloop-internal.h"
+#include "internal/evloop.h"
 #include "internal/intrusive.h"
-#include "internal/layout.h"
 #include "internal/nonblocking.h"
 #include "internal/owned.h"
 #include "log.h"
-
-LAYOUT_FIELD(sock, accept_cb, 12);
-LAYOUT_FIELD(sock, user, 16);
-LAYOUT_FIELD(sock, flags, 20);
-LAYOUT_SIZE(sock, 24);
-
-LAYOUT_FIELD(stable_connection, on_connected, 4);
-LAYOUT_FIELD(stable_connection, connected, 8);
-LAYOUT_FIELD(stable_connection, retry_pending, 9);
-LAYOUT_FIELD(stable_connection, timer, 16);
-LAYOUT_FIELD(stable_connection, retry_delay, 40);
-LAYOUT_SIZE(stable_connection, 48);
 
 // What one attempt needs besides the address.
 struct attempt {

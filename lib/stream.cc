@@ -12,24 +12,11 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "internal/buffer-internal.h"
-#include "internal/evloop-internal.h"
+#include "internal/buffer.h"
+#include "internal/evloop.h"
 #include "internal/intrusive.h"
-#include "internal/layout.h"
 #include "internal/nonblocking.h"
-#include "internal/stream-internal.h"
-
-LAYOUT_FIELD(stream, state_timer, 16);
-LAYOUT_FIELD(stream, read_timer, 40);
-LAYOUT_FIELD(stream, tx, 64);
-LAYOUT_FIELD(stream, rx, 68);
-LAYOUT_FIELD(stream, state, 72);
-LAYOUT_FIELD(stream, read, 76);
-LAYOUT_FIELD(stream, write, 80);
-LAYOUT_FIELD(stream, notify_read, 84);
-LAYOUT_FIELD(stream, notify_state, 88);
-LAYOUT_FIELD(stream, notify_write, 92);
-LAYOUT_SIZE(stream, 96);
+#include "internal/stream.h"
 
 static constexpr int32_t TX_SIZE = 256; // bytes at first
 static constexpr int32_t RX_SIZE = 512;

@@ -3,9 +3,7 @@
 
 #include "time.h"
 
-#include "internal/time-internal.h"
-#include "internal/units.h"
-#include "internal/wrap.h"
+#include "internal/arithmetic.h"
 
 int64_t time_from_timespec(const struct timespec *time)
 {

@@ -20,25 +20,7 @@
 #include <sys/stat.h>
 
 #include "internal/intrusive.h"
-#include "internal/layout.h"
 #include "log.h"
-
-LAYOUT_FIELD(ubus_retry_request, method, 4);
-LAYOUT_FIELD(ubus_retry_request, object, 36);
-LAYOUT_FIELD(ubus_retry_request, prepare_cb, 68);
-LAYOUT_FIELD(ubus_retry_request, data_cb, 72);
-LAYOUT_FIELD(ubus_retry_request, req, 76);
-LAYOUT_FIELD(ubus_retry_request, buf, 136);
-LAYOUT_FIELD(ubus_retry_request, retry_timer, 152);
-LAYOUT_FIELD(ubus_retry_request, reply_timer, 176);
-LAYOUT_FIELD(ubus_retry_request, pending, 200);
-LAYOUT_SIZE(ubus_retry_request, 208);
-
-LAYOUT_FIELD(ubus_subscription, subscriber, 4);
-LAYOUT_FIELD(ubus_subscription, retry, 88);
-LAYOUT_FIELD(ubus_subscription, path, 112);
-LAYOUT_FIELD(ubus_subscription, subscribed_cb, 144);
-LAYOUT_SIZE(ubus_subscription, 152);
 
 // ---- What all of them need ----
 

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "lib/caldata.h"
-#include "lib/internal/layout.h"
+#include "lib/internal/abi.h"
 #include "lib/sock.h"
 #include "lib/ubus.h"
 #include "tests/board_support.h"
@@ -11,7 +11,7 @@
 
 using namespace board_support;
 
-static_assert(layout_is_targets, "the records' layout is asserted for this machine");
+static_assert(abi_is_targets, "the records' layout is asserted for this machine");
 static_assert(EOPNOTSUPP == 122 && ETIMEDOUT == 145 && EINPROGRESS == 150);
 
 namespace

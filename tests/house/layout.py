@@ -1,5 +1,5 @@
-"""Looks whether the modules assert the layout of every public record, compiles them for a 32-bit target, so that the
-assertions are checked, and looks where the `registered` bit of struct evloop_io lies in an object file of that
+"""Looks whether lib/internal/abi.cc asserts the layout of every public record, compiles it and the modules for a 32-bit
+target, so that the assertions are checked, and looks where the `registered` bit of struct evloop_io lies in an object file of that
 target."""
 
 import argparse
@@ -41,9 +41,9 @@ def members(body):
 
 def check_completeness():
     """The size of every public record is asserted, and the place of every member but the first."""
-    sources = "".join(module.read_text() for module in (tree / "lib").glob("*.cc"))
-    sized = set(re.findall(r"^LAYOUT_SIZE\((\w+), \d+\);", sources, re.MULTILINE))
-    placed = set(re.findall(r"^LAYOUT_FIELD\((\w+), (\w+), \d+\);", sources, re.MULTILINE))
+    assertions = (tree / "lib/internal/abi.cc").read_text()
+    sized = set(re.findall(r"^LAYOUT_SIZE\((\w+), \d+\);", assertions, re.MULTILINE))
+    placed = set(re.findall(r"^LAYOUT_FIELD\((\w+), (\w+), \d+\);", assertions, re.MULTILINE))
     headers = "".join(header.read_text() for header in (tree / "lib").glob("*.h"))
     records = re.findall(r"^struct (\w+) \{\n(.*?)^\}", headers, re.MULTILINE | re.DOTALL)
     if not records:
@@ -59,11 +59,10 @@ def check_completeness():
 def check_asserts():
     """The assertions hold, and they are looked at: one that is false does not compile."""
     probe = scratch / "probe.cc"
-    layout = '#include "lib/internal/layout.h"\n#include "lib/evloop.h"\nstatic_assert(layout_is_targets);\n'
-    probe.write_text(f"{layout}LAYOUT_SIZE(evloop_io, 12);\nLAYOUT_FIELD(evloop_io, fd, 4);\n")
+    probe.write_text('#include "lib/internal/abi.cc"\nstatic_assert(abi_is_targets);\n')
     house.run([*compile_cxx, probe], "the layout of a 32-bit target is not what the assertions count on")
     for wrong in ("LAYOUT_SIZE(evloop_io, 13);", "LAYOUT_FIELD(evloop_io, fd, 8);"):
-        probe.write_text(f"{layout}{wrong}\n")
+        probe.write_text(f'#include "lib/internal/abi.cc"\n{wrong}\n')
         if house.attempt([*compile_cxx, probe]).returncode == 0:
             house.fail(f"an assertion that is false compiles: {wrong}")
 
