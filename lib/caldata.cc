@@ -266,7 +266,7 @@ static int make_copy(
 		return 0;
 	}
 	int error = copy_slice(device.get(), copy.get(), offset, length);
-	device.take(-1);
+	device.reset();
 	// The file appears, too, if only the address could not be written: compatibility, copy without address
 	int mac_error = !error && mac ? write_mac(p.unfinished, path, mac) : 0;
 	if (!error)

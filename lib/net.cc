@@ -67,7 +67,7 @@ static owned_text first_line(FILE *file)
 	ssize_t length = getline(&line, &size, file);
 	owned_text text{line};
 	if (length < 0)
-		text.take(nullptr);
+		text.reset();
 	else if (line[length - 1] == '\n')
 		line[length - 1] = '\0';
 	return text;

@@ -18,7 +18,7 @@ public:
 		take(from.give());
 		return *this;
 	}
-	[[gnu::always_inline]] ~owned() { take(none); } // so that a guard lives in a register
+	[[gnu::always_inline]] ~owned() { reset(); } // inline, so that a guard lives in a register
 	bool ok() const { return value_ != none; }
 	T get() const { return value_; }
 	[[nodiscard]] T give()
@@ -27,16 +27,16 @@ public:
 		value_ = none;
 		return value;
 	}
-	[[gnu::always_inline]] void take(T value) // drops what it had
+	[[gnu::always_inline]] void take(T value) // drops the former value
 	{
 		if (ok())
 			drop(value_);
 		value_ = value;
 	}
+	[[gnu::always_inline]] void reset() { take(none); }
 };
 
-// What is dropped tells nobody whether that worked: errno survives for the caller. Releasing memory keeps it
-// anyway.
+// Drops a value and keeps errno, which the caller may still need. free() keeps it by itself.
 template <typename T, auto drop>
 void quietly(T value)
 {
