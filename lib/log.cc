@@ -14,6 +14,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include "internal/invariant.h"
 #include "time.h"
 
 static constexpr char KMSG_PATH[] = "/dev/kmsg";
@@ -138,6 +139,12 @@ static const char *fatal_name()
 void assert_failure(const char *location, const char *function, const char *expression)
 {
 	_log(LOG_ERR, "%s: %s: assertion %s failed in %s()\n", fatal_name(), location, expression, function);
+	abort();
+}
+
+void invariant_failure(const char *file, int line)
+{
+	_log(LOG_ERR, "%s: %s:%d: invariant broken\n", fatal_name(), file, line);
 	abort();
 }
 
