@@ -1,13 +1,12 @@
 /*
  * evloop - descriptors, timeouts and child processes of a single-threaded daemon.
  *
- * One loop a process. Each pass runs every due timeout, reaps exited children (evloop-process.h),
- * and then dispatches at most one ready descriptor: however busy the descriptors are, timeouts and
- * children are looked after between any two of their callbacks.
+ * One loop a process. Each pass runs every due timeout, reaps exited children (evloop-process.h), and then
+ * dispatches at most one ready descriptor: timeouts and children wait for one callback at most.
  *
- * Every call is made on the loop's thread, from callbacks too; none is safe in a signal handler
- * (watch a signalfd). Records belong to the caller, who embeds them in records of their own and
- * finds those again from the address a callback is given. Nothing is allocated here.
+ * Every call is made on the loop's thread, from callbacks too; none is safe in a signal handler (watch a
+ * signalfd). Records are the caller's, who embeds them in records of its own and finds those again from the
+ * address that a callback is given. Nothing is allocated.
  */
 #pragma once
 #include <stdint.h>
@@ -21,22 +20,20 @@ extern "C" {
 #define EVLOOP_READ  1
 #define EVLOOP_WRITE 2
 
-/* Descriptors fetched by one wait; the rest stay in the kernel until the next. */
+/* Events that one wait fetches, a batch; the rest stay in the kernel until the next. */
 #define EVLOOP_MAX_EVENTS 10
 
 /*
- * Watches one descriptor; start from zero bytes, set `cb` and `fd`.
- * While registered the loop holds its address: before its descriptor is closed, or its memory moved
- * or released, call evloop_io_delete.
+ * Watches one descriptor; start from zero bytes. While it is registered the loop holds its address: call
+ * evloop_io_delete before the descriptor is closed, or the record moved or released.
  *
- * The loop is level-triggered: `cb` is called as long as the descriptor is ready. An error or a
- * hang-up is reported as EVLOOP_READ and EVLOOP_WRITE together, whatever was asked for, so that the
- * next read or write meets it. `cb` may add and delete any watcher, its own included, and release its
- * own record after deleting it; for the record of another see evloop_io_delete.
+ * The loop is level-triggered. An error or a hang-up is reported as both events, whatever was asked for, so
+ * that the next read or write meets it. `cb` may add and delete any watcher, and release its own record
+ * after deleting it; for other records see evloop_io_delete.
  */
 struct evloop_io {
-	void (*cb)(struct evloop_io *io, unsigned int events);
-	int32_t fd;
+	void (*cb)(struct evloop_io *io, unsigned int events); /* the caller's */
+	int32_t fd;                                            /* the caller's */
 #if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ /* the most significant bit of its byte, on either byte order */
 	uint8_t registered : 1;            /* the loop's: the descriptor is in the epoll set */
 	uint8_t reserved : 7;
@@ -48,8 +45,8 @@ struct evloop_io {
 };
 
 /*
- * A one-shot timer, embedded in the record it serves; start from zero bytes and set `cb`.
- * While `pending` the loop links to it, sorted: do not move, copy or release it, or change `expires`.
+ * A one-shot timer; start from zero bytes and set `cb`. While `pending` the loop links to it, sorted: do
+ * not move, copy or release it, or change `expires`.
  */
 struct evloop_timeout {
 	struct evloop_timeout *next, *prev;         /* the loop's; null while not pending */
@@ -59,110 +56,111 @@ struct evloop_timeout {
 };
 
 /*
- * Creates the epoll descriptor (closed on exec) unless there is one. Returns 0, or -1 with errno
- * set; the next call tries again. The two are the same.
+ * Creates the epoll descriptor, closed on exec, unless there is one. The two are the same.
  *
  * Call it before anything that watches a descriptor: evloop_io_add, sock_listen, streams, connections of the
- * HTTP server. Without it none of them is watched, which most do not report, and evloop_run logs an error
- * a pass, without a pause. Timeouts and child processes need it only to run.
+ * HTTP server. Without it nothing is watched, mostly without an error, and evloop_run logs an error a pass,
+ * without a pause. Timeouts and child processes need it only to run.
+ *
+ * Returns:   0.
+ * Errors:    -1 with errno set; the next call tries again.
  */
 int evloop_init(void) __attribute__((warn_unused_result));
 int evloop_io_init(void) __attribute__((warn_unused_result));
 
 /*
- * Watches `io->fd` for `flags` (EVLOOP_READ, EVLOOP_WRITE; 0 keeps it in the set, reporting only
- * errors and hang-ups), or changes what a registered watcher asks for.
+ * Watches `io->fd` for `flags` (EVLOOP_READ, EVLOOP_WRITE; 0: errors and hang-ups only), or changes what a
+ * registered watcher asks for.
  *
- * Returns: 0; -EINVAL if `io->cb` is null, and nothing has changed; -1 with errno set, not a
- *          negated errno, if the kernel refuses. `io->flags` then holds the new value.
+ * Returns:   0.
+ * Errors:    -EINVAL: `io->cb` is null, nothing has changed; -1 with errno set: the kernel refuses, and
+ *            `io->flags` is changed all the same.
  */
 int evloop_io_add(struct evloop_io *io, unsigned int flags);
 
 /*
- * Stops watching. An event of the descriptor, or of this record if its `fd` was changed since, may have
- * been fetched and wait for its turn. It is dropped if its place in the batch is below the number of
- * events that still wait. Once part of a batch has been dispatched, events towards its end may still
- * reach `io->cb` after this call. So where a callback deletes
- * the watcher of another descriptor, set `cb` to null to have it left alone, and keep the record for
- * EVLOOP_MAX_EVENTS further passes, after which the batch is over (evloop_run returning does not end it).
+ * Stops watching. Delete before closing the descriptor, and only what was added: the kernel goes by the
+ * number, which may be another watcher's.
+ *
+ * Events of this record or descriptor that wait in the batch are dropped, but one near the end of the batch
+ * may still reach `io->cb`: compatibility, scan bound
+ * So a callback that deletes another descriptor's watcher sets that `cb` to null, and keeps the record for
+ * EVLOOP_MAX_EVENTS further passes: the batch is over then (the end of evloop_run does not end it).
  * Streams, connections and listening sockets of this library take care of themselves.
  *
- * The kernel knows watchers by descriptor: delete before closing it, since the number may come back, and
- * never delete a watcher that was not added, which may take another off the loop.
- *
- * Returns: 0, or -1 with errno set (also when the watcher was never registered).
+ * Returns:   0.
+ * Errors:    -1 with errno set, also if the watcher was never registered.
  */
 int evloop_io_delete(struct evloop_io *io);
 
 /*
- * Runs passes until evloop_end; returns 0. It waits no longer than until the next timeout, and no
- * longer than 500 milliseconds when there is none, so that children are noticed then. It may be called
- * again later, not from a callback.
+ * Runs passes until evloop_end; may be called again, not from a callback. A pass waits no longer than until
+ * the next timeout, or 500 milliseconds without one.
+ *
+ * Returns:   0.
  */
 int evloop_run(void);
 
-/*
- * Makes evloop_run return at its next check: before it would wait, at the latest. Before
- * evloop_run it has no effect.
- */
+/* Makes evloop_run return, before its next wait at the latest. No effect before evloop_run. */
 void evloop_end(void);
 
 /*
- * Cancels every timeout and deletes every child watcher, without calling their callbacks. Watchers
- * of descriptors, and the epoll descriptor itself, stay: a later evloop_init uses it again.
+ * Cancels every timeout and deletes every child watcher, without callbacks. Watchers of descriptors stay, as
+ * does the epoll descriptor, which a later evloop_init uses again.
  */
 void evloop_done(void);
 
 /*
- * One descriptor's turn, as evloop_run takes it: waits up to `timeout_ms` milliseconds (-1: for
- * ever, 0: not at all) unless fetched events still wait, and dispatches at most one. A failing wait
- * is logged, except for EINTR.
+ * Dispatches at most one descriptor. Unless fetched events still wait, it first waits up to `timeout_ms`
+ * milliseconds for some (-1: for ever, 0: not at all).
+ *
+ * Errors:    a failing wait is logged, except for EINTR.
  */
 void evloop_handle_ios(int timeout_ms);
 
 /*
- * Starts a timer with the `expires` its owner has set. Timeouts fire in the order of `expires`,
- * compared as unsigned numbers; among equals, in the order in which they were added. Adding walks
- * the sorted list from both ends at once, so that neither the usual delays nor immediate ones walk
- * past the many that idle connections keep.
+ * Starts a timer with the `expires` that its owner has set. Timeouts fire in the order of `expires`, as
+ * unsigned numbers, and among equals in that of adding.
  *
- * Returns: 0, or -1 if it is already pending, and nothing has changed.
+ * Returns:   0; -1: already pending, nothing has changed.
  */
 int evloop_timeout_add(struct evloop_timeout *timeout);
 
-/* Stops a timer. Returns 0, or -1 if it is not pending, and nothing has changed. */
+/*
+ * Stops a timer.
+ *
+ * Returns:   0; -1: not pending, nothing has changed.
+ */
 int evloop_timeout_cancel(struct evloop_timeout *timeout);
 
 /*
- * Makes `timeout` fire once, `delay_ms` milliseconds from now; a pending one is moved. With 0 it
- * is due on the loop's next pass: set by a timeout's callback, it expires a microsecond later if the clock
- * still reads the same as when the pass began. It never fires inside this call. An expiry that 64 bits
- * cannot hold wraps.
+ * Makes `timeout` fire once, `delay_ms` milliseconds from now; a pending one is moved. With 0 it is due on
+ * the loop's next pass, at times a microsecond later than now. It never fires inside this call. An expiry
+ * beyond 64 bits wraps.
  *
  * Returns:   0; nothing is allocated, nothing can fail.
  * Ownership: the caller keeps the record; the loop borrows it until it fires or is cancelled.
- * Callbacks: callable from any. `cb` runs with the timeout no longer pending, so it may set it
- *            again or release the record around it.
+ * Callbacks: callable from any. `cb` runs with the timeout no longer pending: it may set it again or
+ *            release the record around it.
  */
 int evloop_timeout_set(struct evloop_timeout *timeout, int64_t delay_ms);
 
 /*
- * Whole seconds until `expires` (although delays are set in milliseconds: 1500 ms
- * reads 1), 0 once it has passed. It does not look at `pending`: a timer that has fired or was
- * cancelled answers from its old `expires`. Only the low 32 bits of the difference count, as a
- * signed number, so the answer wraps for timers more than 35 minutes away.
+ * Tells the time until `expires`, also of a timeout that has fired or was cancelled.
+ *
+ * Returns:   whole seconds (1500 ms: 1), 0 once it has passed. It uses the low 32 bits of the microseconds,
+ *            signed: beyond 35 minutes it wraps.
  */
 int32_t evloop_timeout_remaining(struct evloop_timeout *timeout);
 
-/*
- * Milliseconds, truncated, until the first timeout: 0 if it is due, -1 if there is none, at most
- * INT32_MAX.
- */
+/* Returns:   milliseconds until the first timeout, truncated, at most INT32_MAX; 0: due; -1: none. */
 int32_t evloop_get_next_timeout(void);
 
 /*
- * Runs every timeout that is due at the moment of the call. What a callback sets with a delay of 0
- * or more (evloop_timeout_set) is left for the next call; what it adds with an `expires` in the past is not.
+ * Runs every timeout that is due at the moment of the call.
+ *
+ * Callbacks: what they set with a delay of 0 or more is left for the next call; what they add with an
+ *            `expires` in the past is not.
  */
 void evloop_handle_timeouts(void);
 

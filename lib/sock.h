@@ -1,11 +1,8 @@
 /*
  * sock - listening and connecting TCP sockets over IPv4, and a connection of any kind that comes back.
  *
- * The records belong to the caller; start from zero bytes. Errors of sockets are returned, never
- * logged; after one, the record is as it was before. One thread.
- *
- * evloop_init comes first (evloop.h): sock_listen, streams and whatever else watches a descriptor use the
- * loop's set, and do not create it.
+ * One thread; call evloop_init first (evloop.h). Records are the caller's; start from zero bytes. Errors of
+ * sockets are returned, never logged, and leave the record as it was.
  */
 #pragma once
 #include <stdint.h>
@@ -23,64 +20,60 @@ extern "C" {
 
 /* A socket; set `flags`. */
 struct sock {
-	struct evloop_io io; /* `io.fd` is the socket after success; its `cb` accepts, when listening */
+	struct evloop_io io; /* `io.fd` is the socket after success */
 	/*
-	 * Called for each accepted connection, from the loop; set it before or after sock_listen. It owns
-	 * `fd`, which is non-blocking, from then on; while it is null, accepted descriptors stay open and
-	 * unused. `address` is the peer's, in network byte order. It may call sock_close and release
-	 * the record.
+	 * Called for each accepted connection; set it before or after sock_listen. It owns `fd`, which is
+	 * non-blocking; while it is null, accepted descriptors stay open and unused. `address` is the
+	 * peer's, in network byte order. It may call sock_close and release the record.
 	 */
 	void (*accept_cb)(int fd, uint32_t address, void *user);
 	void *user;    /* handed to `accept_cb` */
-	uint8_t flags; /* set by the caller */
+	uint8_t flags; /* SOCK_*; the caller's */
 };
 
 /*
- * Opens a socket that listens at `host` (an address or a name; null for every address) and
- * `service` (a port number or a service's name), and watches it with the loop. `backlog` connections may
- * wait; one is accepted a pass. An address that a former listener left in TIME_WAIT can be taken again.
+ * Listens at `host` (an address or a name; null: every address) and `service` (a port number or a service's
+ * name). The loop accepts one connection a pass; `backlog` more may wait. An address that a former listener
+ * left in TIME_WAIT can be taken again.
  *
- * Whether the loop could watch the socket is not checked. Without evloop_init it could not: the result is
- * still 0, the kernel takes connections, and nobody accepts them. `io.registered` says.
+ * Without evloop_init nobody accepts: the result is still 0, but `io.registered` is 0. A connection that
+ * cannot be accepted is tried again on the next pass, so without a free descriptor the loop stays busy.
  *
- * A connection that cannot be accepted is tried again on the next pass: with no descriptor left the
- * loop stays busy with that until one is closed.
- *
- * Returns: 0; -EOPNOTSUPP without SOCK_TCP; what resolving gives: -ENOMEM, -2 (EAI_NONAME, the
- *          resolver's own number) for an unknown name, -EINVAL otherwise; the failure of the last
- *          address tried: -errno, or the positive errno if its socket could not even be
- *          created.
+ * Returns:   0.
+ * Errors:    -EOPNOTSUPP without SOCK_TCP. Resolving: -ENOMEM; -2 (EAI_NONAME, the resolver's own number): an
+ *            unknown name; else -EINVAL. The failure of the last address tried: -errno, or the positive
+ *            errno if its socket could not be created.
  */
 int sock_listen(struct sock *sock, const char *host, const char *service, int backlog)
 	__attribute__((warn_unused_result));
 
 /*
- * Opens a connected, blocking socket in `sock->io.fd`, for a stream to take up; nothing is watched.
- * It blocks while it resolves and connects; a `timeout_s` above 0 bounds, in seconds, the connecting
- * to each address, 0 or less sets no bound.
+ * Opens a connected, blocking socket in `sock->io.fd`, for a stream to take up; nothing is watched. It blocks
+ * while it resolves and connects. A `timeout_s` above 0 bounds the connecting to each address, in seconds.
  *
- * Returns: as sock_listen, and -ETIMEDOUT when the bound is reached.
+ * Returns:   0.
+ * Errors:    as sock_listen; -ETIMEDOUT when the bound is reached.
  */
 int sock_connect(struct sock *sock, const char *host, const char *service, int timeout_s)
 	__attribute__((warn_unused_result));
 
 /*
- * Stops watching and closes the socket, of either kind. Returns the result of close: 0, or -1 with
- * errno set.
+ * Stops watching and closes the socket, of either kind.
+ *
+ * Returns:   the result of close: 0, or -1 with errno set.
  */
 int sock_close(struct sock *sock);
 
 /*
- * Keeps a daemon connected to a service. The daemon says how to connect, and when the connection has
- * gone; between attempts always the same delay passes. Start from zero bytes, set `connect` and perhaps
- * `on_connected`, and call init_stable_connection. Nothing is allocated; a daemon that gives up cancels
- * `timer` itself, and keeps the record until then.
+ * Keeps a daemon connected to a service: the daemon connects, and tells when the connection is lost. Attempts
+ * are always the same delay apart. Set `connect` and perhaps `on_connected`, and call init_stable_connection.
+ * To give up, cancel `timer`; keep the record until then. Nothing is allocated.
  */
 struct stable_connection {
-	int (*connect)(void);      /* connects: 0, or anything else for a failure */
-	int (*on_connected)(void); /* called when that went well; may be null */
-	uint8_t connected;         /* set by a successful connect, cleared by stable_connection_lost */
-	uint8_t retry_pending; /* a retry is due; see start_stable_connection for when it is out of date */
+	int (*connect)(void);        /* connects; 0: done, anything else: failed */
+	int (*on_connected)(void);   /* called after `connect` has succeeded; may be null */
+	uint8_t connected;           /* set by a successful connect, cleared by stable_connection_lost */
+	uint8_t retry_pending;       /* a retry is due, or was: see start_stable_connection */
 	struct evloop_timeout timer; /* the retry */
 	int32_t retry_delay;         /* milliseconds */
 };
@@ -89,21 +82,22 @@ struct stable_connection {
 void init_stable_connection(struct stable_connection *c, int retry_delay_ms);
 
 /*
- * Connects now, in the caller's time, instead of the retry that may be due. In that
- * case it leaves `retry_pending` set, although no timer runs any more if it succeeds; the timer's own
- * attempts clear it. Failures are not logged.
+ * Connects now, inside the call, instead of a retry that is due. It leaves `retry_pending` set then, although
+ * no timer runs after a success; the timer's own attempts clear it.
  *
- * Returns:   what `on_connected` returns, 0 without one; -EAGAIN if `connect` failed, which will be
- *            tried again after the delay; -EINVAL, logged, without a `connect`: nothing is tried, and
- *            nothing else changes.
- * Callbacks: both run inside, and may call stable_connection_lost. `on_connected` may also release the
- *            record.
+ * Returns:   the result of `on_connected`, 0 without one.
+ * Errors:    -EAGAIN: `connect` failed, and is tried again after the delay; not logged. -EINVAL, logged:
+ *            there is no `connect`, nothing changes.
+ * Callbacks: both run inside, and may call stable_connection_lost. `on_connected` may release the record.
  */
 int start_stable_connection(struct stable_connection *c);
 
 /*
- * The connection has gone: `connect` will be called after the full delay, even if a retry was due
- * earlier. Never calls back. Returns 0.
+ * Tells that the connection is lost: `connect` is called after the full delay, even if a retry was due
+ * earlier.
+ *
+ * Returns:   0.
+ * Callbacks: none runs inside.
  */
 int stable_connection_lost(struct stable_connection *c);
 
