@@ -1,10 +1,10 @@
 /*
- * device - the board that the daemons run on: its interfaces, radios, switch ports, LEDs and start-up work.
+ * device - the board that the daemons run on: its interfaces, radios, switch ports, LEDs and start-up
+ * work.
  *
- * The library knows one board, and has it described from the moment that it is loaded, before any
- * constructor of a daemon's runs; device_set replaces the description. Reading without one is a mistake
- * of the program's and ends it (assert_failure). All text belongs to the description and lives as long
- * as the process: do not free it. One thread.
+ * The library knows one board, and describes it before any constructor of a daemon runs. Reading without
+ * a description ends the process (assert_failure). All text is the description's: do not free it. One
+ * thread.
  */
 #pragma once
 #include <jansson.h>
@@ -51,10 +51,14 @@ enum {
 	DEV_LED_BLUE_BLINK = 5,       /* blue, blinking as fast as the kernel chooses */
 };
 
-/* Replaces the description, which is borrowed; null takes it away. */
+/*
+ * Replaces the description; null takes it away.
+ *
+ * Ownership: borrowed for the life of the process.
+ */
 void device_set(const struct device *dev);
 
-/* The members of the description. A null dev->wan_iface ends the process, too. */
+/* Returns:   the member of the description. A null `wan_iface` ends the process, too. */
 const char *dev_id(void);
 const char *dev_vendor(void);
 const char *dev_name(void);
@@ -65,14 +69,13 @@ unsigned int dev_radio1_mode(void);
 const char *dev_radio2_phy(void);
 unsigned int dev_radio2_mode(void);
 
-/* 1 if there is the first (`index` 0) or the second (1) radio, else 0; for any other index even without a
- * description. */
+/* Returns:   1 if there is the first (`index` 0) or second (1) radio, else 0. Others need no description. */
 int dev_has_radio(unsigned int index);
 
-/* 1 if there is a switch, else 0. */
+/* Returns:   1 if there is a switch, else 0. */
 int dev_has_switch(void);
 
-/* The members of the switch; null without a switch. dev_switch_cpu_lan gives `cpu` if `cpu_lan` is null. */
+/* Returns:   the member of the switch; null without one. If `cpu_lan` is null, dev_switch_cpu_lan gives `cpu`. */
 const char *dev_switch_dev(void);
 const char *dev_switch_cpu(void);
 const char *dev_switch_cpu_lan(void);
@@ -80,31 +83,33 @@ const char *dev_switch_wan(void);
 const char *dev_switch_lan(void);
 
 /*
- * These call the description's functions, and return what those do, or 0 where there is none. `state` is
- * one of DEV_LED_*. dev_init is for the program that brings the system up; on the built-in board it
- * copies the radios' calibration data to where the drivers look for it (caldata.h) unless that is there,
- * logs each file that cannot be made, and always returns 0, but with a partition "EEPROM" that is too
- * short it never returns.
+ * Call the description's functions. `state` is one of DEV_LED_*. dev_init is for the program that brings
+ * the system up: on the built-in board it copies the radios' calibration data (caldata.h), logs each file
+ * that cannot be made, and gives 0; with a partition "EEPROM" that is too short it never returns.
+ *
+ * Returns:   the function's result; 0 without one.
  */
 int dev_init(void);
 int dev_led_set(unsigned int state);
 int dev_post_upgrade(void);
 
 /*
- * Makes a JSON array of the board's own MAC addresses, as text: that of the WAN interface, which must
- * not be null here either, then those of the radios that there are (net.h).
+ * Makes a JSON array of the board's MAC addresses as text (net.h): of the WAN interface, then of each
+ * radio.
  *
- * Returns: 0, and the caller owns `*out`; -ENOENT if one of them cannot be read, which is logged for radios
- *          only (asking the interface needs CAP_NET_RAW); or -ENOMEM, also for an address that JSON cannot
- *          hold. On failure `*out` is left as it was.
+ * Returns:   0.
+ * Errors:    -ENOENT: one cannot be read, logged for radios only (asking the interface needs
+ *            CAP_NET_RAW); -ENOMEM, also for an address that JSON cannot hold. `*out` is left as it was.
+ * Ownership: `*out` is the caller's.
  */
 int dev_get_mac_json_array(json_t **out);
 
 /*
- * For functions of boards: writes `value` as it is to /sys/class/leds/<led>/<attribute>, which is made
- * if the directory lets it. A file that cannot be opened is logged; whether it takes the value is not
- * looked at. A path of more than 4096 characters is logged and left; one of exactly 4096 is
- * tried without its last character.
+ * For functions of boards: writes `value` to /sys/class/leds/<led>/<attribute>, which is made if the
+ * directory lets it.
+ *
+ * Errors:    a file that cannot be opened is logged; a value that it does not take is not. A path of more
+ *            than 4096 characters is logged and left; one of exactly 4096 loses its last.
  */
 void _led_set_attr(const char *led, const char *attribute, const char *value);
 

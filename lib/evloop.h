@@ -1,12 +1,12 @@
 /*
  * evloop - descriptors, timeouts and child processes of a single-threaded daemon.
  *
- * One loop a process. Each pass runs every due timeout, reaps exited children (evloop-process.h), and then
- * dispatches at most one ready descriptor: timeouts and children wait for one callback at most.
+ * One loop a process. Each pass runs every due timeout, reaps exited children (evloop-process.h), and
+ * then dispatches at most one ready descriptor: timeouts and children wait for one callback at most.
  *
  * Every call is made on the loop's thread, from callbacks too; none is safe in a signal handler (watch a
- * signalfd). Records are the caller's, who embeds them in records of its own and finds those again from the
- * address that a callback is given. Nothing is allocated.
+ * signalfd). Records are the caller's, who embeds them in records of its own and finds those again from
+ * the address that a callback is given. Nothing is allocated.
  */
 #pragma once
 #include <stdint.h>
@@ -27,9 +27,9 @@ extern "C" {
  * Watches one descriptor; start from zero bytes. While it is registered the loop holds its address: call
  * evloop_io_delete before the descriptor is closed, or the record moved or released.
  *
- * The loop is level-triggered. An error or a hang-up is reported as both events, whatever was asked for, so
- * that the next read or write meets it. `cb` may add and delete any watcher, and release its own record
- * after deleting it; for other records see evloop_io_delete.
+ * The loop is level-triggered. An error or a hang-up is reported as both events, whatever was asked for,
+ * so that the next read or write meets it. `cb` may add and delete any watcher, and release its own
+ * record after deleting it; for other records see evloop_io_delete.
  */
 struct evloop_io {
 	void (*cb)(struct evloop_io *io, unsigned int events); /* the caller's */
@@ -58,9 +58,9 @@ struct evloop_timeout {
 /*
  * Creates the epoll descriptor, closed on exec, unless there is one. The two are the same.
  *
- * Call it before anything that watches a descriptor: evloop_io_add, sock_listen, streams, connections of the
- * HTTP server. Without it nothing is watched, mostly without an error, and evloop_run logs an error a pass,
- * without a pause. Timeouts and child processes need it only to run.
+ * Call it before anything that watches a descriptor: evloop_io_add, sock_listen, streams, connections of
+ * the HTTP server. Without it nothing is watched, mostly without an error, and evloop_run logs an error a
+ * pass, without a pause. Timeouts and child processes need it only to run.
  *
  * Returns:   0.
  * Errors:    -1 with errno set; the next call tries again.
@@ -69,8 +69,8 @@ int evloop_init(void) __attribute__((warn_unused_result));
 int evloop_io_init(void) __attribute__((warn_unused_result));
 
 /*
- * Watches `io->fd` for `flags` (EVLOOP_READ, EVLOOP_WRITE; 0: errors and hang-ups only), or changes what a
- * registered watcher asks for.
+ * Watches `io->fd` for `flags` (EVLOOP_READ, EVLOOP_WRITE; 0: errors and hang-ups only), or changes what
+ * a registered watcher asks for.
  *
  * Returns:   0.
  * Errors:    -EINVAL: `io->cb` is null, nothing has changed; -1 with errno set: the kernel refuses, and
@@ -82,10 +82,10 @@ int evloop_io_add(struct evloop_io *io, unsigned int flags);
  * Stops watching. Delete before closing the descriptor, and only what was added: the kernel goes by the
  * number, which may be another watcher's.
  *
- * Events of this record or descriptor that wait in the batch are dropped, but one near the end of the batch
- * may still reach `io->cb`: compatibility, scan bound
- * So a callback that deletes another descriptor's watcher sets that `cb` to null, and keeps the record for
- * EVLOOP_MAX_EVENTS further passes: the batch is over then (the end of evloop_run does not end it).
+ * Events of this record or descriptor that wait in the batch are dropped, but one near the end of the
+ * batch may still reach `io->cb`: compatibility, scan bound
+ * So a callback that deletes another descriptor's watcher sets that `cb` to null, and keeps the record
+ * for EVLOOP_MAX_EVENTS further passes: the batch is over then (the end of evloop_run does not end it).
  * Streams, connections and listening sockets of this library take care of themselves.
  *
  * Returns:   0.
@@ -94,8 +94,8 @@ int evloop_io_add(struct evloop_io *io, unsigned int flags);
 int evloop_io_delete(struct evloop_io *io);
 
 /*
- * Runs passes until evloop_end; may be called again, not from a callback. A pass waits no longer than until
- * the next timeout, or 500 milliseconds without one.
+ * Runs passes until evloop_end; may be called again, not from a callback. A pass waits no longer than
+ * until the next timeout, or 500 milliseconds without one.
  *
  * Returns:   0.
  */
@@ -105,8 +105,8 @@ int evloop_run(void);
 void evloop_end(void);
 
 /*
- * Cancels every timeout and deletes every child watcher, without callbacks. Watchers of descriptors stay, as
- * does the epoll descriptor, which a later evloop_init uses again.
+ * Cancels every timeout and deletes every child watcher, without callbacks. Watchers of descriptors stay,
+ * as does the epoll descriptor, which a later evloop_init uses again.
  */
 void evloop_done(void);
 
@@ -134,9 +134,9 @@ int evloop_timeout_add(struct evloop_timeout *timeout);
 int evloop_timeout_cancel(struct evloop_timeout *timeout);
 
 /*
- * Makes `timeout` fire once, `delay_ms` milliseconds from now; a pending one is moved. With 0 it is due on
- * the loop's next pass, at times a microsecond later than now. It never fires inside this call. An expiry
- * beyond 64 bits wraps.
+ * Makes `timeout` fire once, `delay_ms` milliseconds from now; a pending one is moved. With 0 it is due
+ * on the loop's next pass, at times a microsecond later than now. It never fires inside this call. An
+ * expiry beyond 64 bits wraps.
  *
  * Returns:   0; nothing is allocated, nothing can fail.
  * Ownership: the caller keeps the record; the loop borrows it until it fires or is cancelled.
@@ -148,8 +148,8 @@ int evloop_timeout_set(struct evloop_timeout *timeout, int64_t delay_ms);
 /*
  * Tells the time until `expires`, also of a timeout that has fired or was cancelled.
  *
- * Returns:   whole seconds (1500 ms: 1), 0 once it has passed. It uses the low 32 bits of the microseconds,
- *            signed: beyond 35 minutes it wraps.
+ * Returns:   whole seconds (1500 ms: 1), 0 once it has passed. It uses the low 32 bits of the
+ *            microseconds, signed: beyond 35 minutes it wraps.
  */
 int32_t evloop_timeout_remaining(struct evloop_timeout *timeout);
 

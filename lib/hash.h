@@ -1,9 +1,8 @@
 /*
  * hash - MD5 and SHA-256 of parts of files, MD5 of text, and digests as text.
  *
- * `digest` has room for 16 bytes (MD5) or 32 (SHA-256), and is written on success only. The digests are
- * made by mbedtls, whose error codes are passed on. Failures are logged at priority 3, by "md5: ..." for
- * SHA-256, too; that there is no text is not.
+ * `digest` takes 16 bytes (MD5) or 32 (SHA-256), on success only. Failures of mbedtls are its negative
+ * codes. Failures are logged as LOG_ERR, as "md5: ..." for SHA-256, too.
  */
 #pragma once
 
@@ -13,14 +12,14 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /*
- * The digest of `length` bytes from byte `offset` of an open file on. The file is mapped, not read: it
- * must be open for reading, its position stays, and nothing is copied. What cannot be read although it
- * is there (the file is made shorter meanwhile, or its device fails) ends this process (SIGBUS).
+ * Digest `length` bytes of an open file from byte `offset` on. The file is mapped, not read: it must be
+ * open for reading, and its position stays. If it is cut meanwhile, or its device fails, SIGBUS ends the
+ * process.
  *
- * Returns: 0; a negative errno if the part cannot be mapped, such as -ENXIO where it goes past the end of a
- *          regular file or a block device; or a negative code of mbedtls's. An empty part is mapped, too,
- *          and its digest made, except at a multiple of the page size, where there is nothing to map:
- *          -EINVAL.
+ * Returns:   0.
+ * Errors:    a negative errno if the part cannot be mapped: -ENXIO: it goes past the end of a regular
+ *            file or block device; -EINVAL: an empty part at a multiple of the page size (elsewhere it
+ *            has a digest). A code of mbedtls.
  */
 int md5_fd(int fd, unsigned offset, unsigned length, unsigned char *digest)
 	__attribute__((warn_unused_result));
@@ -28,14 +27,18 @@ int sha256_fd(int fd, unsigned offset, unsigned length, unsigned char *digest)
 	__attribute__((warn_unused_result));
 
 /*
- * The MD5 of a text without its terminator. Returns 0, -1 if `str` is null, or a negative code of
- * mbedtls's.
+ * Digests a text without its terminator.
+ *
+ * Returns:   0.
+ * Errors:    -1, not logged: `str` is null. A code of mbedtls.
  */
 int hash_md5_str(const char *str, unsigned char *digest) __attribute__((warn_unused_result));
 
 /*
- * The `length` bytes at `digest` as lower-case hexadecimal text, which the caller frees. Never null:
- * exhausted memory ends the process.
+ * Writes `length` bytes as lower-case hexadecimal text.
+ *
+ * Returns:   the text, never null: exhausted memory ends the process.
+ * Ownership: the caller frees it.
  */
 char *hash_digest2str(const unsigned char *digest, unsigned length);
 

@@ -1,49 +1,27 @@
 /*
  * httpd - a small HTTP/1.0 and HTTP/1.1 server inside a daemon's event loop.
  *
- * The daemon owns the listening socket and hands every accepted descriptor to httpd_accept (which
- * fits `accept_cb` of sock.h). The server parses requests, calls the daemon's one handler with each
- * complete request, and closes or keeps the connection. Everything runs on the loop's thread.
+ * The daemon owns the listening socket and gives each accepted descriptor to httpd_accept (the
+ * `accept_cb` of sock.h). The server parses requests, calls the daemon's handler with each, and keeps or
+ * closes the connection. README.md has a whole daemon. One thread; call evloop_init first.
  *
- *	static int32_t handle(struct httpd_conn *conn)
- *	{
- *		...compose conn->res_body, then conn->res_head, or call httpd_fail...
- *		...append the body to the head, and stream_write both at once to &conn->stream...
- *		return 1;
- *	}
+ * A BODY WHOSE LENGTH WAS NOT UNDERSTOOD IS PARSED AS THE NEXT REQUEST, whoever wrote it. The length
+ * comes from "Content-Length", in this spelling, and nothing else: not from "content-length", not from
+ * chunks. A handler that changes anything refuses such requests and returns 0: docs/recipes.md, "Handle
+ * any client".
  *
- *	httpd_ctx_init(&ctx, handle);
- *	listener.accept_cb = httpd_accept;
- *	listener.user = &ctx;
- *	sock_listen(&listener, NULL, "8080", 16);
+ * A head has at most 66,560 bytes, a body 66,560; more is answered 400. The first number counts all that
+ * has arrived when the head is parsed, so a body that comes in one burst with its head shares it: do not
+ * rely on more for both together. Also answered 400: different values of "Content-Length", a zero byte in
+ * a header's name, and hundreds of names chosen to collide in the table of headers.
  *
- * Call evloop_init before the first httpd_accept: a connection watches its descriptor and sets a timeout.
+ * A connection ends after 60 seconds without a byte from the peer or, while answers wait for it, without
+ * one taken by it. HTTP/1.1 without "Connection: close" keeps it open, unless a request is refused or the
+ * handler ends it.
  *
- * Limits. A request's head has at most 66,560 bytes, and its body 66,560. The first counts all that has
- * arrived when the head is parsed: a peer that sends the body, or further requests, in one burst with it
- * stays below 66,561 bytes in all. What exceeds them is answered 400. So whether a body of nearly 66,560
- * bytes is taken depends on how it arrives: after its head it is, together with it it is not. Do not rely on
- * more than 66,560 bytes for head and body together.
- *
- * The length of a body comes from "Content-Length", in this spelling, and from nothing else. A BODY WHOSE
- * LENGTH WAS NOT UNDERSTOOD IS PARSED AS THE NEXT REQUEST: one that is announced by "content-length", or that
- * is sent in chunks. What the peer put there, or somebody whose text it passes on, is then a request of
- * its own, and the handler is called with it. A handler that changes anything refuses such requests and
- * returns 0.
- *
- * A connection never holds more than HTTPD_RX_BYTES_MAX received bytes: it stops reading there until
- * requests have been answered. (The headers of a request take up to some ten times the bytes of its head
- * beside that, while it lasts.) It also stops reading, and answering, while HTTPD_TX_BYTES_STALL or more
- * bytes of former answers have not been taken by the peer.
- *
- * The names of a request's headers are kept in a hash table. Names chosen to collide in it, by the hundred,
- * which would cost the time of all other peers, are answered 400. So are a name with a zero byte in it, and
- * two "Content-Length" of different numbers.
- *
- * What the peer can rely on: 60 seconds without a byte from it, or, while answers wait for it, without one
- * taken by it, end a connection; a request without "Connection: close" on HTTP/1.1 leaves it open, unless
- * it is refused or the handler ends it. Header names are compared exactly as sent: only "Content-Length"
- * and "Connection", in this spelling, mean something to the server.
+ * Reading stops at HTTPD_RX_BYTES_MAX received bytes until requests have been answered. Reading and
+ * answering stop while HTTPD_TX_BYTES_STALL or more bytes of former answers have not been taken. The
+ * headers of a request take up to ten times the bytes of its head in addition.
  */
 #pragma once
 #include <stdarg.h>
@@ -61,15 +39,15 @@ extern "C" {
 
 /* A request is refused from this many bytes on: of head, and of "Content-Length". */
 #define HTTPD_REQUEST_BYTES_LIMIT 66561
-/* The largest request, and behind it enough of the next to know that it is to be refused. */
+/* The largest request, and enough of the next to know that it is to be refused. */
 #define HTTPD_RX_BYTES_MAX (2 * (HTTPD_REQUEST_BYTES_LIMIT - 1) + HTTPD_REQUEST_BYTES_LIMIT)
 /* Unsent bytes from which on further requests of the connection wait. */
 #define HTTPD_TX_BYTES_STALL 65536
 
-/* `method` of a request: by its token; the handler judges the others. */
+/* `method` of a request, by its exact token. */
 #define HTTPD_METHOD_GET   0
 #define HTTPD_METHOD_POST  1
-#define HTTPD_METHOD_OTHER 2
+#define HTTPD_METHOD_OTHER 2 /* HEAD, too; the request line begins at `head_end` - `head_len` */
 
 /* Bits of a connection's `flags`. */
 #define HTTPD_DEFERRED      128 /* the answer comes later: httpd_defer */
@@ -84,48 +62,27 @@ extern "C" {
 #define HTTPD_STATE_DISPATCH     4
 #define HTTPD_STATE_DONE         5
 
-/*
- * What clients do that surprises a handler. examples/common/guard.h and http.h do what is advised here.
- *
- * - Node's fetch, HAProxy and other gateways from HTTP/2 write header names in lower case. "content-length" is then
- *   a header like any other: `body_len` is 0, and the body is parsed as the next request, which may be one that an
- *   attacker wrote. Refuse a request with that name in any other spelling: answer 400 and return 0; what follows is
- *   then never parsed. Compare other names regardless of case.
- * - A chunked body is announced by "Transfer-Encoding". The server does not decode it, so the same holds. A header name
- *   with white space or a control character in it may be a way to get either past a proxy: refuse it as well.
- * - HEAD is HTTPD_METHOD_OTHER; the request line begins at `head_end` - `head_len`. Answer as for GET, but write no
- *   body: a client would take it for the next answer. httpd_fail writes one; return 0 after it.
- * - "Expect: 100-continue" waits for an interim answer, which the server does not send. The handler is called once the
- *   body has arrived; most clients send it after a second, and at once if told not to use that header.
- * - A half-closed peer, which sends no more but still reads, gets the answers to all it has sent, up to the first
- *   deferred one; then the connection ends. Requests that wait for a deferred answer are not handled any more.
- * - A proxy sends requests of many users over one connection. An answer has exactly the bytes that its
- *   "Content-Length" says, the handler keeps nothing of one request for the next, and an answer that ends the
- *   connection has "Connection: close", or the proxy may send it the next user's request meanwhile.
- * - A browser sends requests for any page that it shows. Before a request changes anything, compare its "Host" with
- *   the names that the daemon is reached by, and its "Origin", if there is one, with that "Host".
- */
-
 struct httpd_conn;
 
 /*
- * Called once for every complete request. It writes the answer to `conn->stream`, or calls
- * httpd_defer and answers later. Returns non-zero to go on, 0 to have the connection closed once
- * what has been written is sent.
+ * Handles one complete request: writes the answer to `conn->stream`, or calls httpd_defer and answers
+ * later. What it writes is sent at once (stream_write), so it may then work for long, end the process, or
+ * hand the descriptor to a child. Head and body in one write cost one send.
  *
- * It may call httpd_defer and httpd_defer_complete, and httpd_ctx_cleanup: `conn` stays valid until
- * it returns. It must not call stream_cleanup on the connection's stream, nor run the loop.
+ * The exception is corking. While the head of another request has arrived, too, answers to GETs that keep
+ * the connection are gathered, up to 16 KiB, and count as taken: that the peer has gone shows in no
+ * result, but ends the connection afterwards. The kernel gets them before the handler is called for the
+ * last of these requests or for another method than GET, from httpd_defer, and from
+ * stream_flush_tx_async: a handler of a GET calls that before it ends the process or hands the descriptor
+ * on.
  *
- * What it writes is sent at once, as stream_write says: it may then work for long, end the process, or
- * hand the descriptor to a child. So one write of head and body costs one send, and two cost two.
+ * Over TCP the kernel may keep what was corked, to send it with the last answer: some 200 ms at most if
+ * the peer is near, as for an acknowledgement.
  *
- * There is one exception: answers are gathered, up to 16 KiB, while the whole head of another request has
- * been received, too, and the one being answered is a GET that keeps the connection. They leave together.
- * What is gathered counts as taken: that the peer has gone shows in no result, but ends the connection
- * afterwards. It is handed to the kernel before the handler is called for the last of these requests, or for
- * one that is not a GET; by httpd_defer; and by stream_flush_tx_async, which a handler of a GET calls before it
- * ends the process or hands the descriptor to a child. Over TCP the kernel may wait for the last answer, to send it
- * in one piece with the others: as long as it would for an acknowledgement, some 200 ms if the peer is near.
+ * Returns:   non-zero to go on; 0 to close the connection once what was written is sent.
+ * Callbacks: it may call httpd_defer, httpd_defer_complete and httpd_ctx_cleanup; `conn` stays valid
+ *            until it returns. It must not call stream_cleanup on the connection's stream, nor run the
+ *            loop.
  */
 typedef int32_t (*httpd_handler)(struct httpd_conn *conn);
 
@@ -133,21 +90,21 @@ struct httpd_link {
 	struct httpd_link *next, *prev;
 };
 
-/* A server; owned by the daemon, and in place until its last connection, deferred ones included, is gone. */
+/* A server; the daemon's, in place until its last connection, deferred ones included, is gone. */
 struct httpd_ctx {
-	httpd_handler handler; /* null: every request closes its connection without an answer */
-	struct httpd_link connections;
+	httpd_handler handler;         /* null: every request closes its connection unanswered */
+	struct httpd_link connections; /* the server's */
 };
 
 /*
- * A connection, and the request it carries; owned by the server, which makes and releases it.
+ * A connection and its request; the server makes and releases it.
  *
- * Pointers to `const char` point into `stream.rx`, are not terminated, and hold from the call of
- * the handler until it returns or, if it deferred the answer, until httpd_defer_complete. They are
- * kept right when the receive buffer moves, so read them afresh from here instead of keeping copies.
+ * `const char` pointers lead into `stream.rx`. They are not terminated, and hold while the handler runs,
+ * or until httpd_defer_complete. The server moves them when `rx` moves: read them here afresh, keep no
+ * copies.
  *
- * Trust none of it: a target ends at a space, so it may contain line ends (do not echo it into a header),
- * and the decoded path any byte, zeros included.
+ * Trust none of it. A target ends at a space, so it may contain line ends: do not echo it into a header.
+ * The decoded path may contain any byte, zeros included.
  */
 struct httpd_conn {
 	struct httpd_ctx *ctx;
@@ -160,32 +117,33 @@ struct httpd_conn {
 	const char *target;
 	int32_t target_len; /* as sent */
 	const char *host;
-	int32_t host_len; /* of an absolute target ("http://host/..."); null and 0 if there is none */
+	int32_t host_len; /* of an absolute target ("http://host/..."); null and 0 without one */
 	const char *path;
 	int32_t path_len; /* of the target, up to its first "?"; null and 0 for "http://host" */
 	const char *query;
-	int32_t query_len;      /* from that "?", included; null and 0 if there is none */
+	int32_t query_len;      /* from that "?", included; null and 0 without one */
 	const char *head_start; /* the first header line */
-	const char *head_end;   /* behind the blank line */
+	const char *head_end;   /* after the blank line */
 	int32_t head_len;       /* request line, header lines and blank line */
 	const char *body;
 	int32_t body_len;
 
-	uint32_t arg;  /* as given to httpd_accept; the handler may change it, it lasts with the connection */
+	uint32_t arg;  /* from httpd_accept; the handler may change it, it lasts with the connection */
 	uint8_t flags; /* HTTPD_* */
-	/* The path decoded as http_alloc_url_decode does, "/" if there is none; the server's.
-	 * Each escape in it brings two of the bytes that follow the path: "/a%20b HTTP/1.1" reads "/a b H".
+	/*
+	 * The server's: the path as http_alloc_url_decode decodes it, "/" without one. Each escape brings
+	 * two of the bytes that follow the path: "/a%20b HTTP/1.1" reads "/a b H".
 	 */
 	char *decoded_path;
 	uint8_t close_requested; /* 1: "Connection: close" */
-	uint32_t content_length;
-	int32_t state;          /* HTTPD_STATE_* */
-	struct htable *headers; /* name to value, both strings; use httpd_header_table_get */
+	uint32_t content_length; /* bytes */
+	int32_t state;           /* HTTPD_STATE_* */
+	struct htable *headers;  /* name to value, both strings; use httpd_header_table_get */
 	/*
-	 * The answer's head and body, for the handler to compose in; empty them with httpd_res_buffers_reset
-	 * when done. Each starts with 512 bytes. buffer_write extends them, but what formats into them
-	 * (buffer_printf, http_res_put_*, httpd_common_headers) fills only the space that is free: a text that does
-	 * not fit is missing, and the result is negative. Do not send what has failed; httpd_fail starts anew.
+	 * For the handler to compose head and body in; empty them with httpd_res_buffers_reset when done.
+	 * Each starts with 512 bytes. buffer_write extends them; what formats (buffer_printf,
+	 * http_res_put_*, httpd_common_headers) fails if the text does not fit in the free space: do not
+	 * send a head or body of which a part has failed. httpd_fail starts anew.
 	 */
 	struct buffer *res_head;
 	struct buffer *res_body;
@@ -195,53 +153,64 @@ struct httpd_conn {
 void httpd_ctx_init(struct httpd_ctx *ctx, httpd_handler handler);
 
 /*
- * Ends all connections at once. One whose answer is deferred is only marked HTTPD_CLOSE_PENDING
- * (with "BUG: deferred connections around" logged at priority 2): it lives, and `ctx`
- * with it, until its httpd_defer_complete. Does not touch the listening socket.
+ * Ends all connections at once, not the listening socket. A deferred one is logged ("BUG: deferred
+ * connections around", LOG_CRIT) and marked HTTPD_CLOSE_PENDING; it lives until its httpd_defer_complete.
+ *
+ * Ownership: `ctx` may be released when no deferred connection is left.
  */
 void httpd_ctx_cleanup(struct httpd_ctx *ctx);
 
 /*
- * Takes up a connected descriptor; `ctx` is a `struct httpd_ctx *`. TCP_NODELAY is set on it. The
- * descriptor is closed when there is no memory for the connection's record.
+ * Takes up a connected descriptor, and sets TCP_NODELAY on it. `ctx` is a `struct httpd_ctx *`.
+ *
+ * Errors:    without memory for the record the descriptor is closed.
+ * Ownership: the descriptor is the server's.
  */
 void httpd_accept(int fd, uint32_t arg, void *ctx);
 
 /*
- * Called by a handler that will answer later, before it returns. Its result then does not count, unless it
- * has called httpd_defer_complete as well.
- * The request stays as it is, and the next one waits, until httpd_defer_complete; the record stays
- * valid until then, even if the peer goes, or sends its last byte, which sets HTTPD_CLOSE_PENDING. 60
- * seconds without input close the descriptor meanwhile. A second call has no effect.
+ * Defers the answer; a handler calls it before it returns. The handler's result then does not count,
+ * unless it calls httpd_defer_complete as well. Further requests wait. A second call has no effect.
+ *
+ * A peer that goes, or has sent its last byte, sets HTTPD_CLOSE_PENDING: it still gets this answer if it
+ * reads, but requests that wait are not handled any more. 60 seconds without input close the descriptor.
+ *
+ * Ownership: request and record stay valid until httpd_defer_complete, whatever the peer does.
  */
 void httpd_defer(struct httpd_conn *conn);
 
 /*
- * Ends a deferral, after the answer has been written. The connection goes on as after a handler
- * that returned `keep`, or ends if HTTPD_CLOSE_PENDING is set, what has been written going out first. So
- * `conn` must not be used afterwards, except by a handler that has not returned yet. Without a deferral it
- * does nothing.
+ * Ends a deferral, after the answer has been written. The connection goes on as after a handler that
+ * returned `keep`, or ends if HTTPD_CLOSE_PENDING is set, once what was written is sent. Without a
+ * deferral it does nothing.
+ *
+ * Ownership: do not use `conn` afterwards, except in a handler that has not returned yet.
  */
 void httpd_defer_complete(struct httpd_conn *conn, int keep);
 
-/* Empties `res_head` and `res_body`, keeping their storage. */
+/* Empties `res_head` and `res_body`, and keeps their storage. */
 void httpd_res_buffers_reset(struct httpd_conn *conn);
 
 /*
- * The value of the request's header `name`, in exactly this spelling of case; null if there is none.
- * Of repeated headers the last counts; white space inside a value is one space each. "Content-Length" and
- * "Connection" are not here but in the record. Valid as long as the request.
+ * Looks up the header `name`, in exactly this spelling of case. "Content-Length" and "Connection" are in
+ * the record instead.
+ *
+ * Returns:   the value, white space inside it as one space each; of repeated headers the last; null if
+ *            none.
+ * Ownership: the request's.
  */
 const char *httpd_header_table_get(struct httpd_conn *conn, const char *name);
 
-/* "OK", "Bad Request", ... for 200, 400, 404, 405, 406, 417 and 501; "" for every other code. */
+/* Returns:   "OK", ... for 200, 400, 404, 405, 406, 417 and 501; "" for every other code. */
 const char *http_code_to_string(int code);
 
 /*
- * Append "HTTP/1.1 <code> <reason>" (or "HTTP/1.0", if `version` is 0) and "<name>: <value>", each
- * with its line end, to a head being composed. Return 0, or a negative number: as buffer_printf does, a
- * formatted text that does not fit the buffer with its terminating zero fails with -ENOMEM. The name of a
- * header that failed is in the buffer nevertheless: drop the head.
+ * Append a line to a head: "HTTP/1.1 <code> <reason>" ("HTTP/1.0" if `version` is 0), or "<name>:
+ * <value>".
+ *
+ * Returns:   0.
+ * Errors:    negative, as buffer_printf: -ENOMEM if a formatted text and its zero do not fit. The name of
+ *            a failed header stays in the buffer: drop the head.
  */
 int32_t http_res_put_status_line(struct buffer *buffer, int version, int code, const char *reason)
 	__attribute__((warn_unused_result));
@@ -249,53 +218,58 @@ int32_t http_res_put_header(struct buffer *buffer, const char *name, const char 
 	__attribute__((format(printf, 3, 4), warn_unused_result));
 
 /*
- * Appends "Server: kvhttpd", "Pragma: no-cache" and "Expires: 0" to `res_head`. Returns 0, or -1
- * as soon as one fails.
+ * Appends "Server: kvhttpd", "Pragma: no-cache" and "Expires: 0" to `res_head`.
+ *
+ * Returns:   0; -1 as soon as one fails.
  */
 int32_t httpd_common_headers(struct httpd_conn *conn) __attribute__((warn_unused_result));
 
 /*
- * Composes a whole error answer with a small HTML page, and writes it in one piece; what was composed
- * before is discarded. It does not close the connection: return 0 or non-zero from the handler.
+ * Discards what was composed, and sends a whole error answer with a small HTML page, in one write. It
+ * does not close the connection; the handler's result says.
  *
- * Returns: 2 on success (not 0: what appending the blank line gave), the negative
- *          result of the step that failed otherwise, -ENOMEM if the stream did not take it all. After a
- *          failure the buffers keep what was composed.
+ * Returns:   2.
+ * Errors:    the negative result of the step that failed; -ENOMEM if the stream did not take it all. The
+ *            buffers keep what was composed.
  */
 int32_t httpd_fail(struct httpd_conn *conn, int version, int code);
 
 /*
- * Decodes "%41" and "+" to a new string for the caller to free; null for null `bytes` or a negative
- * length. An escape cut off by the end, or by a zero byte, loses its "%". Digits are not checked:
- * whatever follows a "%" is combined.
+ * Decodes "%41" and "+". An escape cut off by the end, or by a zero byte, loses its "%". Digits are not
+ * checked. Each escape makes it read, and decode, two more bytes after the input. The caller must own
+ * them: `length` * 3 bytes suffice, zeros after the text.
  *
- * The result has `length` characters also when there are escapes: each makes it read,
- * and decode, two more bytes behind the input. The caller must own them: `length` * 3 bytes are
- * always enough, and behind the text proper they should be zero.
+ * Returns:   a new string of `length` characters.
+ * Errors:    null: null `bytes`, or a negative length.
+ * Ownership: the caller frees it.
  */
 char *http_alloc_url_decode(const char *bytes, int32_t length);
 
 /*
- * Encodes to a new string for the caller to free: ASCII letters, digits and "-._~" stay, a space
- * becomes "+", every other byte "%" and two lower-case digits. Null for null `bytes` or a negative
- * length.
+ * Encodes: ASCII letters, digits and "-._~" stay, a space becomes "+", every other byte "%" and two
+ * lower-case digits.
+ *
+ * Returns:   a new string.
+ * Errors:    null: null `bytes`, or a negative length.
+ * Ownership: the caller frees it.
  */
 char *http_alloc_url_encode(const char *bytes, int32_t length);
 
 /*
- * The decoded value of the parameter `name` (in any case) in a new string for the caller to free:
- * from the query of a GET, from the body of a POST whatever its type. "" if it has no "="; null if
- * there is no such parameter, and for other methods. The first match counts.
+ * Looks up the parameter `name`, in any case, in the query of a GET or the body of a POST, whatever its
+ * type. The first parameter of a query carries the "?" in its name: those of "?a=1&b=2" are "?a" and "b".
  *
- * The first parameter of a query carries the "?" in its name: in "?a=1&b=2" they are
- * called "?a" and "b".
+ * Returns:   the first match's decoded value, "" without "="; null if there is none, and for other
+ *            methods.
+ * Ownership: the caller frees it.
  */
 char *http_req_lookup_param(struct httpd_conn *conn, const char *name);
 
 /*
- * 1 if `text` looks like a host with an optional port ("host", "host:80"), else 0: it has none of
- * "/%? ", and what follows its first ":", if there is one, is a number from 1 to 65535. So an IPv6
- * address in brackets is refused.
+ * Checks that `text` looks like a host with an optional port: it has none of "/%? ", and after its first
+ * ":", if any, there is a number from 1 to 65535. So an IPv6 address in brackets is refused.
+ *
+ * Returns:   1 or 0.
  */
 int http_check_host_port(const char *text);
 

@@ -23,8 +23,8 @@ extern "C" {
  * Stores the destinations (LOG_DEST_*), the syslog facility and the identity, printed as "ident: " before
  * each line. The first message decides what has been left open:
  *
- * - a negative `mask` or `facility`, or no call: LOG_DEST_STDIO and LOG_USER if descriptor 1 is a terminal,
- *   else LOG_DEST_SYSLOG and LOG_DAEMON;
+ * - a negative `mask` or `facility`, or no call: LOG_DEST_STDIO and LOG_USER if descriptor 1 is a
+ *   terminal, else LOG_DEST_SYSLOG and LOG_DAEMON;
  * - a null `ident`: the process's own name, but none for LOG_DEST_STDIO alone.
  *
  * If the first message goes to syslog it opens that, for good. A later call changes the destinations, and
@@ -55,8 +55,8 @@ void out_of_memory(void) __attribute__((noreturn, cold));
 #define LOG_STRINGIFY_(x) #x
 
 /*
- * Limits a noisy message to `burst` times in each `interval`. Usually a static variable beside the message:
- * `static struct ratelimit_state noisy = {5000, 10, 0, 0, 0};`.
+ * Limits a noisy message to `burst` times in each `interval`. Usually a static variable beside the
+ * message: `static struct ratelimit_state noisy = {5000, 10, 0, 0, 0};`.
  */
 struct ratelimit_state {
 	int32_t interval; /* milliseconds; 0: no limit; below 0: compatibility, negative interval */
@@ -67,8 +67,8 @@ struct ratelimit_state {
 };
 
 /*
- * Asks whether a message may be written now. The first call after a period with refusals logs
- * "<name>: <count> callbacks suppressed" as LOG_WARNING.
+ * Asks whether a message may be written now. The first call after a period with refusals logs "<name>:
+ * <count> callbacks suppressed" as LOG_WARNING.
  *
  * Returns:   1: write it; 0: keep silent.
  */

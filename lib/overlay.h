@@ -1,9 +1,9 @@
 /*
  * overlay - a writable root at start-up: the read-only root below, and above it a layer in flash memory.
  *
- * For the firmware's first program, once, before any daemon starts: these calls change the mounts of
- * everything that runs in the same mount namespace, and need the right to do so (CAP_SYS_ADMIN). Mounts
- * must not be shared with another namespace. What fails is logged. No pointer may be null.
+ * For the firmware's first program, once, before any daemon starts: these calls change the mounts of all
+ * that shares its mount namespace. They need CAP_SYS_ADMIN, and mounts not shared with another namespace.
+ * Failures are logged. No pointer may be null.
  */
 #pragma once
 
@@ -13,36 +13,35 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /*
- * Makes the root writable: mounts the flash partition "rootfs_data" (JFFS2) at /data, an overlay at /mnt of
- * the present root below and /data/upper above, and pivots into it. Afterwards the root is the overlay, the
- * old root is at /system, and /proc, /dev, /tmp, /sys and /data are where they were.
+ * Mounts the flash partition "rootfs_data" (JFFS2) at /data, and at /mnt an overlay of the present root
+ * below and /data/upper above, and pivots into it. The old root is then at /system; /proc, /dev, /tmp,
+ * /sys and /data are where they were. /data, /mnt and /system must be directories, /proc mounted, /tmp a
+ * writable mount.
  *
- * A partition that cannot be mounted is erased, once, and tried again. Where there is none, or it cannot be
- * used after all, "fallback to ramoverlay" is logged and the upper layer is in memory, at /tmp/root: the
- * system comes up writable and forgets what is written at the next start. Whether that worked is not told.
+ * A partition that cannot be mounted is erased, once. If there is none, or it still cannot be used,
+ * "fallback to ramoverlay" is logged, and the upper layer is in memory, at /tmp/root: what is written is
+ * lost at the next start.
  *
- * The directories /data, /mnt and /system must be there, /proc must be mounted, and /tmp must be a mount
- * that can be written to. A switch that fails half-way, without /system for instance, has moved /proc
- * into the first overlay by then, and the second cannot succeed either.
+ * Errors:    not told. A switch that fails half-way, for want of /system say, has moved /proc into the
+ *            first overlay, and the second cannot succeed either.
  */
 void mount_overlayfs(void);
 
 /*
- * Makes the mount point `new_root` the root, and keeps the old one at `put_old`, a directory below the
- * new root, written as a path from there ("/system"). Paths put together of the two, and of the
- * directories below, are cut off at 63 bytes, without an error. /proc moves along before
- * that; /dev, /tmp, /sys and /data after it, each if it was mounted: one that was not is logged, and no
- * failure. The working directory is moved by the kernel if it was the old root, and stays where it is
- * otherwise.
+ * Makes the mount point `new_root` the root, and keeps the old one at `put_old`, a directory in the new
+ * root, named as seen from there ("/system"). /proc moves before; /dev, /tmp, /sys and /data after, and
+ * one that was not mounted is only logged. Paths made of these names are cut at 63 bytes. A working
+ * directory moves along if it was the old root.
  *
- * Returns: 0; a negated errno if /proc cannot be moved, and nothing has been changed; or -1 if the kernel
- *          refuses to change the root: /proc has moved into `new_root` by then. (-EPERM is -1, too.)
+ * Returns:   0.
+ * Errors:    a negated errno: /proc cannot be moved, nothing has changed. -1 (also -EPERM): the kernel
+ *            refuses to change the root, and /proc is in `new_root`.
  */
 int pivot(const char *new_root, const char *put_old);
 
 /*
- * Erases a flash device, named as find_mtd does ("mtd5"), for JFFS2, by running
- * `/usr/sbin/flash_eraseall -jq /dev/<mtd>` to its end without a standard error. A failure is logged.
+ * Erases a flash device, as find_mtd names it ("mtd5"), for JFFS2: runs `/usr/sbin/flash_eraseall -jq
+ * /dev/<mtd>` to its end without a standard error. A failure is logged.
  */
 void erase_flash(const char *mtd);
 

@@ -1,8 +1,8 @@
 /*
  * sock - listening and connecting TCP sockets over IPv4, and a connection of any kind that comes back.
  *
- * One thread; call evloop_init first (evloop.h). Records are the caller's; start from zero bytes. Errors of
- * sockets are returned, never logged, and leave the record as it was.
+ * One thread; call evloop_init first (evloop.h). Records are the caller's; start from zero bytes. Errors
+ * of sockets are returned, never logged, and leave the record as it was.
  */
 #pragma once
 #include <stdint.h>
@@ -32,24 +32,25 @@ struct sock {
 };
 
 /*
- * Listens at `host` (an address or a name; null: every address) and `service` (a port number or a service's
- * name). The loop accepts one connection a pass; `backlog` more may wait. An address that a former listener
- * left in TIME_WAIT can be taken again.
+ * Listens at `host` (an address or a name; null: every address) and `service` (a port number or a
+ * service's name). The loop accepts one connection a pass; `backlog` more may wait. An address that a
+ * former listener left in TIME_WAIT can be taken again.
  *
  * Without evloop_init nobody accepts: the result is still 0, but `io.registered` is 0. A connection that
  * cannot be accepted is tried again on the next pass, so without a free descriptor the loop stays busy.
  *
  * Returns:   0.
- * Errors:    -EOPNOTSUPP without SOCK_TCP. Resolving: -ENOMEM; -2 (EAI_NONAME, the resolver's own number): an
- *            unknown name; else -EINVAL. The failure of the last address tried: -errno, or the positive
- *            errno if its socket could not be created.
+ * Errors:    -EOPNOTSUPP without SOCK_TCP. Resolving: -ENOMEM; -2 (EAI_NONAME, the resolver's own
+ *            number): an unknown name; else -EINVAL. The failure of the last address tried: -errno, or
+ *            the positive errno if its socket could not be created.
  */
 int sock_listen(struct sock *sock, const char *host, const char *service, int backlog)
 	__attribute__((warn_unused_result));
 
 /*
- * Opens a connected, blocking socket in `sock->io.fd`, for a stream to take up; nothing is watched. It blocks
- * while it resolves and connects. A `timeout_s` above 0 bounds the connecting to each address, in seconds.
+ * Opens a connected, blocking socket in `sock->io.fd`, for a stream to take up; nothing is watched. It
+ * blocks while it resolves and connects. A `timeout_s` above 0 bounds the connecting to each address, in
+ * seconds.
  *
  * Returns:   0.
  * Errors:    as sock_listen; -ETIMEDOUT when the bound is reached.
@@ -65,9 +66,9 @@ int sock_connect(struct sock *sock, const char *host, const char *service, int t
 int sock_close(struct sock *sock);
 
 /*
- * Keeps a daemon connected to a service: the daemon connects, and tells when the connection is lost. Attempts
- * are always the same delay apart. Set `connect` and perhaps `on_connected`, and call init_stable_connection.
- * To give up, cancel `timer`; keep the record until then. Nothing is allocated.
+ * Keeps a daemon connected to a service: the daemon connects, and tells when the connection is lost.
+ * Attempts are always the same delay apart. Set `connect` and perhaps `on_connected`, and call
+ * init_stable_connection. To give up, cancel `timer`; keep the record until then. Nothing is allocated.
  */
 struct stable_connection {
 	int (*connect)(void);        /* connects; 0: done, anything else: failed */
@@ -82,8 +83,8 @@ struct stable_connection {
 void init_stable_connection(struct stable_connection *c, int retry_delay_ms);
 
 /*
- * Connects now, inside the call, instead of a retry that is due. It leaves `retry_pending` set then, although
- * no timer runs after a success; the timer's own attempts clear it.
+ * Connects now, inside the call, instead of a retry that is due. It leaves `retry_pending` set then,
+ * although no timer runs after a success; the timer's own attempts clear it.
  *
  * Returns:   the result of `on_connected`, 0 without one.
  * Errors:    -EAGAIN: `connect` failed, and is tried again after the delay; not logged. -EINVAL, logged:

@@ -3,8 +3,8 @@
  *
  * What arrives is read into `rx` as soon as it is there. What is written is sent before stream_write
  * returns, as far as the kernel takes it; the rest waits in `tx`. (httpd corks its connections: httpd.h.)
- * The owner is told of new bytes (`notify_read`), of end of file and of errors (`notify_state`) on a later
- * pass of the loop, and of a drained `tx` (`notify_write`) at once.
+ * The owner is told of new bytes (`notify_read`), of end of file and of errors (`notify_state`) on a
+ * later pass of the loop, and of a drained `tx` (`notify_write`) at once.
  *
  * Call evloop_init first; everything runs on the loop's thread. Failures are negated errno values. The
  * record is the caller's, and may be cleaned up and released in any of the three callbacks. So is the
@@ -37,19 +37,20 @@ struct stream {
 	uint8_t state;     /* STREAM_EOF, STREAM_ERROR, STREAM_READ_DISABLED */
 
 	/*
-	 * Reads; set it before stream_init to replace the default, which reads `io.fd`. Returns how many bytes
-	 * (1 to `count`), 0 at end of file, -EAGAIN if there are none now, another negative value on an error.
-	 * It is called until it finds nothing, and never after stream_disable_read or an error. It must not
-	 * clean the stream up.
+	 * Reads; set it before stream_init to replace the default, which reads `io.fd`. Returns how many
+	 * bytes (1 to `count`), 0 at end of file, -EAGAIN if there are none now, another negative value
+	 * on an error. It is called until it finds nothing, and never after stream_disable_read or an
+	 * error. It must not clean the stream up.
 	 *
-	 * Only here can `rx` be bounded: the owner is not called before the descriptor is empty, so a fast
-	 * sender fills `rx` however soon it is consumed. docs/recipes.md has a function that stops at a mark.
+	 * Only here can `rx` be bounded: the owner is not called before the descriptor is empty, so a
+	 * fast sender fills `rx` however soon it is consumed. docs/recipes.md has a function that stops
+	 * at a mark.
 	 */
 	int32_t (*read)(struct stream *stream, void *bytes, uint32_t count);
 	/*
-	 * Writes; replaced in the same way. Returns how many bytes were taken (0 to `count`, fewer when the
-	 * descriptor would block), or a negative value on an error. It must not clean the stream up. The
-	 * default writes to `io.fd`, where a peer that has gone may raise SIGPIPE.
+	 * Writes; replaced in the same way. Returns how many bytes were taken (0 to `count`, fewer when
+	 * the descriptor would block), or a negative value on an error. It must not clean the stream up.
+	 * The default writes to `io.fd`, where a peer that has gone may raise SIGPIPE.
 	 */
 	int32_t (*write)(struct stream *stream, const void *bytes, uint32_t count);
 
@@ -64,21 +65,21 @@ struct stream {
  * INT32_MAX bytes in `rx` are a STREAM_ERROR. A descriptor that epoll does not take (a regular file) is
  * never read; that is not checked.
  *
- * The loop reports a hang-up after end of file, and a pipe without a writer, on every pass. To read a pipe
- * to its end, take what is left in `rx` in notify_state (it is all), and call stream_cleanup at once. After
- * STREAM_ERROR a stream whose peer hangs up leaves the loop by itself.
+ * The loop reports a hang-up after end of file, and a pipe without a writer, on every pass. To read a
+ * pipe to its end, take what is left in `rx` in notify_state (it is all), and call stream_cleanup at
+ * once. After STREAM_ERROR a stream whose peer hangs up leaves the loop by itself.
  *
  * Returns:   0; exhausted memory ends the process.
  */
 int stream_init(struct stream *stream, int fd);
 
 /*
- * Writes `count` bytes to the descriptor, unless others are queued; `tx` takes the rest. Without a backlog
- * that is one system call and no copy. What the descriptor has taken is the kernel's: the process may end, or
- * hand the descriptor to a child. What is in `tx` is lost with the process.
+ * Writes `count` bytes to the descriptor, unless others are queued; `tx` takes the rest. Without a
+ * backlog that is one system call and no copy. What the descriptor has taken is the kernel's: the process
+ * may end, or hand the descriptor to a child. What is in `tx` is lost with the process.
  *
- * Returns:   the number of bytes sent or queued, normally `count`; 0 for null `bytes`, and once STREAM_ERROR
- *            is set (the bytes are dropped).
+ * Returns:   the number of bytes sent or queued, normally `count`; 0 for null `bytes`, and once
+ *            STREAM_ERROR is set (the bytes are dropped).
  * Errors:    the negative result of `write` (notify_state follows); -EINVAL before stream_init, after
  *            stream_cleanup, and if `count` is more than `tx` could still hold: nothing is written then.
  */
@@ -98,8 +99,8 @@ int32_t stream_vprintf(struct stream *stream, const char *format, va_list argume
 void stream_notify_read(struct stream *stream);
 
 /*
- * Stops reading for good. What was received stays in `rx`; what comes stays in the kernel. End of file of a
- * peer that still reads is not noticed. A hang-up or a reset is STREAM_ERROR, whatever is left to read;
+ * Stops reading for good. What was received stays in `rx`; what comes stays in the kernel. End of file of
+ * a peer that still reads is not noticed. A hang-up or a reset is STREAM_ERROR, whatever is left to read;
  * notify_state follows once, and the stream leaves the loop.
  */
 void stream_disable_read(struct stream *stream);

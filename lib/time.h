@@ -5,8 +5,8 @@
  * not tell the date. Nothing here fails: errors of the system's clocks are ignored, and a result that
  * does not fit wraps.
  *
- * "Short range" means that a function takes its seconds from the low 32 bits of the microseconds, read
- * as a signed number. Durations below 2^31 microseconds (35 min 47 s) are right; longer ones wrap.
+ * "Short range" means that a function takes its seconds from the low 32 bits of the microseconds, read as
+ * a signed number. Durations below 2^31 microseconds (35 min 47 s) are right; longer ones wrap.
  */
 #pragma once
 #include <stdint.h>
@@ -36,9 +36,9 @@ int32_t time_now_sec_clock(clockid_t clock);
 int32_t time_now_sec(void);
 
 /*
- * Split `time` into seconds, of the short range, and the rest. The nanoseconds of time_to_timespec come from
- * all 64 bits, read as unsigned. The microseconds of time_to_timeval come from the low 32 bits and may be
- * negative: 3,000,000,000 gives -1294 s and -967,296 us.
+ * Split `time` into seconds, of the short range, and the rest. The nanoseconds of time_to_timespec come
+ * from all 64 bits, read as unsigned. The microseconds of time_to_timeval come from the low 32 bits and
+ * may be negative: 3,000,000,000 gives -1294 s and -967,296 us.
  *
  * Returns:   `result`, filled in.
  */

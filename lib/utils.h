@@ -13,56 +13,54 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /*
- * Runs the program at `path` with the arguments `argv` (ended by null, the first one its name) and waits
- * for its end, however long that takes: for short tools at start-up, not for the event loop, which has
- * evloop_process. With `quiet` the program starts without a standard error; the first file that it opens
- * may then get that number. It inherits everything else that is not closed on exec.
+ * Runs the program at `path` with `argv` (its name first, null last) and waits for its end, however long
+ * that takes: for short tools at start-up; the event loop has evloop_process. The program inherits what
+ * is not closed on exec. With `quiet` it has no standard error; the first file that it opens may get that
+ * number.
  *
- * Returns: the status as waitpid gives it, not decoded: 0 if the program exited with 0, 256 if with 1,
- *          as also when it cannot be started, which is logged (but not to a standard error that is
- *          closed). A negative errno if no process can be made, or if what became of it cannot be learnt
- *          (a daemon that ignores SIGCHLD).
+ * Returns:   the status of waitpid, not decoded: 0 for exit code 0; 256 for 1, and if it cannot be
+ *            started, which is logged (not to a closed standard error).
+ * Errors:    a negative errno: no process can be made, or its end is lost (a daemon ignores SIGCHLD).
  */
 int execute(const char *path, char *const argv[], int quiet);
 
 /*
- * Sends SIGTERM to each child of the process `parent`, the caller included if it is one, not to their
- * children, and does not wait for them. It reads /proc, so a child that is made or ends meanwhile is
- * found or not. One that cannot be signalled is logged and does not stop the rest. The parent is taken
- * from the fourth word of /proc/<pid>/stat, and a child whose command name holds a blank is thus missed,
- * or taken for another's.
+ * Sends SIGTERM to each child of the process `parent`, the caller included, not to their children; does
+ * not wait. It reads /proc, so a child that comes or goes meanwhile may be missed. The parent is the
+ * fourth word of /proc/<pid>/stat: a child with a blank in its command name is missed, or taken for
+ * another's.
  *
- * Returns: 0 if all of /proc has been read, else -1, which is logged.
+ * Returns:   0: all of /proc has been read.
+ * Errors:    -1, logged. A child that cannot be signalled is logged; the rest are signalled.
  */
 int kill_children(pid_t parent);
 
 /*
- * The console's device name from the kernel's command line ("ttyS0" of "console=ttyS0,115200"): of its
- * first 255 characters what follows the first "console=". It ends at the first comma, even
- * one in a later parameter; only without any comma at the first blank; and without either it is the rest,
- * the line feed included.
+ * Reads the console's device name, such as "ttyS0" of "console=ttyS0,115200": what follows the first
+ * "console=" in the first 255 characters of the kernel's command line. It ends at the first comma, even
+ * of a later parameter; without any comma at the first blank; without either it keeps the line feed.
  *
- * Returns text that the caller frees, or null if there is no console on it, or it cannot be read.
+ * Returns:   text; null if there is none, or it cannot be read.
+ * Ownership: the caller frees the text.
  */
 char *get_tty(void);
 
 /*
- * Points standard output (if `out` is not 0) and standard error (if `err` is not 0) at /dev/null, closed
- * before or not. What stdio still holds goes there, too: flush first.
+ * Points standard output (if `out`) and standard error (if `err`) at /dev/null, even closed ones. What
+ * stdio still holds goes there, too: flush first.
  *
- * Returns: 0, or -1 with errno set if /dev/null cannot be opened.
+ * Returns:   0.
+ * Errors:    -1 with errno set: /dev/null cannot be opened.
  */
 int redir_to_devnull(int out, int err);
 
-/*
- * 1 if `array` is a JSON array whose elements are all of `type`, an empty one included; else 0, also for
- * null.
- */
+/* Returns:   1 if `array` is a JSON array of `type` only, or empty; else 0, also for null. */
 int json_array_elements_type_check(const json_t *array, json_type type);
 
 /*
- * 1 if `hex` spells the `length` bytes at `bin`, two digits a byte and nothing else; else 0, also for a
- * negative length. Digits in upper case never match.
+ * Compares `hex` with the `length` bytes at `bin`.
+ *
+ * Returns:   1 for two lower-case digits a byte and nothing else; else 0, also for a negative length.
  */
 int hex_bin_equal(const char *hex, const unsigned char *bin, int length);
 
