@@ -28,23 +28,23 @@ struct buffer {
 struct buffer *buffer_new(void) __attribute__((returns_nonnull));
 struct buffer *buffer_new_with_size(int32_t size) __attribute__((returns_nonnull));
 
-/* Frees the buffer and its bytes. Null is ignored. */
+/* Null is ignored. */
 void buffer_free(struct buffer *buffer);
 
 /* Returns:   bytes in use; 0 for null. */
 int32_t buffer_length(const struct buffer *buffer);
 
 /*
- * Gives the bytes, and their number in `*length`.
+ * Gives the bytes, with their number in `*length`.
  *
- * Returns:   `data`; null for null, and `*length` is then not written.
+ * Returns:   `data`; null for null, with `*length` unwritten.
  * Ownership: borrowed until the next call that appends or consumes.
  */
 char *buffer_get_data(struct buffer *buffer, int32_t *length);
 
 /*
- * Appends `count` bytes, which must not lie in this buffer; `bytes` may be null if `count` is 0. A buffer
- * too small grows by `count` + 128 bytes over its old size, not to the double.
+ * Appends `count` bytes, which must not lie in this buffer; with 0 they may be null. A buffer too small
+ * grows by `count` + 128 bytes over its old size.
  *
  * Returns:   `count`.
  * Errors:    -1: null buffer; -EINVAL: negative count; -ENOMEM: more than INT32_MAX bytes. The buffer is
@@ -53,12 +53,12 @@ char *buffer_get_data(struct buffer *buffer, int32_t *length);
 int32_t buffer_write(struct buffer *buffer, const void *bytes, int32_t count);
 
 /*
- * Appends formatted text and a terminating zero, which is not counted, if both fit in the space that is
- * free now. For texts of unknown length, format first and use buffer_write, or write to a stream.
+ * Appends formatted text and a zero, which is not counted, if both fit in the free space. For texts of
+ * unknown length, format first and use buffer_write, or write to a stream.
  *
  * Returns:   the number of bytes appended.
- * Errors:    -ENOMEM: it does not fit, and nothing is appended. The buffer grows by what the text lacked
- *            without its zero, so the same text fails again. -1: null buffer. A failure of vsnprintf.
+ * Errors:    -ENOMEM: it does not fit; nothing is appended. The buffer grows by what the text lacked
+ *            without its zero, so it fails again. -1: null buffer. A failure of vsnprintf.
  */
 int32_t buffer_printf(struct buffer *buffer, const char *format, ...)
 	__attribute__((format(printf, 2, 3), warn_unused_result));
@@ -66,8 +66,8 @@ int32_t buffer_vprintf(struct buffer *buffer, const char *format, va_list argume
 	__attribute__((format(printf, 2, 0), warn_unused_result));
 
 /*
- * Drops `count` bytes from the front, or all if there are no more. The rest moves, so consume in large
- * pieces; the storage never shrinks. Null is ignored; so is a count of 0 or less.
+ * Drops `count` bytes, or all, from the front. The rest moves: consume in large pieces. The storage never
+ * shrinks. Null, and a count of 0 or less, are ignored.
  */
 void buffer_consume(struct buffer *buffer, int32_t count);
 

@@ -1,9 +1,9 @@
 /*
  * caldata - flash partitions by name, and calibration data copied from them to where drivers look for it.
  *
- * Radio drivers load calibration data from /lib/firmware; it is in a raw flash partition. A slice of that
- * is copied once: the file survives where the root file system is writable. Every call is synchronous,
- * and failures are logged. Pointers must not be null unless a function says so.
+ * Radio drivers load calibration data from /lib/firmware. A slice of a raw flash partition is copied
+ * there once: the file survives where the root is writable. Calls are synchronous; failures are logged.
+ * Pointers must not be null unless a function says so.
  */
 #pragma once
 
@@ -24,28 +24,28 @@ char *find_mtd(const char *name) __attribute__((warn_unused_result));
 
 /*
  * Copies `length` bytes from byte `offset` of a partition to /lib/firmware/<file>, unless there is such a
- * file. A directory in `file` must be there. A dangling link stays, and the file that it names is made.
+ * file. A directory in `file` must exist; a dangling link is followed.
  *
- * The file appears when it is whole and on the medium. Until then the copy is "_" in the same folder; no
- * file may be called so. If the process is killed the next call for the folder removes that and starts
- * anew. A call waits for another process that makes a file in the folder.
+ * The file appears when it is whole and on the medium. Until then it is "_" in the same folder, which
+ * `file` must not be; one left by a killed process is replaced by the folder's next call. A call waits
+ * while another process makes a file in the folder.
  *
- * The slice must lie within the partition: at the end of the data the call goes on reading for ever.
+ * The slice must lie within the partition: at its end the call reads on for ever.
  *
  * Returns:   0, also if the file was there, whatever it holds.
- * Errors:    -ENOENT: no such partition; -1: a path of more than 4096 characters (one of exactly 4096
- *            loses its last); else a negated errno of opening, seeking, reading or writing. No part of a
- *            file remains.
+ * Errors:    -ENOENT: no such partition; -1: a path over 4096 characters (one of exactly 4096 loses its
+ *            last); else a negated errno of opening, seeking, reading or writing. Nothing of a file
+ *            remains.
  */
 int caldata_export(const char *file, const char *partition, unsigned offset, unsigned length);
 
 /*
- * The same, with the 6 bytes at `mac` over those from byte 6 of the copy on, which is extended if it is
- * shorter. The file appears with the address in it. No checksum is mended.
+ * The same, with the 6 bytes at `mac` from byte 6 of the copy on; a shorter copy is extended. The file
+ * appears with the address in it. No checksum is mended.
  *
  * Returns:   as caldata_export.
- * Errors:    as caldata_export; -EINVAL: no `mac`. If only the address cannot be written, the file
- *            appears without it, or with a part of it: the next call returns 0.
+ * Errors:    as caldata_export; -EINVAL: no `mac`. If just the address cannot be written the file appears
+ *            without it, or with a part of it, and the next call returns 0.
  */
 int ath10k_caldata_patch(
 	const char *file, const char *partition, const unsigned char *mac, unsigned offset, unsigned length);

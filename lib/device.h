@@ -2,8 +2,8 @@
  * device - the board that the daemons run on: its interfaces, radios, switch ports, LEDs and start-up
  * work.
  *
- * The library knows one board, and describes it before any constructor of a daemon runs. Reading without
- * a description ends the process (assert_failure). All text is the description's: do not free it. One
+ * The library's one board is described before any constructor of a daemon runs. Reading without a
+ * description ends the process (assert_failure). All text is the description's: do not free it. One
  * thread.
  */
 #pragma once
@@ -24,31 +24,33 @@ struct device_switch {
 	const char *lan;     /* the LAN port or ports */
 };
 
-/* A board. It and all that it points to must live as long as the process. */
+/* A board. All that it points to must live as long as the process. */
 struct device {
 	const char *id;                     /* for machines, "unifiacpro" */
 	const char *vendor;                 /* its maker */
 	const char *name;                   /* the model, for people */
 	const struct device_switch *sw;     /* null without a switch */
-	const char *wan_iface;              /* the network interface that faces the WAN; never null */
-	const char *lan_iface;              /* that of the LAN; null without one of its own */
+	const char *wan_iface;              /* network interface towards the WAN; never null */
+	const char *lan_iface;              /* towards the LAN; null without one of its own */
 	const char *radio1_phy;             /* the first radio in /sys/class/ieee80211, "phy1"; may be null */
-	uint8_t radio1_mode;                /* what it can do; the bits are the daemons' */
+	uint8_t radio1_mode;                /* the daemons' bits */
 	const char *radio2_phy;             /* the second radio; may be null */
-	uint8_t radio2_mode;                /* what it can do */
-	int (*led_set)(unsigned int state); /* shows one of DEV_LED_*, and ignores others; may be null */
+	uint8_t radio2_mode;                /* the same */
+	int (*led_set)(unsigned int state); /* shows DEV_LED_*, ignores others; may be null */
 	int (*init)(void);                  /* start-up work; may be null */
 	int (*post_upgrade)(void);          /* work after a firmware upgrade; may be null */
 };
 
-/* What the LEDs show, and how the built-in board does. */
+/* What the LEDs show; on the built-in board: */
 enum {
-	DEV_LED_OFF = 0,              /* nothing */
-	DEV_LED_WHITE_BLINK = 1,      /* white, blinking as fast as the kernel chooses */
-	DEV_LED_BLUE_ON = 2,          /* blue */
-	DEV_LED_WHITE_BLINK_FAST = 3, /* white, 100 ms on and 100 ms off */
-	DEV_LED_WHITE_BLINK_SLOW = 4, /* white, 1000 ms on and 1000 ms off */
-	DEV_LED_BLUE_BLINK = 5,       /* blue, blinking as fast as the kernel chooses */
+	DEV_LED_OFF = 0,
+
+	DEV_LED_WHITE_BLINK = 1, /* at the kernel's pace */
+	DEV_LED_BLUE_ON = 2,
+
+	DEV_LED_WHITE_BLINK_FAST = 3, /* 100 ms on, 100 ms off */
+	DEV_LED_WHITE_BLINK_SLOW = 4, /* 1000 ms on, 1000 ms off */
+	DEV_LED_BLUE_BLINK = 5,       /* at the kernel's pace */
 };
 
 /*
@@ -75,7 +77,7 @@ int dev_has_radio(unsigned int index);
 /* Returns:   1 if there is a switch, else 0. */
 int dev_has_switch(void);
 
-/* Returns:   the member of the switch; null without one. If `cpu_lan` is null, dev_switch_cpu_lan gives `cpu`. */
+/* Returns:   the member of the switch; null without one. Of a null `cpu_lan` it is `cpu`. */
 const char *dev_switch_dev(void);
 const char *dev_switch_cpu(void);
 const char *dev_switch_cpu_lan(void);
@@ -83,9 +85,9 @@ const char *dev_switch_wan(void);
 const char *dev_switch_lan(void);
 
 /*
- * Call the description's functions. `state` is one of DEV_LED_*. dev_init is for the program that brings
- * the system up: on the built-in board it copies the radios' calibration data (caldata.h), logs each file
- * that cannot be made, and gives 0; with a partition "EEPROM" that is too short it never returns.
+ * Call the description's functions; `state` is one of DEV_LED_*. dev_init is for the program that brings
+ * the system up. That of the built-in board copies the radios' calibration data (caldata.h), logs each
+ * file that cannot be made, and returns 0; with a partition "EEPROM" that is too short it never does.
  *
  * Returns:   the function's result; 0 without one.
  */
@@ -98,18 +100,17 @@ int dev_post_upgrade(void);
  * radio.
  *
  * Returns:   0.
- * Errors:    -ENOENT: one cannot be read, logged for radios only (asking the interface needs
- *            CAP_NET_RAW); -ENOMEM, also for an address that JSON cannot hold. `*out` is left as it was.
+ * Errors:    -ENOENT: one cannot be read, logged for radios only (the interface's needs CAP_NET_RAW);
+ *            -ENOMEM, also for an address that JSON cannot hold. `*out` is as it was.
  * Ownership: `*out` is the caller's.
  */
 int dev_get_mac_json_array(json_t **out);
 
 /*
- * For functions of boards: writes `value` to /sys/class/leds/<led>/<attribute>, which is made if the
- * directory lets it.
+ * For boards: writes `value` to /sys/class/leds/<led>/<attribute>, a file that is made if possible.
  *
- * Errors:    a file that cannot be opened is logged; a value that it does not take is not. A path of more
- *            than 4096 characters is logged and left; one of exactly 4096 loses its last.
+ * Errors:    a file that cannot be opened is logged; whether it takes the value is not looked at. A path
+ *            over 4096 characters is logged and left; one of exactly 4096 loses its last.
  */
 void _led_set_attr(const char *led, const char *attribute, const char *value);
 

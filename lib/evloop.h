@@ -5,8 +5,7 @@
  * then dispatches at most one ready descriptor: timeouts and children wait for one callback at most.
  *
  * Every call is made on the loop's thread, from callbacks too; none is safe in a signal handler (watch a
- * signalfd). Records are the caller's, who embeds them in records of its own and finds those again from
- * the address that a callback is given. Nothing is allocated.
+ * signalfd). Records are the caller's, embedded in records of its own. Nothing is allocated.
  */
 #pragma once
 #include <stdint.h>
@@ -16,20 +15,20 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* Events asked for, and events reported to a callback. */
+/* Events: asked for, and reported. */
 #define EVLOOP_READ  1
 #define EVLOOP_WRITE 2
 
-/* Events that one wait fetches, a batch; the rest stay in the kernel until the next. */
+/* Events that one wait fetches: a batch. */
 #define EVLOOP_MAX_EVENTS 10
 
 /*
  * Watches one descriptor; start from zero bytes. While it is registered the loop holds its address: call
  * evloop_io_delete before the descriptor is closed, or the record moved or released.
  *
- * The loop is level-triggered. An error or a hang-up is reported as both events, whatever was asked for,
- * so that the next read or write meets it. `cb` may add and delete any watcher, and release its own
- * record after deleting it; for other records see evloop_io_delete.
+ * The loop is level-triggered. An error or a hang-up is reported as both events, whatever was asked for;
+ * the next read or write meets it. `cb` may add and delete any watcher, and release its own record after
+ * deleting it; for others see evloop_io_delete.
  */
 struct evloop_io {
 	void (*cb)(struct evloop_io *io, unsigned int events); /* the caller's */
@@ -58,9 +57,9 @@ struct evloop_timeout {
 /*
  * Creates the epoll descriptor, closed on exec, unless there is one. The two are the same.
  *
- * Call it before anything that watches a descriptor: evloop_io_add, sock_listen, streams, connections of
- * the HTTP server. Without it nothing is watched, mostly without an error, and evloop_run logs an error a
- * pass, without a pause. Timeouts and child processes need it only to run.
+ * Call it before anything that watches a descriptor: evloop_io_add, sock_listen, streams, httpd. Without
+ * it nothing is watched, mostly without an error, and evloop_run logs one a pass, without a pause.
+ * Timeouts and child processes need it only to run.
  *
  * Returns:   0.
  * Errors:    -1 with errno set; the next call tries again.
@@ -82,11 +81,10 @@ int evloop_io_add(struct evloop_io *io, unsigned int flags);
  * Stops watching. Delete before closing the descriptor, and only what was added: the kernel goes by the
  * number, which may be another watcher's.
  *
- * Events of this record or descriptor that wait in the batch are dropped, but one near the end of the
- * batch may still reach `io->cb`: compatibility, scan bound
+ * Its events in the batch are dropped, but one near the end may still come: compatibility, scan bound
  * So a callback that deletes another descriptor's watcher sets that `cb` to null, and keeps the record
- * for EVLOOP_MAX_EVENTS further passes: the batch is over then (the end of evloop_run does not end it).
- * Streams, connections and listening sockets of this library take care of themselves.
+ * for EVLOOP_MAX_EVENTS passes more, also across evloop_run: then the batch is over. Streams, connections
+ * and sockets of this library do so themselves.
  *
  * Returns:   0.
  * Errors:    -1 with errno set, also if the watcher was never registered.
@@ -94,8 +92,8 @@ int evloop_io_add(struct evloop_io *io, unsigned int flags);
 int evloop_io_delete(struct evloop_io *io);
 
 /*
- * Runs passes until evloop_end; may be called again, not from a callback. A pass waits no longer than
- * until the next timeout, or 500 milliseconds without one.
+ * Runs passes until evloop_end; may be called again, not from a callback. A pass waits until the next
+ * timeout at most, or 500 milliseconds without one.
  *
  * Returns:   0.
  */
@@ -105,22 +103,22 @@ int evloop_run(void);
 void evloop_end(void);
 
 /*
- * Cancels every timeout and deletes every child watcher, without callbacks. Watchers of descriptors stay,
- * as does the epoll descriptor, which a later evloop_init uses again.
+ * Cancels every timeout and child watcher, without callbacks. Watchers of descriptors stay, and the epoll
+ * descriptor, which a later evloop_init uses again.
  */
 void evloop_done(void);
 
 /*
- * Dispatches at most one descriptor. Unless fetched events still wait, it first waits up to `timeout_ms`
- * milliseconds for some (-1: for ever, 0: not at all).
+ * Dispatches at most one descriptor. With an empty batch it first waits up to `timeout_ms` milliseconds
+ * (-1: for ever, 0: not at all).
  *
  * Errors:    a failing wait is logged, except for EINTR.
  */
 void evloop_handle_ios(int timeout_ms);
 
 /*
- * Starts a timer with the `expires` that its owner has set. Timeouts fire in the order of `expires`, as
- * unsigned numbers, and among equals in that of adding.
+ * Starts a timer with the `expires` that its owner has set. Timers fire in the order of `expires`, as
+ * unsigned numbers; equals, in that of adding.
  *
  * Returns:   0; -1: already pending, nothing has changed.
  */
@@ -135,21 +133,20 @@ int evloop_timeout_cancel(struct evloop_timeout *timeout);
 
 /*
  * Makes `timeout` fire once, `delay_ms` milliseconds from now; a pending one is moved. With 0 it is due
- * on the loop's next pass, at times a microsecond later than now. It never fires inside this call. An
- * expiry beyond 64 bits wraps.
+ * on the next pass (within one, a microsecond from now). It never fires inside this call. An expiry
+ * beyond 64 bits wraps.
  *
- * Returns:   0; nothing is allocated, nothing can fail.
- * Ownership: the caller keeps the record; the loop borrows it until it fires or is cancelled.
- * Callbacks: callable from any. `cb` runs with the timeout no longer pending: it may set it again or
- *            release the record around it.
+ * Returns:   0; nothing can fail.
+ * Ownership: the loop borrows the record until it fires or is cancelled.
+ * Callbacks: `cb` runs with the timeout no longer pending: it may set it again, or release the record.
  */
 int evloop_timeout_set(struct evloop_timeout *timeout, int64_t delay_ms);
 
 /*
- * Tells the time until `expires`, also of a timeout that has fired or was cancelled.
+ * Reads the time until `expires`, pending or not.
  *
- * Returns:   whole seconds (1500 ms: 1), 0 once it has passed. It uses the low 32 bits of the
- *            microseconds, signed: beyond 35 minutes it wraps.
+ * Returns:   whole seconds (1500 ms: 1), 0 once it has passed; of the low 32 bits of microseconds,
+ *            signed: wraps beyond 35 minutes.
  */
 int32_t evloop_timeout_remaining(struct evloop_timeout *timeout);
 
@@ -159,8 +156,8 @@ int32_t evloop_get_next_timeout(void);
 /*
  * Runs every timeout that is due at the moment of the call.
  *
- * Callbacks: what they set with a delay of 0 or more is left for the next call; what they add with an
- *            `expires` in the past is not.
+ * Callbacks: what they set with a delay of 0 or more waits for the next call; what they add with an
+ *            `expires` in the past does not.
  */
 void evloop_handle_timeouts(void);
 

@@ -12,9 +12,8 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /*
- * Digest `length` bytes of an open file from byte `offset` on. The file is mapped, not read: it must be
- * open for reading, and its position stays. If it is cut meanwhile, or its device fails, SIGBUS ends the
- * process.
+ * Digest `length` bytes of an open file from byte `offset` on. The file is mapped: it must be open for
+ * reading, and its position stays. If it is cut meanwhile, or its device fails, SIGBUS ends the process.
  *
  * Returns:   0.
  * Errors:    a negative errno if the part cannot be mapped: -ENXIO: it goes past the end of a regular

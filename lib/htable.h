@@ -1,18 +1,17 @@
 /*
  * htable - a hash table of untyped keys and values, and FNV-1 hashing.
  *
- * Open addressing with triangular probing and tombstones. Keys and values are pointers that the table
- * never looks into; they are the caller's unless destroy functions are given. A set, in which every value
- * equals its key, has one array for both.
+ * Keys and values are pointers that the table never looks into; they are the caller's unless destroy
+ * functions are given. A set, in which every value equals its key, has one array for both.
  *
- * One thread at a time; only references may be taken and dropped by several. A null table makes every
- * function return 0 or null, or do nothing, but htable_get_keys and htable_get_values require one.
+ * One thread at a time, but several may take and drop references. For a null table every function returns
+ * 0 or null, or does nothing; only htable_get_keys and htable_get_values require one.
  *
- * Exhausted memory is not fatal. A resize without memory is tried again at the next change; only a table
- * without a free slot refuses a new key.
+ * Exhausted memory is not fatal: a resize is tried again at the next change, and only a full table
+ * refuses a new key.
  *
- * Destroy functions may look into the table, not change it. While all entries are being removed
- * htable_size is 0 already, and a look-up may miss an entry that is still to go.
+ * Destroy functions may look into the table, not change it. While all entries are removed its size is 0
+ * already, and a look-up may miss an entry still to go.
  */
 #pragma once
 #include <stddef.h>
@@ -24,7 +23,7 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 typedef uint32_t (*htable_hash_fn)(const void *key);
-/* Non-zero if equal; the key stored comes first, the key looked for second. */
+/* Returns:   non-zero if equal. */
 typedef int (*htable_equal_fn)(const void *stored, const void *key);
 typedef void (*htable_free_fn)(void *item);
 
@@ -46,8 +45,8 @@ struct htable {
 };
 
 /*
- * FNV-1 (not FNV-1a) of `length` bytes, or of a text without its zero. `hash` is 2166136261 for the usual
- * hash, or an earlier result to go on from.
+ * FNV-1 (not FNV-1a) of `length` bytes, or of a text without its zero. `hash` is 2166136261, or an
+ * earlier result to go on from.
  *
  * Returns:   the hash.
  */
@@ -55,8 +54,8 @@ uint32_t fnv_32_buf(const void *bytes, size_t length, uint32_t hash);
 uint32_t fnv_32_str(const char *text, uint32_t hash);
 
 /*
- * Make a table. `equal_fn` may be null, and so may the destroy functions, which are called on keys and
- * values that are replaced, removed or cleared.
+ * Make a table; all but `hash_fn` may be null. The destroy functions are called on keys and values that
+ * are replaced, removed or cleared.
  *
  * Returns:   the table, with one reference.
  * Errors:    null: memory is exhausted, or `hash_fn` is null.
@@ -75,9 +74,8 @@ void htable_unref(struct htable *table);
  * Store `value` under `key`. Of two equal keys htable_insert keeps the stored one and destroys the one
  * passed; htable_replace keeps the one passed. Both destroy the former value.
  *
- * The first value that differs from its stored key makes a set a map, for good. Of the values stored
- * before, only those in the first slot_count bytes of the array are kept; the others become null. So do
- * not turn a set with entries into a map, and add to a set with htable_add only: htable_insert would keep
+ * The first value that differs from its stored key makes a set a map, for good: the values outside the
+ * first slot_count bytes of the array become null. Add to a set with htable_add only: htable_insert keeps
  * the stored key, from which the one passed, as the value, may differ.
  *
  * Returns:   1: the key was new; 0: it was not.
@@ -107,18 +105,18 @@ int htable_steal(struct htable *table, const void *key);
 void htable_remove_all(struct htable *table);
 void htable_steal_all(struct htable *table);
 
-/* htable_remove_all, then htable_unref. */
+/* As htable_remove_all and htable_unref. */
 void htable_destroy(struct htable *table);
 
 /* Returns:   the number of entries. */
 int32_t htable_size(struct htable *table);
 
 /*
- * List all keys, or values, in slot order, and after them a null pointer, which `*count` does not count;
- * `count` may be null.
+ * List all keys, or values, in slot order, with a final null that `*count` does not count; `count` may be
+ * null.
  *
  * Returns:   a new array.
- * Errors:    null: memory is exhausted; `*count` is not written.
+ * Errors:    null: memory is exhausted, `*count` unwritten.
  * Ownership: the caller frees the array, not what it points to.
  */
 void **htable_get_keys(struct htable *table, uint32_t *count);

@@ -2,26 +2,25 @@
  * httpd - a small HTTP/1.0 and HTTP/1.1 server inside a daemon's event loop.
  *
  * The daemon owns the listening socket and gives each accepted descriptor to httpd_accept (the
- * `accept_cb` of sock.h). The server parses requests, calls the daemon's handler with each, and keeps or
- * closes the connection. README.md has a whole daemon. One thread; call evloop_init first.
+ * `accept_cb` of sock.h). The server calls the daemon's handler with each request, and keeps or closes
+ * the connection. README.md has a whole daemon. One thread; call evloop_init first.
  *
- * A BODY WHOSE LENGTH WAS NOT UNDERSTOOD IS PARSED AS THE NEXT REQUEST, whoever wrote it. The length
- * comes from "Content-Length", in this spelling, and nothing else: not from "content-length", not from
- * chunks. A handler that changes anything refuses such requests and returns 0: docs/recipes.md, "Handle
- * any client".
+ * A BODY WHOSE LENGTH IS NOT UNDERSTOOD IS PARSED AS THE NEXT REQUEST, whoever wrote it. Only
+ * "Content-Length" in this spelling counts, not "content-length", not chunks. A handler that changes
+ * anything refuses such requests and returns 0: docs/recipes.md, "Handle any client".
  *
- * A head has at most 66,560 bytes, a body 66,560; more is answered 400. The first number counts all that
- * has arrived when the head is parsed, so a body that comes in one burst with its head shares it: do not
- * rely on more for both together. Also answered 400: different values of "Content-Length", a zero byte in
- * a header's name, and hundreds of names chosen to collide in the table of headers.
+ * A head has at most 66560 bytes, a body 66560; more is answered 400. A body that has arrived when its
+ * head is parsed counts with it: do not rely on more for both together. Also answered 400: different
+ * values of "Content-Length", a zero byte in a header's name, and names chosen to collide in the table,
+ * by the hundred.
  *
  * A connection ends after 60 seconds without a byte from the peer or, while answers wait for it, without
  * one taken by it. HTTP/1.1 without "Connection: close" keeps it open, unless a request is refused or the
  * handler ends it.
  *
- * Reading stops at HTTPD_RX_BYTES_MAX received bytes until requests have been answered. Reading and
- * answering stop while HTTPD_TX_BYTES_STALL or more bytes of former answers have not been taken. The
- * headers of a request take up to ten times the bytes of its head in addition.
+ * Reading stops at HTTPD_RX_BYTES_MAX received bytes until requests are answered; reading and answering
+ * stop while HTTPD_TX_BYTES_STALL bytes of answers are not taken. The table of headers takes up to ten
+ * times the bytes of a head.
  */
 #pragma once
 #include <stdarg.h>
@@ -39,9 +38,9 @@ extern "C" {
 
 /* A request is refused from this many bytes on: of head, and of "Content-Length". */
 #define HTTPD_REQUEST_BYTES_LIMIT 66561
-/* The largest request, and enough of the next to know that it is to be refused. */
+/* The largest request, and enough of the next to refuse it. */
 #define HTTPD_RX_BYTES_MAX (2 * (HTTPD_REQUEST_BYTES_LIMIT - 1) + HTTPD_REQUEST_BYTES_LIMIT)
-/* Unsent bytes from which on further requests of the connection wait. */
+/* Unsent bytes from which on further requests wait. */
 #define HTTPD_TX_BYTES_STALL 65536
 
 /* `method` of a request, by its exact token. */
@@ -65,24 +64,22 @@ extern "C" {
 struct httpd_conn;
 
 /*
- * Handles one complete request: writes the answer to `conn->stream`, or calls httpd_defer and answers
- * later. What it writes is sent at once (stream_write), so it may then work for long, end the process, or
- * hand the descriptor to a child. Head and body in one write cost one send.
+ * Handles one request: writes the answer to `conn->stream`, or calls httpd_defer and answers later. What
+ * it writes is sent at once (stream_write): it may then work for long, end the process, or hand the
+ * descriptor to a child. Head and body in one write cost one send.
  *
- * The exception is corking. While the head of another request has arrived, too, answers to GETs that keep
- * the connection are gathered, up to 16 KiB, and count as taken: that the peer has gone shows in no
- * result, but ends the connection afterwards. The kernel gets them before the handler is called for the
- * last of these requests or for another method than GET, from httpd_defer, and from
- * stream_flush_tx_async: a handler of a GET calls that before it ends the process or hands the descriptor
- * on.
+ * The exception is corking: once the head of another request has arrived, the answers to GETs that keep
+ * the connection are gathered, up to 16 KiB. They count as taken; that the peer has gone only ends the
+ * connection afterwards. They are sent before the handler is called for the last of these requests or
+ * another method, by httpd_defer, and by stream_flush_tx_async: a handler of a GET calls that before it
+ * ends the process or hands the descriptor on.
  *
- * Over TCP the kernel may keep what was corked, to send it with the last answer: some 200 ms at most if
- * the peer is near, as for an acknowledgement.
+ * Over TCP the kernel may wait with them for the last answer, as it would for an acknowledgement: some
+ * 200 ms if the peer is near.
  *
  * Returns:   non-zero to go on; 0 to close the connection once what was written is sent.
- * Callbacks: it may call httpd_defer, httpd_defer_complete and httpd_ctx_cleanup; `conn` stays valid
- *            until it returns. It must not call stream_cleanup on the connection's stream, nor run the
- *            loop.
+ * Callbacks: may call httpd_defer, httpd_defer_complete and httpd_ctx_cleanup; `conn` stays valid until
+ *            it returns. Must not call stream_cleanup on `conn->stream`, nor run the loop.
  */
 typedef int32_t (*httpd_handler)(struct httpd_conn *conn);
 
@@ -90,7 +87,7 @@ struct httpd_link {
 	struct httpd_link *next, *prev;
 };
 
-/* A server; the daemon's, in place until its last connection, deferred ones included, is gone. */
+/* A server; in place until its last connection, deferred ones included, is gone. */
 struct httpd_ctx {
 	httpd_handler handler;         /* null: every request closes its connection unanswered */
 	struct httpd_link connections; /* the server's */
@@ -99,18 +96,19 @@ struct httpd_ctx {
 /*
  * A connection and its request; the server makes and releases it.
  *
- * `const char` pointers lead into `stream.rx`. They are not terminated, and hold while the handler runs,
- * or until httpd_defer_complete. The server moves them when `rx` moves: read them here afresh, keep no
- * copies.
+ * `const char` pointers lead into `stream.rx`, not terminated. They hold while the handler runs, or until
+ * httpd_defer_complete, and move with `rx`: keep no copies of them.
  *
- * Trust none of it. A target ends at a space, so it may contain line ends: do not echo it into a header.
- * The decoded path may contain any byte, zeros included.
+ * Trust none of it. A target may contain line ends: do not echo it into a header. The decoded path may
+ * contain any byte, zeros included.
  */
 struct httpd_conn {
-	struct httpd_ctx *ctx;
-	struct stream stream; /* its callbacks are the server's */
-	struct httpd_link node;
-	struct evloop_timeout idle_timer;
+	struct httpd_ctx *ctx; /* its server */
+
+	struct stream stream;   /* its callbacks are the server's */
+	struct httpd_link node; /* the server's */
+
+	struct evloop_timeout idle_timer; /* the server's */
 
 	int32_t version; /* 0: HTTP/1.0, 1: HTTP/1.1 */
 	int32_t method;  /* HTTPD_METHOD_* */
@@ -131,8 +129,8 @@ struct httpd_conn {
 	uint32_t arg;  /* from httpd_accept; the handler may change it, it lasts with the connection */
 	uint8_t flags; /* HTTPD_* */
 	/*
-	 * The server's: the path as http_alloc_url_decode decodes it, "/" without one. Each escape brings
-	 * two of the bytes that follow the path: "/a%20b HTTP/1.1" reads "/a b H".
+	 * The server's: `path` as of http_alloc_url_decode, or "/". Each escape brings two of the bytes
+	 * that follow: "/a%20b HTTP/1.1" reads "/a b H".
 	 */
 	char *decoded_path;
 	uint8_t close_requested; /* 1: "Connection: close" */
@@ -140,10 +138,9 @@ struct httpd_conn {
 	int32_t state;           /* HTTPD_STATE_* */
 	struct htable *headers;  /* name to value, both strings; use httpd_header_table_get */
 	/*
-	 * For the handler to compose head and body in; empty them with httpd_res_buffers_reset when done.
-	 * Each starts with 512 bytes. buffer_write extends them; what formats (buffer_printf,
-	 * http_res_put_*, httpd_common_headers) fails if the text does not fit in the free space: do not
-	 * send a head or body of which a part has failed. httpd_fail starts anew.
+	 * For the handler to compose head and body in; empty them with httpd_res_buffers_reset. Each
+	 * starts with 512 bytes, and only buffer_write extends them: buffer_printf, http_res_put_* and
+	 * httpd_common_headers fail without space. Then do not send it; httpd_fail starts anew.
 	 */
 	struct buffer *res_head;
 	struct buffer *res_body;
@@ -153,8 +150,8 @@ struct httpd_conn {
 void httpd_ctx_init(struct httpd_ctx *ctx, httpd_handler handler);
 
 /*
- * Ends all connections at once, not the listening socket. A deferred one is logged ("BUG: deferred
- * connections around", LOG_CRIT) and marked HTTPD_CLOSE_PENDING; it lives until its httpd_defer_complete.
+ * Ends all connections at once, not the listening socket. A deferred one is logged as LOG_CRIT ("BUG:
+ * deferred connections around") and marked HTTPD_CLOSE_PENDING; it lives until its httpd_defer_complete.
  *
  * Ownership: `ctx` may be released when no deferred connection is left.
  */
@@ -169,20 +166,20 @@ void httpd_ctx_cleanup(struct httpd_ctx *ctx);
 void httpd_accept(int fd, uint32_t arg, void *ctx);
 
 /*
- * Defers the answer; a handler calls it before it returns. The handler's result then does not count,
- * unless it calls httpd_defer_complete as well. Further requests wait. A second call has no effect.
+ * Defers the answer. A handler calls it, and its result does not count then, unless it calls
+ * httpd_defer_complete as well. Further requests wait. A second call has no effect.
  *
- * A peer that goes, or has sent its last byte, sets HTTPD_CLOSE_PENDING: it still gets this answer if it
- * reads, but requests that wait are not handled any more. 60 seconds without input close the descriptor.
+ * A peer that goes, or sends its last byte, sets HTTPD_CLOSE_PENDING: requests that wait are not handled
+ * any more. 60 seconds without input close the descriptor (HTTPD_FD_CLOSED).
  *
  * Ownership: request and record stay valid until httpd_defer_complete, whatever the peer does.
  */
 void httpd_defer(struct httpd_conn *conn);
 
 /*
- * Ends a deferral, after the answer has been written. The connection goes on as after a handler that
- * returned `keep`, or ends if HTTPD_CLOSE_PENDING is set, once what was written is sent. Without a
- * deferral it does nothing.
+ * Ends a deferral, after the answer was written. With HTTPD_CLOSE_PENDING the connection ends once that
+ * is sent; otherwise it goes on as after a handler that returned `keep`. Without a deferral it does
+ * nothing.
  *
  * Ownership: do not use `conn` afterwards, except in a handler that has not returned yet.
  */
@@ -192,11 +189,10 @@ void httpd_defer_complete(struct httpd_conn *conn, int keep);
 void httpd_res_buffers_reset(struct httpd_conn *conn);
 
 /*
- * Looks up the header `name`, in exactly this spelling of case. "Content-Length" and "Connection" are in
- * the record instead.
+ * Looks up a header, in exactly this spelling of case, but not "Content-Length" and "Connection", which
+ * are in the record.
  *
- * Returns:   the value, white space inside it as one space each; of repeated headers the last; null if
- *            none.
+ * Returns:   the value, runs of white space as one space; of repeated headers the last; null if none.
  * Ownership: the request's.
  */
 const char *httpd_header_table_get(struct httpd_conn *conn, const char *name);
@@ -209,8 +205,8 @@ const char *http_code_to_string(int code);
  * <value>".
  *
  * Returns:   0.
- * Errors:    negative, as buffer_printf: -ENOMEM if a formatted text and its zero do not fit. The name of
- *            a failed header stays in the buffer: drop the head.
+ * Errors:    negative, as buffer_printf: -ENOMEM without space. A failed header's name stays in the
+ *            buffer: drop the head.
  */
 int32_t http_res_put_status_line(struct buffer *buffer, int version, int code, const char *reason)
 	__attribute__((warn_unused_result));
@@ -225,12 +221,12 @@ int32_t http_res_put_header(struct buffer *buffer, const char *name, const char 
 int32_t httpd_common_headers(struct httpd_conn *conn) __attribute__((warn_unused_result));
 
 /*
- * Discards what was composed, and sends a whole error answer with a small HTML page, in one write. It
- * does not close the connection; the handler's result says.
+ * Discards what was composed, and sends an error answer with a small HTML page, in one write. The
+ * connection stays; the handler's result decides.
  *
  * Returns:   2.
  * Errors:    the negative result of the step that failed; -ENOMEM if the stream did not take it all. The
- *            buffers keep what was composed.
+ *            buffers keep the page.
  */
 int32_t httpd_fail(struct httpd_conn *conn, int version, int code);
 
@@ -256,8 +252,8 @@ char *http_alloc_url_decode(const char *bytes, int32_t length);
 char *http_alloc_url_encode(const char *bytes, int32_t length);
 
 /*
- * Looks up the parameter `name`, in any case, in the query of a GET or the body of a POST, whatever its
- * type. The first parameter of a query carries the "?" in its name: those of "?a=1&b=2" are "?a" and "b".
+ * Looks up the parameter `name`, in any case, in the query of a GET or the body of a POST of any type.
+ * The first one of a query carries the "?": "?a=1&b=2" has "?a" and "b".
  *
  * Returns:   the first match's decoded value, "" without "="; null if there is none, and for other
  *            methods.
@@ -266,8 +262,8 @@ char *http_alloc_url_encode(const char *bytes, int32_t length);
 char *http_req_lookup_param(struct httpd_conn *conn, const char *name);
 
 /*
- * Checks that `text` looks like a host with an optional port: it has none of "/%? ", and after its first
- * ":", if any, there is a number from 1 to 65535. So an IPv6 address in brackets is refused.
+ * Checks that `text` may be a host with an optional port: none of "/%? ", and after a first ":" a number
+ * from 1 to 65535. An IPv6 address in brackets is refused.
  *
  * Returns:   1 or 0.
  */

@@ -1,9 +1,9 @@
 /*
  * log - messages, rate limiting, fatal reports, and allocation that never fails.
  *
- * One thread, like the whole library. Logging needs no set-up: _log works without log_open. What cannot
- * be written is dropped silently. Texts handed over (`ident`, `name`) are borrowed for the life of the
- * process, never copied. Priorities and facilities are those of <syslog.h>.
+ * One thread, like the whole library. _log works without log_open. What cannot be written is dropped
+ * silently. Texts handed over (`ident`, `name`) are borrowed for the life of the process, never copied.
+ * Priorities and facilities are those of <syslog.h>.
  */
 #pragma once
 #include <stddef.h>
@@ -20,21 +20,21 @@ extern "C" {
 #define LOG_DEST_STDIO  4 /* stdout for LOG_NOTICE and LOG_INFO, stderr for all others, LOG_DEBUG included */
 
 /*
- * Stores the destinations (LOG_DEST_*), the syslog facility and the identity, printed as "ident: " before
- * each line. The first message decides what has been left open:
+ * Stores the destinations (LOG_DEST_*), the syslog facility, and the identity, which is printed as
+ * "ident: " before each line. The first message decides what is left open:
  *
  * - a negative `mask` or `facility`, or no call: LOG_DEST_STDIO and LOG_USER if descriptor 1 is a
  *   terminal, else LOG_DEST_SYSLOG and LOG_DAEMON;
  * - a null `ident`: the process's own name, but none for LOG_DEST_STDIO alone.
  *
- * If the first message goes to syslog it opens that, for good. A later call changes the destinations, and
- * the identity of the other two (null: none); a negative mask is then taken as its bit pattern.
+ * It also opens syslog for good, if it goes there. A later call changes the destinations and the other
+ * two's identity (null: none); a negative mask is then taken as its bit pattern.
  */
 void log_open(int mask, int facility, const char *ident);
 
 /*
- * Writes one message of `priority` (LOG_EMERG to LOG_DEBUG) to every destination. The format carries its
- * own "\n". %m prints errno, which is kept.
+ * Writes a message of `priority` (LOG_EMERG to LOG_DEBUG) to every destination. The format carries its
+ * own "\n"; %m prints errno, which is kept.
  */
 void _log(int priority, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
@@ -48,15 +48,15 @@ void assert_failure(const char *location, const char *function, const char *expr
 /* Writes "name: out of memory" straight to stderr, not to the log, and aborts. */
 void out_of_memory(void) __attribute__((noreturn, cold));
 
-/* Ends the process unless `expression` holds; checked in every build. One condition an assertion. */
+/* Ends the process unless `expression`, one condition, holds; in every build. */
 #define log_assert(expression)                                                                               \
 	((expression) ? (void)0 : assert_failure(__FILE__ ":" LOG_STRINGIFY(__LINE__), __func__, #expression))
 #define LOG_STRINGIFY(x)  LOG_STRINGIFY_(x)
 #define LOG_STRINGIFY_(x) #x
 
 /*
- * Limits a noisy message to `burst` times in each `interval`. Usually a static variable beside the
- * message: `static struct ratelimit_state noisy = {5000, 10, 0, 0, 0};`.
+ * Limits a message to `burst` times in each `interval`. Usually a static variable: `static struct
+ * ratelimit_state noisy = {5000, 10, 0, 0, 0};`.
  */
 struct ratelimit_state {
 	int32_t interval; /* milliseconds; 0: no limit; below 0: compatibility, negative interval */
@@ -75,9 +75,9 @@ struct ratelimit_state {
 int ___ratelimit(struct ratelimit_state *state, const char *name);
 
 /*
- * Allocate `size` bytes. A size of 0 gives a block of its own of one byte.
+ * Allocate `size` bytes; 0 gives a block of one byte.
  *
- * Errors:    exhausted memory ends the process (out_of_memory); the result is never null.
+ * Errors:    none: exhausted memory ends the process (out_of_memory).
  * Ownership: the caller's; release it with free.
  */
 void *xmalloc(size_t size) __attribute__((malloc, returns_nonnull));

@@ -5,8 +5,7 @@
  * colons between. An IPv4 address is a number in network byte order. Text is never null. Of an
  * interface's name 15 characters count.
  *
- * One thread. "Static" memory is the process's own, and the next call of any function here may overwrite
- * it.
+ * One thread. "Static" results lie in memory that the next call of any function here may overwrite.
  */
 #pragma once
 #include <stdint.h>
@@ -18,7 +17,7 @@ extern "C" {
 
 /*
  * Reads the MAC address of a network interface: the first 6 bytes of its hardware address, zeros for the
- * loopback. Needs CAP_NET_RAW, for a raw socket. Nothing is logged.
+ * loopback. Needs CAP_NET_RAW. Nothing is logged.
  *
  * Returns:   iface_mac: lower-case text; iface_mac_binary: 0, with the bytes in `mac`.
  * Errors:    null, or -1 with `mac` as it was. Exhausted memory ends the process.
@@ -29,18 +28,17 @@ int iface_mac_binary(const char *ifname, unsigned char mac[6]) __attribute__((wa
 
 /*
  * Reads the first address of a wireless PHY ("phy0"): the first line of
- * /sys/class/ieee80211/<phy>/addresses, as the kernel writes it.
+ * /sys/class/ieee80211/<phy>/addresses.
  *
  * Returns:   text.
- * Errors:    null, logged unless just the text finds no memory. A path of more than 4096 characters is
- *            refused; one of exactly 4096 loses its last.
+ * Errors:    null, logged unless the text finds no memory. A path over 4096 characters is refused; one of
+ *            exactly 4096 loses its last.
  * Ownership: the caller frees the text.
  */
 char *get_radio_mac(const char *phy);
 
 /*
- * Reads the first IPv4 address of a network interface. Needs CAP_NET_RAW, for a packet socket. Nothing is
- * logged.
+ * Reads the first IPv4 address of a network interface. Needs CAP_NET_RAW. Nothing is logged.
  *
  * Returns:   the address.
  * Errors:    all ones (0xFFFFFFFF), also without an address.
@@ -48,8 +46,8 @@ char *get_radio_mac(const char *phy);
 uint32_t get_iface_ip(const char *ifname);
 
 /*
- * Reads up to six hexadecimal numbers below 256 with a colon after each of the first five; anything may
- * follow the sixth. Before a number it takes what strtol takes: blanks, a sign, "0x".
+ * Reads six hexadecimal numbers below 256 with colons between; anything may follow. Like strtol it
+ * accepts blanks, a sign or "0x" before each.
  *
  * Returns:   6 static bytes.
  * Errors:    none: from the first malformed byte on they stay what they were, zeros at first.
@@ -60,10 +58,10 @@ unsigned char *mac_aton(const char *text);
 char *mac_ntoa(const unsigned char *mac);
 
 /*
- * Moves the address in `text` by `n` steps: the sixth byte becomes itself + n, the fifth itself + n / 256
- * (towards zero), both modulo 256. Nothing is carried: 00:11:22:33:44:ff and 1 make 00:11:22:33:44:00.
+ * Moves the address in `text` by `n`: the sixth byte by n, the fifth by n / 256 (towards zero), modulo
+ * 256. Nothing is carried: 00:11:22:33:44:ff and 1 make 00:11:22:33:44:00.
  *
- * Returns:   the text, as of mac_ntoa; the bytes stay in the memory of mac_aton, which reads `text`.
+ * Returns:   as mac_ntoa. mac_aton reads `text`, and its memory keeps the result's bytes.
  */
 char *add_mac(const char *text, int n);
 

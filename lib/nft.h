@@ -5,9 +5,9 @@
  * A daemon builds objects, puts them into a batch, sends the batch as one transaction, and frees the
  * objects: docs/recipes.md, "Change the firewall". examples/apfw is a whole program.
  *
- * Look at every result that may be null: nothing of libnftnl takes null for an object. No argument may be
- * null unless a function says so. Names and data are copied. Families, registers, keys, operators, flags
- * and verdicts are the kernel's numbers (<linux/netfilter.h>, <linux/netfilter/nf_tables.h>).
+ * Look at each result that may be null: nothing of libnftnl takes null. No argument may be null unless a
+ * function says so. Names and data are copied. Families, registers, keys, operators, flags and verdicts
+ * are the kernel's numbers (<linux/netfilter.h>, <linux/netfilter/nf_tables.h>).
  *
  * One thread. Nothing is logged; errors are negated errno values. Only `cb` of kvnft_send_msg_cb calls
  * back.
@@ -31,48 +31,47 @@ struct nftnl_table;
 /*
  * ---- Expressions ----
  *
- * Each function makes one expression with a fixed choice of attributes. `dreg` is the register written,
- * `sreg` the one read. Data is compared and loaded as it stands: fields of packets in network order,
- * marks in host order. Lengths and offsets are in bytes.
+ * Each function makes one expression, with the attributes in brackets. `dreg` is the register written,
+ * `sreg` the one read. Data is used as it stands: packet fields in network order, marks in host order.
+ * Lengths and offsets are in bytes.
  *
- * Errors:    null: memory is exhausted, or data is longer than the 64 bytes of the kernel's registers
- *            (most expressions use up to 16, and the kernel refuses more).
+ * Errors:    null: memory is exhausted, or data exceeds the kernel's 64 bytes of registers (most
+ *            expressions use up to 16, and the kernel refuses more).
  * Ownership: the caller's, until nftnl_rule_add_expr hands it to a rule; nftnl_expr_free releases it.
  */
 
-/* "ct": loads the connection-tracking value `key` (NFT_CT_...). Attributes: KEY, DREG. */
+/* "ct": loads the connection-tracking value `key` (NFT_CT_...). [KEY, DREG] */
 struct nftnl_expr *kvnft_build_expr_ct(uint32_t dreg, uint32_t key);
 
 /*
- * "reject": refuses the packet in the way of `type` (NFT_REJECT_...).
- * Attributes: TYPE; CODE with NFT_REJECT_ICMPX_UNREACH only. So the kernel refuses
- *             NFT_REJECT_ICMP_UNREACH, which wants one (-EINVAL).
+ * "reject": refuses the packet in the way of `type` (NFT_REJECT_...). The kernel refuses
+ * NFT_REJECT_ICMP_UNREACH (-EINVAL), which wants a code, too.
+ * [TYPE; CODE with NFT_REJECT_ICMPX_UNREACH only]
  */
 struct nftnl_expr *kvnft_build_expr_reject(uint32_t type, uint8_t code);
 
 /*
- * "immediate": decides with `verdict`: NF_ACCEPT, NF_DROP or another that names no chain (as NFT_JUMP and
- * NFT_GOTO do).
- * Attributes: DREG 0, VERDICT.
+ * "immediate": decides with `verdict`: NF_ACCEPT, NF_DROP or another that names no chain.
+ * [DREG 0, VERDICT]
  */
 struct nftnl_expr *kvnft_build_expr_verdict(uint32_t verdict);
 
-/* "immediate": loads `len` bytes of `data`. Attributes: DREG, DATA. */
+/* "immediate": loads `len` bytes of `data`. [DREG, DATA] */
 struct nftnl_expr *kvnft_build_expr_imm(uint32_t dreg, const void *data, uint32_t len);
 
 /*
  * "limit": matches the traffic beyond `rate` bytes a second; the only form there is. `rate` and `burst`
  * bytes together may pass at once; the low 32 bits of `burst` count. The kernel refuses a rate of 0.
- * Attributes: RATE, TYPE bytes, UNIT 1 (second), FLAGS inverted; BURST unless 0.
+ * [RATE, TYPE bytes, UNIT 1 (second), FLAGS inverted; BURST unless 0]
  */
 struct nftnl_expr *kvnft_build_expr_limit(uint64_t rate, uint64_t burst);
 
 /*
- * "dynset": adds the value of `sreg_key` to a set for each packet, or with `update` also refreshes the
- * time-out of one that is there; then evaluates `expr` for that element. `timeout_ms` is in milliseconds;
- * the kernel refuses a negative one. `set_id` is the ID of a set of the same batch, otherwise 0. The
- * kernel wants a set with NFT_SET_EVAL, and for a time-out NFT_SET_TIMEOUT.
- * Attributes: SREG_KEY, OP, TIMEOUT unless 0, SET_NAME, SET_ID, EXPR.
+ * "dynset": adds the value of `sreg_key` to a set for each packet, with `update` also refreshes its
+ * time-out, and evaluates `expr` for that element. The kernel refuses a negative `timeout_ms`
+ * (milliseconds), and wants a set with NFT_SET_EVAL, for a time-out NFT_SET_TIMEOUT. `set_id` is the ID
+ * of a set of the same batch, else 0.
+ * [SREG_KEY, OP, TIMEOUT unless 0, SET_NAME, SET_ID, EXPR]
  *
  * Errors:    null, also without `set_name` or `expr`.
  * Ownership: on success the result owns `expr`; on failure the caller does: keep it in a variable.
@@ -82,42 +81,42 @@ struct nftnl_expr *kvnft_build_expr_dynset(uint32_t sreg_key, const char *set_na
 
 /*
  * "payload": loads `len` bytes of a packet, `offset` bytes after `base` (NFT_PAYLOAD_...).
- * Attributes: DREG, BASE, OFFSET, LEN.
+ * [DREG, BASE, OFFSET, LEN]
  */
 struct nftnl_expr *kvnft_build_expr_payload(uint32_t dreg, uint32_t base, uint32_t offset, uint32_t len);
 
-/* "payload": overwrites them; no checksum is mended. Attributes: SREG, BASE, OFFSET, LEN. */
+/* "payload": overwrites them; no checksum is mended. [SREG, BASE, OFFSET, LEN] */
 struct nftnl_expr *kvnft_build_expr_payload_set(uint32_t sreg, uint32_t base, uint32_t offset, uint32_t len);
 
-/* "log": hands the packet to the logging `group`. Attributes: GROUP. */
+/* "log": hands the packet to the logging `group`. [GROUP] */
 struct nftnl_expr *kvnft_build_expr_log(uint16_t group);
 
-/* "meta": loads the packet's property `key` (NFT_META_...), or sets it. Attributes: KEY, DREG or SREG. */
+/* "meta": loads the packet's property `key` (NFT_META_...), or sets it. [KEY, DREG or SREG] */
 struct nftnl_expr *kvnft_build_expr_meta(uint32_t key, uint32_t dreg);
 struct nftnl_expr *kvnft_build_expr_meta_set(uint32_t key, uint32_t sreg);
 /* Either of them: sets if `is_set` is not 0. */
 struct nftnl_expr *_kvnft_build_expr_meta(uint32_t key, uint32_t reg, int is_set);
 
-/* "cmp": goes on if register and data compare as `op` (NFT_CMP_...). Attributes: SREG, OP, DATA. */
+/* "cmp": goes on if register and data compare as `op` (NFT_CMP_...). [SREG, OP, DATA] */
 struct nftnl_expr *kvnft_build_expr_cmp(uint32_t sreg, uint32_t op, const void *data, uint32_t len);
 
-/* "redir": redirects to the port in `reg` (network order) of this machine. Attributes: REG_PROTO_MIN. */
+/* "redir": redirects to the port in `reg` (network order) of this machine. [REG_PROTO_MIN] */
 struct nftnl_expr *kvnft_build_expr_redir(uint32_t reg);
 
-/* "masq": makes the source address that of the outgoing interface. No attributes. */
+/* "masq": makes the source address that of the outgoing interface. */
 struct nftnl_expr *kvnft_build_expr_masq(void);
 
 /*
  * "queue": hands the packet to one of `total` queues from `num` on (0: to that one), as `flags`
  * (NFT_QUEUE_FLAG_...) say.
- * Attributes: NUM; TOTAL and FLAGS unless 0.
+ * [NUM; TOTAL and FLAGS unless 0]
  */
 struct nftnl_expr *kvnft_build_expr_queue(uint16_t num, uint16_t total, uint16_t flags);
 
 /*
  * "lookup": goes on if the register's value is in the set. The kernel always wants a name; if there is no
  * such set yet, the id finds one of the same batch.
- * Attributes: SREG; SET, SET_ID and FLAGS (NFT_LOOKUP_F_INV) unless null or 0.
+ * [SREG; SET, SET_ID and FLAGS (NFT_LOOKUP_F_INV) unless null or 0]
  *
  * Errors:    null, also with neither name nor id.
  */
@@ -127,7 +126,7 @@ struct nftnl_expr *kvnft_build_expr_lookup(
 /*
  * "bitwise": dreg = (sreg & mask) ^ xor, over `len` bytes; the kernel wants `mask_len` and `xor_len` to
  * be the same.
- * Attributes: SREG, DREG, LEN, MASK, XOR.
+ * [SREG, DREG, LEN, MASK, XOR]
  */
 struct nftnl_expr *kvnft_build_expr_bitwise(uint32_t sreg, uint32_t dreg, uint32_t len, const void *mask,
 	uint32_t mask_len, const void *xor_data, uint32_t xor_len);
@@ -152,18 +151,17 @@ struct nftnl_expr *kvnft_build_expr_ether_set_daddr(uint32_t reg);
  */
 
 /*
- * A set.
- * Attributes: FAMILY; TABLE, NAME, FLAGS (NFT_SET_...) and KEY_LEN (bytes) unless null or 0; and ID, by
- *             which rules of the same batch refer to it: 2, 3, ... in the order of making. Key and data
- *             types are left to the caller.
+ * A set; rules of the same batch refer to it by its ID: 2, 3, ... in the order of making. Key and data
+ * types are left to the caller.
+ * [FAMILY; TABLE, NAME, FLAGS (NFT_SET_...) and KEY_LEN (bytes) unless null or 0; ID]
  */
 struct nftnl_set *kvnft_build_set(
 	const char *table, const char *name, uint32_t family, uint32_t flags, uint32_t key_len);
 
 /*
- * Adds an element to `set`.
- * Attributes: KEY; TIMEOUT (milliseconds) unless `timeout_ms` is negative. 0: the element stays for ever.
- *             Negative: the set's default holds, and a set without NFT_SET_TIMEOUT takes no other.
+ * Adds an element. A `timeout_ms` of 0 milliseconds keeps it for ever; with a negative one the set's
+ * default holds, and a set without NFT_SET_TIMEOUT takes no other.
+ * [KEY; TIMEOUT unless negative]
  *
  * Returns:   0.
  * Errors:    -ENOMEM, also for a key of more than 64 bytes.
@@ -171,13 +169,12 @@ struct nftnl_set *kvnft_build_set(
  */
 int kvnft_build_set_add_elem(struct nftnl_set *set, const void *key, uint32_t key_len, int64_t timeout_ms);
 
-/* A table. Attributes: FAMILY, NAME. */
+/* A table. [FAMILY, NAME] */
 struct nftnl_table *kvnft_build_table(const char *name, uint32_t family);
 
 /*
- * A rule.
- * Attributes: FAMILY, TABLE; CHAIN unless null. Without a chain it stands for all rules of a table, to be
- *             deleted; it cannot be added.
+ * A rule; without a chain it stands for all rules of a table, to be deleted, not added.
+ * [FAMILY, TABLE; CHAIN unless null]
  */
 struct nftnl_rule *kvnft_build_rule(uint32_t family, const char *table, const char *chain);
 
@@ -197,24 +194,22 @@ int kvnft_rule_verdict(struct nftnl_rule *rule, uint8_t verdict);
 /*
  * ---- Batches ----
  *
- * A batch collects messages in a buffer of the caller's, up to `limit` bytes. Allocate
- * KVNFT_BATCH_BUFFER_SIZE(limit) bytes, zeroed (libmnl leaves gaps as they are): a message is written
- * first and compared with the limit afterwards. One that might be longer than 4096 bytes is built in
- * memory of its own; 13 ordinary expressions, or 60 elements, need none.
+ * A batch collects messages in the caller's buffer, up to `limit` bytes. Allocate
+ * KVNFT_BATCH_BUFFER_SIZE(limit) bytes, zeroed: a message is written first, with gaps, and then compared
+ * with the limit. One that might exceed 4096 bytes (13 ordinary expressions, or 60 elements, never do) is
+ * built in memory of its own.
  *
- * The kernel takes a batch in one piece, of at most net.core.wmem_default (212992) less 32 bytes, and
- * acknowledges each message. The socket's receive queue is made long enough for that, but without
- * CAP_NET_ADMIN outside of user namespaces no longer than twice net.core.rmem_max: by default some 500
- * acknowledgements, of 832 bytes each. With more, sending gives -ENOBUFS, and the change may have been
- * made or refused.
+ * The kernel takes a batch in one piece: at most net.core.wmem_default (212992) less 32 bytes, and
+ * without CAP_NET_ADMIN outside of user namespaces some 500 messages, or the result is lost (-ENOBUFS);
+ * docs/recipes.md.
  *
- * For each function that appends a message, where `seq` is the number that the kernel's answers repeat:
+ * Functions that append a message; `seq` is a number that the kernel's answers repeat:
  *
  * Returns:   0.
- * Errors:    -ENOMEM: the message does not fit below the limit, memory is exhausted, or a length is too
- *            large for netlink's 16 bits. Those bound each name and each list: 65,530 characters, 4,095
- *            elements of 4 bytes, or 2,340 with time-outs. The message is not in the batch; those before
- *            stay, and a shorter one may fit. mnl_nlmsg_batch_reset empties the batch also then.
+ * Errors:    -ENOMEM: the message does not fit below the limit, memory is exhausted, or a name or list is
+ *            too long for netlink's 16 bits (65530 characters, 4095 elements of 4 bytes, 2340 with
+ *            time-outs). Earlier messages stay, and a shorter one may fit. mnl_nlmsg_batch_reset empties
+ *            the batch also then.
  * Ownership: objects are copied, and stay the caller's.
  */
 #define KVNFT_BATCH_BUFFER_SIZE(limit) ((size_t)(limit) + (size_t)MNL_SOCKET_BUFFER_SIZE)
@@ -240,8 +235,8 @@ int kvnft_batch_add_rule(struct mnl_nlmsg_batch *batch, struct nftnl_rule *rule,
 int kvnft_batch_finish(struct mnl_nlmsg_batch *batch, uint32_t seq);
 
 /*
- * Sends a finished batch and takes the kernel's answers; it may be sent again. The kernel makes all of
- * the changes, or none. One that is not finished changes nothing, and gives 0.
+ * Sends a finished batch; it may be sent again. The kernel makes all of the changes, or none. An
+ * unfinished batch changes nothing, and gives 0.
  *
  * Returns:   0.
  * Errors:    as kvnft_send_msg_cb: the first error, such as -ENOENT, -EEXIST, -EBUSY or -EPERM.
@@ -252,26 +247,26 @@ int kvnft_batch_send(struct mnl_nlmsg_batch *batch);
 void kvnft_batch_free(struct mnl_nlmsg_batch *batch);
 
 /*
- * Sends `len` bytes of netlink messages over a socket of its own, and gives the messages that come back
- * to `cb` (may be null) with `data`, but not netlink's own, such as acknowledgements; see mnl_cb_run. It
- * takes the answers that are queued and waits for none: the kernel answers inside the sending. The
- * socket's descriptor may have any number.
+ * Sends `len` bytes of netlink messages over a socket of its own, whose descriptor may have any number.
+ * The answers that are queued after the sending go to `cb` (may be null) with `data`, as mnl_cb_run does,
+ * but not netlink's own, such as acknowledgements. It waits for none.
+ *
+ * After the sending, the change may have been made in spite of -EINTR, a signal; -ENOBUFS, too many
+ * answers for the receive queue; -ENOSPC, one of over 4096 bytes (before Linux 4.3 also the refusal of a
+ * message that long); -ESRCH or -EBADMSG, one for another socket, or malformed. The kernel refuses with
+ * some of these, too.
  *
  * Returns:   0.
  * Errors:    the first step that failed, the kernel's refusal and `cb`'s (MNL_CB_ERROR with errno)
- *            included; later answers are not looked at. -EMSGSIZE: more at once than the kernel takes,
- *            nothing is sent. With these the change may have been made: -EINTR: a signal came; -ENOBUFS:
- *            more answers than the receive queue takes; -ENOSPC: one of more than 4096 bytes (before
- *            Linux 4.3 also the refusal of a message that long); -ESRCH, -EBADMSG: one that is not for
- *            this socket, or malformed. The kernel refuses with some of the same numbers.
- * Callbacks: with MNL_CB_STOP `cb` skips the rest of what was received at once, not what comes after.
+ *            included; later answers are ignored. -EMSGSIZE: more at once than the kernel takes.
+ * Callbacks: MNL_CB_STOP skips the rest of what was received at once, not what comes after.
  */
 int kvnft_send_msg_cb(const void *buf, size_t len, mnl_cb_t cb, void *data);
 
 /*
  * ---- Whole changes ----
  *
- * The first ones append a message, as above, and need no object.
+ * These append a message, as above, without an object.
  */
 int kvnft_batch_add_table_simple(
 	struct mnl_nlmsg_batch *batch, const char *name, uint32_t family, uint32_t seq);
@@ -279,10 +274,9 @@ int kvnft_batch_del_table_simple(
 	struct mnl_nlmsg_batch *batch, const char *name, uint32_t family, uint32_t seq);
 
 /*
- * A base chain of `type` ("filter", "nat", "route") at the hook `hooknum` with the priority `prio`, bound
- * to the interface `dev` in families that ask for one; with a negative `hooknum` a regular chain, whose
- * object has the priority all the same. `type` and `dev` may be null. No policy is set, so a base chain
- * accepts.
+ * A base chain of `type` ("filter", "nat", "route") at `hooknum` with the priority `prio`, bound to the
+ * interface `dev` in families that ask for one; with a negative `hooknum` a regular chain, whose object
+ * has the priority all the same. `type` and `dev` may be null. A base chain accepts.
  */
 int kvnft_batch_add_chain_simple(struct mnl_nlmsg_batch *batch, const char *name, const char *table,
 	const char *type, int32_t hooknum, uint16_t family, int32_t prio, const char *dev, uint32_t seq);
@@ -300,12 +294,12 @@ int kvnft_batch_accept_mark_neq(struct mnl_nlmsg_batch *batch, uint32_t family, 
 	const char *chain, uint32_t mark, uint32_t seq);
 
 /*
- * These make one change as a transaction of its own. The object of a deleted chain has the priority -1,
- * which the kernel does not see.
+ * These make one change as a transaction of its own. A deleted chain's object has the priority -1, which
+ * the kernel does not see.
  *
  * Returns:   0.
- * Errors:    as kvnft_batch_send; -ENOMEM: the message could not be made. Exhausted memory for the buffer
- *            ends the process.
+ * Errors:    as kvnft_batch_send; -ENOMEM: the message could not be made. Without memory for the buffer
+ *            the process ends.
  */
 int kvnft_flush_chain_simple(const char *chain, const char *table, uint32_t family);
 int kvnft_flush_table_simple(const char *table, uint32_t family);

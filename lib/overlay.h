@@ -13,25 +13,24 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /*
- * Mounts the flash partition "rootfs_data" (JFFS2) at /data, and at /mnt an overlay of the present root
- * below and /data/upper above, and pivots into it. The old root is then at /system; /proc, /dev, /tmp,
- * /sys and /data are where they were. /data, /mnt and /system must be directories, /proc mounted, /tmp a
- * writable mount.
+ * Mounts the flash partition "rootfs_data" (JFFS2) at /data, and at /mnt an overlay of the root below and
+ * /data/upper above, and pivots into it, with the old root at /system. /proc, /dev, /tmp, /sys and /data
+ * stay where they were. Needs the directories /data, /mnt and /system, /proc mounted, and a writable
+ * mount at /tmp.
  *
- * A partition that cannot be mounted is erased, once. If there is none, or it still cannot be used,
- * "fallback to ramoverlay" is logged, and the upper layer is in memory, at /tmp/root: what is written is
- * lost at the next start.
+ * A partition that does not mount is erased, once. Without one that can be used, "fallback to ramoverlay"
+ * is logged, and the upper layer is in memory, at /tmp/root, until the next start.
  *
- * Errors:    not told. A switch that fails half-way, for want of /system say, has moved /proc into the
- *            first overlay, and the second cannot succeed either.
+ * Errors:    not told. A switch that fails half-way, as without /system, has moved /proc into the first
+ *            overlay; then the second fails, too.
  */
 void mount_overlayfs(void);
 
 /*
  * Makes the mount point `new_root` the root, and keeps the old one at `put_old`, a directory in the new
- * root, named as seen from there ("/system"). /proc moves before; /dev, /tmp, /sys and /data after, and
- * one that was not mounted is only logged. Paths made of these names are cut at 63 bytes. A working
- * directory moves along if it was the old root.
+ * root, as seen from there ("/system"). /proc moves before; /dev, /tmp, /sys and /data after, each logged
+ * if it was not mounted. Paths made of these names are cut at 63 bytes. A working directory that was the
+ * old root moves along.
  *
  * Returns:   0.
  * Errors:    a negated errno: /proc cannot be moved, nothing has changed. -1 (also -EPERM): the kernel

@@ -22,9 +22,9 @@ extern "C" {
 struct sock {
 	struct evloop_io io; /* `io.fd` is the socket after success */
 	/*
-	 * Called for each accepted connection; set it before or after sock_listen. It owns `fd`, which is
-	 * non-blocking; while it is null, accepted descriptors stay open and unused. `address` is the
-	 * peer's, in network byte order. It may call sock_close and release the record.
+	 * Called for each accepted connection; set before or after sock_listen. It owns `fd`, which is
+	 * non-blocking (while it is null, nobody does). `address` is the peer's, in network byte order.
+	 * It may call sock_close and release the record.
 	 */
 	void (*accept_cb)(int fd, uint32_t address, void *user);
 	void *user;    /* handed to `accept_cb` */
@@ -32,12 +32,12 @@ struct sock {
 };
 
 /*
- * Listens at `host` (an address or a name; null: every address) and `service` (a port number or a
- * service's name). The loop accepts one connection a pass; `backlog` more may wait. An address that a
- * former listener left in TIME_WAIT can be taken again.
+ * Listens at `host` (an address or a name; null: every address) and `service` (a port number or a name).
+ * The loop accepts one connection a pass; `backlog` more may wait. An address in TIME_WAIT can be taken
+ * again.
  *
- * Without evloop_init nobody accepts: the result is still 0, but `io.registered` is 0. A connection that
- * cannot be accepted is tried again on the next pass, so without a free descriptor the loop stays busy.
+ * Without evloop_init nobody accepts: the result is 0, but `io.registered` is, too. A connection that
+ * cannot be accepted is tried again on the next pass: without a free descriptor the loop stays busy.
  *
  * Returns:   0.
  * Errors:    -EOPNOTSUPP without SOCK_TCP. Resolving: -ENOMEM; -2 (EAI_NONAME, the resolver's own
@@ -48,9 +48,8 @@ int sock_listen(struct sock *sock, const char *host, const char *service, int ba
 	__attribute__((warn_unused_result));
 
 /*
- * Opens a connected, blocking socket in `sock->io.fd`, for a stream to take up; nothing is watched. It
- * blocks while it resolves and connects. A `timeout_s` above 0 bounds the connecting to each address, in
- * seconds.
+ * Opens a connected, blocking socket in `sock->io.fd`, for a stream to take up; nothing is watched.
+ * Resolving and connecting block. A `timeout_s` above 0 bounds connecting to each address, in seconds.
  *
  * Returns:   0.
  * Errors:    as sock_listen; -ETIMEDOUT when the bound is reached.
@@ -67,8 +66,8 @@ int sock_close(struct sock *sock);
 
 /*
  * Keeps a daemon connected to a service: the daemon connects, and tells when the connection is lost.
- * Attempts are always the same delay apart. Set `connect` and perhaps `on_connected`, and call
- * init_stable_connection. To give up, cancel `timer`; keep the record until then. Nothing is allocated.
+ * Attempts are the same delay apart. Set `connect` and perhaps `on_connected`, and call
+ * init_stable_connection. To give up, cancel `timer`; keep the record until then.
  */
 struct stable_connection {
 	int (*connect)(void);        /* connects; 0: done, anything else: failed */
@@ -83,8 +82,8 @@ struct stable_connection {
 void init_stable_connection(struct stable_connection *c, int retry_delay_ms);
 
 /*
- * Connects now, inside the call, instead of a retry that is due. It leaves `retry_pending` set then,
- * although no timer runs after a success; the timer's own attempts clear it.
+ * Connects now, instead of a retry that is due; that leaves `retry_pending` set, although after a success
+ * no timer runs. The timer's own attempts clear it.
  *
  * Returns:   the result of `on_connected`, 0 without one.
  * Errors:    -EAGAIN: `connect` failed, and is tried again after the delay; not logged. -EINVAL, logged:
@@ -94,8 +93,7 @@ void init_stable_connection(struct stable_connection *c, int retry_delay_ms);
 int start_stable_connection(struct stable_connection *c);
 
 /*
- * Tells that the connection is lost: `connect` is called after the full delay, even if a retry was due
- * earlier.
+ * Reports the loss: `connect` is called after the full delay, even if a retry was due earlier.
  *
  * Returns:   0.
  * Callbacks: none runs inside.

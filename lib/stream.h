@@ -1,14 +1,13 @@
 /*
  * stream - a non-blocking descriptor with a receive and a transmit buffer.
  *
- * What arrives is read into `rx` as soon as it is there. What is written is sent before stream_write
- * returns, as far as the kernel takes it; the rest waits in `tx`. (httpd corks its connections: httpd.h.)
- * The owner is told of new bytes (`notify_read`), of end of file and of errors (`notify_state`) on a
- * later pass of the loop, and of a drained `tx` (`notify_write`) at once.
+ * What arrives is read into `rx`. What is written is sent before stream_write returns, as far as the
+ * kernel takes it; the rest waits in `tx`. (httpd corks: httpd.h.) The owner is told of new bytes, end of
+ * file and errors on a later pass of the loop, and of a drained `tx` at once.
  *
- * Call evloop_init first; everything runs on the loop's thread. Failures are negated errno values. The
- * record is the caller's, and may be cleaned up and released in any of the three callbacks. So is the
- * descriptor: the stream never closes it.
+ * The loop's thread; call evloop_init first. Failures are negated errno values. The record is the
+ * caller's, and may be cleaned up and released in any of the three callbacks. So is the descriptor: the
+ * stream never closes it.
  */
 #pragma once
 #include <stdarg.h>
@@ -27,11 +26,13 @@ extern "C" {
 #define STREAM_ERROR         2 /* a read or a write failed; nothing is read or written any more */
 #define STREAM_READ_DISABLED 4 /* the owner stopped reading: stream_disable_read */
 
-/* Start from zero bytes. Set what you need of `read`, `write` and the callbacks; the rest is the stream's. */
+/* Start from zero bytes; set what you need of the functions. */
 struct stream {
-	struct evloop_io io; /* `io.fd` is the descriptor */
-	struct evloop_timeout state_timer;
-	struct evloop_timeout read_timer;
+	struct evloop_io io;               /* `io.fd` is the descriptor */
+	struct evloop_timeout state_timer; /* the stream's */
+
+	struct evloop_timeout read_timer; /* the stream's */
+
 	struct buffer *tx; /* owned by the stream: bytes not sent yet */
 	struct buffer *rx; /* owned by the stream: bytes received; consume them with buffer_consume */
 	uint8_t state;     /* STREAM_EOF, STREAM_ERROR, STREAM_READ_DISABLED */
@@ -39,22 +40,21 @@ struct stream {
 	/*
 	 * Reads; set it before stream_init to replace the default, which reads `io.fd`. Returns how many
 	 * bytes (1 to `count`), 0 at end of file, -EAGAIN if there are none now, another negative value
-	 * on an error. It is called until it finds nothing, and never after stream_disable_read or an
-	 * error. It must not clean the stream up.
+	 * on an error. Called until it finds nothing, never after stream_disable_read or an error. Must
+	 * not clean the stream up.
 	 *
-	 * Only here can `rx` be bounded: the owner is not called before the descriptor is empty, so a
-	 * fast sender fills `rx` however soon it is consumed. docs/recipes.md has a function that stops
-	 * at a mark.
+	 * Only here can `rx` be bounded (docs/recipes.md): the owner is not called before the descriptor
+	 * is empty, however fast the sender.
 	 */
 	int32_t (*read)(struct stream *stream, void *bytes, uint32_t count);
 	/*
-	 * Writes; replaced in the same way. Returns how many bytes were taken (0 to `count`, fewer when
-	 * the descriptor would block), or a negative value on an error. It must not clean the stream up.
-	 * The default writes to `io.fd`, where a peer that has gone may raise SIGPIPE.
+	 * Writes; replaced likewise. Returns how many bytes were taken (0 to `count`, fewer if it would
+	 * block), or a negative value on an error. Must not clean the stream up. The default writes to
+	 * `io.fd`, where a peer that has gone may raise SIGPIPE.
 	 */
 	int32_t (*write)(struct stream *stream, const void *bytes, uint32_t count);
 
-	/* These may be null, and set before or after stream_init. */
+	/* May be null; set them before or after stream_init. */
 	void (*notify_read)(struct stream *stream);  /* `rx` has new bytes */
 	void (*notify_state)(struct stream *stream); /* `state` gained EOF (once) or ERROR (once) */
 	void (*notify_write)(struct stream *stream); /* `tx` has drained, or is empty at a hang-up */
@@ -65,8 +65,8 @@ struct stream {
  * INT32_MAX bytes in `rx` are a STREAM_ERROR. A descriptor that epoll does not take (a regular file) is
  * never read; that is not checked.
  *
- * The loop reports a hang-up after end of file, and a pipe without a writer, on every pass. To read a
- * pipe to its end, take what is left in `rx` in notify_state (it is all), and call stream_cleanup at
+ * The loop reports a hang-up after end of file, and a pipe without a writer, on every pass. At the end of
+ * a pipe take what is left in `rx` (all that ever comes) in notify_state, and call stream_cleanup at
  * once. After STREAM_ERROR a stream whose peer hangs up leaves the loop by itself.
  *
  * Returns:   0; exhausted memory ends the process.
@@ -74,14 +74,14 @@ struct stream {
 int stream_init(struct stream *stream, int fd);
 
 /*
- * Writes `count` bytes to the descriptor, unless others are queued; `tx` takes the rest. Without a
+ * Writes `count` bytes to the descriptor, unless others are queued; the rest goes to `tx`. Without a
  * backlog that is one system call and no copy. What the descriptor has taken is the kernel's: the process
- * may end, or hand the descriptor to a child. What is in `tx` is lost with the process.
+ * may end, or hand it to a child. What is in `tx` is lost with the process.
  *
- * Returns:   the number of bytes sent or queued, normally `count`; 0 for null `bytes`, and once
- *            STREAM_ERROR is set (the bytes are dropped).
+ * Returns:   the bytes sent or queued, normally `count`; 0 for null `bytes`, and after STREAM_ERROR (they
+ *            are dropped).
  * Errors:    the negative result of `write` (notify_state follows); -EINVAL before stream_init, after
- *            stream_cleanup, and if `count` is more than `tx` could still hold: nothing is written then.
+ *            stream_cleanup, and if `tx` could not hold `count` more bytes: nothing is written.
  */
 int32_t stream_write(struct stream *stream, const void *bytes, uint32_t count);
 
@@ -99,19 +99,19 @@ int32_t stream_vprintf(struct stream *stream, const char *format, va_list argume
 void stream_notify_read(struct stream *stream);
 
 /*
- * Stops reading for good. What was received stays in `rx`; what comes stays in the kernel. End of file of
- * a peer that still reads is not noticed. A hang-up or a reset is STREAM_ERROR, whatever is left to read;
- * notify_state follows once, and the stream leaves the loop.
+ * Stops reading for good. What was received stays in `rx`, what comes in the kernel. End of file of a
+ * peer that still reads is not noticed. A hang-up or a reset is STREAM_ERROR, with notify_state once,
+ * whatever is left to read; the stream leaves the loop.
  */
 void stream_disable_read(struct stream *stream);
 
 /*
- * Calls `callback` once the descriptor has taken everything written: inside this call if `tx` is empty,
- * otherwise as `notify_write`, which it replaces.
+ * Calls `callback` once the descriptor has taken everything written: at once if `tx` is empty, else as
+ * `notify_write`, which it replaces.
  *
- * Errors:    after STREAM_ERROR it is called at once if `tx` is empty (what was written is dropped), else
- *            never: look at `state`, or wait for notify_state.
- * Callbacks: it may clean the stream up and release it.
+ * Errors:    after STREAM_ERROR it is called at once if `tx` is empty (what was written is lost), else
+ *            never: see `state`.
+ * Callbacks: it may release the stream.
  */
 void stream_flush_tx_async(struct stream *stream, void (*callback)(struct stream *stream));
 

@@ -1,12 +1,11 @@
 /*
  * time - time values: signed 64-bit counts of microseconds.
  *
- * They count on CLOCK_MONOTONIC unless a clock is named: they measure intervals and set timeouts, and do
- * not tell the date. Nothing here fails: errors of the system's clocks are ignored, and a result that
- * does not fit wraps.
+ * They count on CLOCK_MONOTONIC unless a clock is named: for intervals and timeouts, not for dates.
+ * Nothing here fails: errors of the system's clocks are ignored, and a result that does not fit wraps.
  *
- * "Short range" means that a function takes its seconds from the low 32 bits of the microseconds, read as
- * a signed number. Durations below 2^31 microseconds (35 min 47 s) are right; longer ones wrap.
+ * "Short range": the seconds come from the low 32 bits of the microseconds, as a signed number. They are
+ * right below 2^31 microseconds (35 min 47 s), and wrap beyond.
  */
 #pragma once
 #include <stdint.h>

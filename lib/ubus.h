@@ -5,20 +5,17 @@
  * They work on a libubus context that the daemon connects, serves and frees. docs/recipes.md, "Live on
  * the message bus", says how; examples/common/bus.c does it on the library's loop. One thread.
  *
- * Looking up, registering and subscribing are synchronous in libubus. They block until the bus daemon
- * answers (for ever, if it drops the answer because this daemon does not keep up), and meanwhile serve
- * the context: handlers of calls, notifications and replies run inside. The functions concerned say
- * "synchronous".
+ * "Synchronous" below is what libubus does to look up, register and subscribe: it blocks until the bus
+ * daemon answers (for ever, if it drops the answer because this daemon does not keep up), and serves the
+ * context meanwhile, so that handlers of calls, notifications and replies run inside.
  *
- * A context may be freed or reconnected with calls in flight whenever libubus allows it. Before it is
- * freed, call mox_ubus_unsubscribe for its subscriptions; then store null, or another context, where its
- * retry requests look. One that is put aside and lives on keeps what it has: abort and unsubscribe first.
- * Callbacks that run inside ubus_reconnect, such as connection_lost, must call no function of this
- * header.
+ * A context may be freed or reconnected with calls in flight. Before it is freed call
+ * mox_ubus_unsubscribe for its subscriptions; then store null, or another context, where its retry
+ * requests look. If it is put aside and lives on, abort and unsubscribe first. Callbacks inside
+ * ubus_reconnect, such as connection_lost, must call no function of this header.
  *
  * libubus connects with handlers of its own for SIGINT, SIGTERM and SIGCHLD, where those had their
- * default action: block them before, and watch a signalfd. libubox's headers need POSIX names, which
- * -std=c11 alone leaves out: -std=gnu11 has them, and apbase's package files add -D_DEFAULT_SOURCE.
+ * default action: block them before, and watch a signalfd.
  */
 #pragma once
 #include <signal.h>
@@ -43,8 +40,8 @@ extern "C" {
 /* ---- JSON messages ---- */
 
 /*
- * The policy of such a message for blobmsg_parse: one entry "json", of any type. The attribute is made
- * with type UNSPEC, not STRING: its value is the text without a terminating NUL.
+ * The policy for blobmsg_parse: one entry "json", of any type. It is made with type UNSPEC, not STRING:
+ * its value is the text without a NUL.
  */
 extern const struct blobmsg_policy ubus_json_attrs[1];
 
@@ -54,21 +51,20 @@ extern const struct blobmsg_policy ubus_json_attrs[1];
  *
  * Returns:   0.
  * Errors:    anything else, and what jansson cannot write (invalid UTF-8, a value that contains itself,
- *            null), becomes an empty attribute, which no receiver takes for JSON. A text that the buffer
- *            cannot hold (16 MiB), like exhausted memory, ends the process.
+ *            null), becomes an empty attribute, which is no JSON. A text beyond the buffer's 16 MiB, like
+ *            exhausted memory, ends the process.
  * Ownership: the caller keeps its reference.
  */
 int ubus_pack_json_msg(struct blob_buf *b, json_t *json);
 
 /*
- * Reads the object or array in `msg`, the message of a call, reply or notification as libubus hands it
- * over; it may be null. A value takes up to some 80 times the memory of its text; the bus limits messages
- * to 1 MiB.
+ * Reads the object or array in `msg`, a call's, reply's or notification's message from libubus; it may be
+ * null. A value takes up to some 80 times the memory of its text, which the bus limits to 1 MiB.
  *
  * Returns:   0.
- * Errors:    2 (UBUS_STATUS_INVALID_ARGUMENT, for a handler to return), and `*out` is as it was:
- *            malformed attributes or text, scalars, more than 2048 levels, numbers too large, invalid
- *            UTF-8, a NUL anywhere (a STRING attribute ends in one).
+ * Errors:    2 (UBUS_STATUS_INVALID_ARGUMENT, for a handler to return), with `*out` as it was: malformed
+ *            attributes or text, scalars, over 2048 levels, numbers too large, invalid UTF-8, a NUL
+ *            anywhere (a STRING ends in one).
  * Ownership: `*out` is a new reference; drop it with json_decref.
  */
 int ubus_parse_json_msg(struct blob_attr *msg, json_t **out) __attribute__((warn_unused_result));
@@ -77,14 +73,14 @@ int ubus_parse_json_msg(struct blob_attr *msg, json_t **out) __attribute__((warn
 
 /*
  * Calls `method` of object `obj` with the message `b->head` and forgets about it; reply data is dropped.
- * `ctx` must be served, or every call ends with its time-out.
+ * Unless `ctx` is served, each call ends with its time-out.
  *
  * Returns:   0: the call is on its way; -1: it could not be sent.
  * Errors:    logged as LOG_ERR: an error status (7 if the connection is lost), or no answer within
  *            `timeout_ms` milliseconds (0: by the loop's next pass).
- * Ownership: `b` may be reused or freed at once. A call whose context was freed or reconnected before its
- *            time-out leaves a small record until a context of that address calls this function or loses
- *            its connection. Ending the connection first leaves nothing: docs/recipes.md.
+ * Ownership: `b` may be reused or freed at once. A call that times out after its context was freed or
+ *            reconnected leaves a record until a context of that address calls this or loses its
+ *            connection. Ending the connection first leaves none: docs/recipes.md.
  * Callbacks: none runs inside; sending waits while the socket is full.
  */
 int ubus_req_async_to(
@@ -92,12 +88,12 @@ int ubus_req_async_to(
 
 /* ---- Calls repeated until they succeed ---- */
 
-/* Milliseconds between attempts, and those that an answer may take. */
+/* Milliseconds between attempts, and for an answer. */
 #define UBUS_RETRY_DELAY_MS     2000
 
 /*
- * A call repeated until it succeeds. From init on it is the library's: read it only. It stays where it
- * is, and is not initialised again, until the call has succeeded or ubus_retry_request_abort.
+ * A call repeated until it succeeds. From init on it is the library's, for reading only. Do not move or
+ * initialise it until the call has succeeded or ubus_retry_request_abort.
  */
 struct ubus_retry_request {
 	struct ubus_context **ctx; /* where the daemon keeps its context; null there: no bus now */
@@ -113,49 +109,48 @@ struct ubus_retry_request {
 };
 
 /*
- * Prepares `rr`, whatever it held, and sends nothing. `*ctx` is read for every attempt; null means that
- * there is no context, or that it has lost its connection. While a call is in flight, store another
- * context or null there only if the former was freed or has lost its connection; otherwise abort first.
+ * Prepares `rr`, whatever it held. `*ctx` is read for every attempt: null if there is no context, or it
+ * has lost its connection. While a call is in flight, store something else there only if the former
+ * context was freed or has lost its connection; otherwise abort first.
  *
  * Returns:   0.
  * Errors:    -EINVAL, logged: null `ctx`, or a name of 32 bytes or more; nothing changes.
  * Ownership: `method` and `object` (a path) are copied.
  * Callbacks: `prepare_cb` fills a message (null: an empty one); unless it returns 0 the attempt has
- *            failed. `data_cb` gets the data of a reply; ubus_req_to_retry_request finds the record. Both
- *            may abort the request, and `data_cb` may invoke it; neither may release or initialise it.
+ *            failed. `data_cb` gets a reply's data, and finds `rr` with ubus_req_to_retry_request. Both
+ *            may abort `rr`, and `data_cb` may invoke it; neither may release or initialise it.
  */
 int ubus_retry_request_init(struct ubus_retry_request *rr, struct ubus_context **ctx, const char *method,
 	const char *object, int (*prepare_cb)(struct blob_buf *buf), ubus_data_handler_t data_cb);
 
 /*
- * Makes an attempt now, and aborts a call in flight. After an error status, or no answer within
- * UBUS_RETRY_DELAY_MS, the next attempt follows at once, not logged; after any other failure it follows
- * in UBUS_RETRY_DELAY_MS, and is logged, except for a missing context. There is no limit: what is in
- * flight when the connection is lost is sent again once bus and object are back.
+ * Makes an attempt now; a call in flight is aborted. After an error status, or no answer within
+ * UBUS_RETRY_DELAY_MS, the next attempt follows at once, unlogged. Every other failure is logged, but a
+ * missing context, and the next attempt follows in UBUS_RETRY_DELAY_MS. There is no limit: a call lost
+ * with the connection is repeated until bus and object are back.
  *
- * So a method that always refuses is called as fast as it answers: 12,648 times in half a second were
- * measured. Let `prepare_cb` count the attempts: if it returns anything but 0 the next one comes after
- * UBUS_RETRY_DELAY_MS; if it aborts, none does.
+ * So a method that always refuses is called as fast as it answers, 25000 times a second were measured.
+ * Let `prepare_cb` count: if it returns anything but 0 the next attempt is delayed; if it aborts, there
+ * is none.
  *
  * Returns:   0: in flight; -EBUSY: the attempt failed (no context, no such object, `prepare_cb`,
- *            sending), or waits for the loop's next pass.
+ *            sending), and the next is due.
  * Errors:    -EINVAL, logged: `rr->ctx` is null, nothing is due; -ECANCELED: a callback inside has
- *            aborted or invoked `rr`, which holds; -EALREADY: called from its own `prepare_cb`, nothing
- *            has changed.
- * Callbacks: looks up (synchronous), then calls `prepare_cb`. What runs inside the look-up may also
- *            release the record, after aborting. An attempt waits for the next pass if its own `data_cb`
- *            asks for it, if the context was replaced inside, or if it follows an error status that came
- *            inside another synchronous call of this module.
+ *            aborted or invoked `rr`, and that holds; -EALREADY: called from its own `prepare_cb`,
+ *            nothing has changed.
+ * Callbacks: looks up (synchronous), then calls `prepare_cb`. What runs inside the look-up may also abort
+ *            and then release `rr`. The attempt waits for the next pass (-EBUSY) if the own `data_cb`
+ *            asks for it, if the context was replaced inside, or after an error status inside another
+ *            synchronous call.
  */
 int ubus_retry_request_invoke(struct ubus_retry_request *rr);
 
 /*
- * Ends it, in any state after init: no attempt and no callback follows. `pending` stays set if a call was
- * in flight.
+ * Ends it, in any state after init: no attempt or callback follows. `pending` stays set if a call was in
+ * flight.
  *
  * Returns:   0.
- * Ownership: the record may be released or initialised again, but not inside its own `prepare_cb` or
- *            `data_cb`.
+ * Ownership: `rr` may be released or initialised, but not inside its own `prepare_cb` or `data_cb`.
  * Callbacks: callable from any.
  */
 int ubus_retry_request_abort(struct ubus_retry_request *rr);
@@ -165,13 +160,12 @@ struct ubus_retry_request *ubus_req_to_retry_request(struct ubus_request *req);
 
 /* ---- Subscriptions ---- */
 
-/* Milliseconds between the attempts to subscribe. */
+/* Milliseconds between attempts. */
 #define UBUS_SUBSCRIBE_RETRY_MS 500
 
 /*
- * A subscription to the object at a path, whether it exists yet or not; start from zero bytes. It stays
- * where it is until mox_ubus_unsubscribe. `ctx` changes only after that, or when the context has been
- * freed.
+ * A subscription to the object at a path, whether it exists yet or not; start from zero bytes. Until
+ * mox_ubus_unsubscribe do not move it, nor change `ctx` unless the context has been freed.
  */
 struct ubus_subscription {
 	struct ubus_context *ctx;          /* the daemon's */
@@ -182,30 +176,29 @@ struct ubus_subscription {
 };
 
 /*
- * Subscribes to `s->path`. While there is no such object, and again whenever it goes away, an attempt is
- * made every UBUS_SUBSCRIBE_RETRY_MS; nothing is logged. A lost connection ends the subscription
- * silently: call this again when it is back. An earlier registration of `s` ends first: no notification
- * comes twice.
+ * Subscribes to `s->path`. While there is no such object, also later on, an attempt follows every
+ * UBUS_SUBSCRIBE_RETRY_MS; nothing is logged. A lost connection ends the subscription silently: call this
+ * again when it is back. It ends an earlier registration of `s`: no notification comes twice.
  *
  * Returns:   0: subscribed; a ubus status (positive): not yet, the next attempt is due.
  * Errors:    -EAGAIN: the subscriber could not be registered, for any reason, or `s->ctx` is null;
- *            nothing is due, call it with the next connection. -ECANCELED: a callback inside has called
- *            this function or mox_ubus_unsubscribe before it was subscribed. -EALREADY: called while `s`
- *            is being registered or unregistered; nothing has changed.
- * Callbacks: registers, looks up and subscribes (synchronous). `cb` gets the notifications; it finds `s`
+ *            nothing is due, so call this on the next connection. -ECANCELED: before it was subscribed, a
+ *            callback inside has called this or mox_ubus_unsubscribe. -EALREADY: `s` is being registered
+ *            or unregistered; nothing has changed.
+ * Callbacks: registers, looks up and subscribes (synchronous). `cb` gets the notifications, and finds `s`
  *            with ubus_object_to_subscription. `subscribed_cb` runs inside; its result is ignored. All
- *            may unsubscribe; then `subscribed_cb`, and what runs inside the timer's attempts, may
- *            release the record.
+ *            may unsubscribe; then `subscribed_cb`, and what runs inside an attempt of the timer, may
+ *            release `s`.
  */
 int mox_ubus_subscribe(struct ubus_subscription *s, ubus_handler_t cb);
 
 /*
- * Ends it: no attempt, no notification and no callback follows. Without a connection, or with a null
- * `s->ctx` after the context was freed, it does the same without the bus; otherwise it is synchronous.
+ * Ends it: no attempt, notification or callback follows. Synchronous, but without the bus if the
+ * connection is lost, or `s->ctx` is null because the context was freed.
  *
  * Returns:   0.
- * Ownership: the record may be released, but not inside `cb`, which libubus may look at afterwards, nor
- *            inside another call of this function or mox_ubus_subscribe for it.
+ * Ownership: `s` may be released, but not inside `cb`, as libubus may look at it afterwards, nor inside
+ *            another call of this or mox_ubus_subscribe for it.
  */
 int mox_ubus_unsubscribe(struct ubus_subscription *s);
 

@@ -13,10 +13,9 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /*
- * Runs the program at `path` with `argv` (its name first, null last) and waits for its end, however long
- * that takes: for short tools at start-up; the event loop has evloop_process. The program inherits what
- * is not closed on exec. With `quiet` it has no standard error; the first file that it opens may get that
- * number.
+ * Runs the program at `path` with `argv` (its name first, null last) and waits for its end: for short
+ * tools at start-up; the event loop has evloop_process. The program inherits what is not closed on exec.
+ * With `quiet` it starts without standard error; the first file that it opens may get that number.
  *
  * Returns:   the status of waitpid, not decoded: 0 for exit code 0; 256 for 1, and if it cannot be
  *            started, which is logged (not to a closed standard error).
@@ -25,10 +24,9 @@ extern "C" {
 int execute(const char *path, char *const argv[], int quiet);
 
 /*
- * Sends SIGTERM to each child of the process `parent`, the caller included, not to their children; does
- * not wait. It reads /proc, so a child that comes or goes meanwhile may be missed. The parent is the
- * fourth word of /proc/<pid>/stat: a child with a blank in its command name is missed, or taken for
- * another's.
+ * Sends SIGTERM to each child of `parent`, even the caller, not to their children, and does not wait. It
+ * reads /proc: a child that comes meanwhile may be missed. The parent is the fourth word of
+ * /proc/<pid>/stat: a child with a blank in its command name is missed, or taken for another's.
  *
  * Returns:   0: all of /proc has been read.
  * Errors:    -1, logged. A child that cannot be signalled is logged; the rest are signalled.
@@ -36,9 +34,9 @@ int execute(const char *path, char *const argv[], int quiet);
 int kill_children(pid_t parent);
 
 /*
- * Reads the console's device name, such as "ttyS0" of "console=ttyS0,115200": what follows the first
- * "console=" in the first 255 characters of the kernel's command line. It ends at the first comma, even
- * of a later parameter; without any comma at the first blank; without either it keeps the line feed.
+ * Reads the console's device name: what follows the first "console=" in the first 255 characters of the
+ * kernel's command line, "ttyS0" of "console=ttyS0,115200". It ends at the first comma, even of a later
+ * parameter; without one at the first blank; without either at the end, line feed included.
  *
  * Returns:   text; null if there is none, or it cannot be read.
  * Ownership: the caller frees the text.
