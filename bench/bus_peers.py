@@ -1,4 +1,4 @@
-"""The message bus, and the processes that talk over it: started, read line by line, ended."""
+"""Starts the message bus and the processes that talk over it, reads their output line by line, and ends them."""
 
 import os
 import select
@@ -20,7 +20,7 @@ FORMS = {
 
 
 class Process:
-    """A child whose output is read line by line. Its errors go to a file, `errors`."""
+    """A child whose output is read line by line. Its errors go to the file `errors`."""
 
     cpu_seconds = Server.cpu_seconds
     resident_bytes = Server.resident_bytes
@@ -34,11 +34,11 @@ class Process:
         self._unread = b""
 
     def worker(self):
-        """Everything that it is started through becomes it."""
+        """The process itself: taskset and the wrapper exec the program."""
         return self.process.pid
 
     def line(self, timeout=START_TIMEOUT_S):
-        """The next one, without its end."""
+        """The next line of output, without its line feed."""
         deadline = time.monotonic() + timeout
         while b"\n" not in self._unread:
             ready, _, _ = select.select([self.process.stdout], [], [], max(0, deadline - time.monotonic()))
@@ -57,7 +57,7 @@ class Process:
         return (self.error_lines() or ["no message"])[-1]
 
     def stop(self, number=signal.SIGTERM):
-        """Ends it if it has not ended itself."""
+        """Ends the process unless it has already ended."""
         if self.process.poll() is None:
             self.process.send_signal(number)
         try:
@@ -75,7 +75,7 @@ class Process:
 
 
 def daemon_program(binaries):
-    """The one that was built, or else the system's."""
+    """The bus daemon of the build, or else the system's."""
     built = os.path.join(binaries, "host/ubusd")
     program = built if os.path.exists(built) else shutil.which("ubusd", path=os.environ.get("PATH", "") + ":/sbin")
     if not program:
@@ -84,7 +84,7 @@ def daemon_program(binaries):
 
 
 class Bus:
-    """A bus daemon on a socket of its own, which can be restarted. `name` is its own in `scratch`."""
+    """A bus daemon on a socket of its own; it can be restarted. `name` must be unique in `scratch`."""
 
     def __init__(self, bench, name, *, cpu=None):
         self._bench = bench
@@ -113,7 +113,7 @@ class Bus:
             return bool(probe.recv(1))
 
     def peer(self, program, *words, name=None, wrapper=()):
-        """A process of ours on this bus."""
+        """One of our programs, connected to this bus."""
         command = [os.path.join(self._bench.binaries, "bench", program), self.socket, *(str(word) for word in words)]
         errors = os.path.join(self._bench.scratch, f"{name or program}.log")
         return Process(command, errors, cpu=self._cpu, wrapper=wrapper)
@@ -142,7 +142,7 @@ class CallPair:
         self.called.line()
 
     def calls(self, kind, count, *, wrapper=()):
-        """Makes the calls; the seconds that they took, and those of CPU time, of all three processes."""
+        """Makes the calls. Returns the seconds that passed, and the seconds of CPU time of all three processes."""
         before = self.bus.daemon.cpu_seconds() + self.called.cpu_seconds()
         with self.bus.peer("bus_call", self.form, kind, count, name="bus-caller", wrapper=wrapper) as caller:
             seconds, cpu_seconds = (int(word) / 1e9 for word in caller.line(timeout=600).split())
@@ -164,8 +164,8 @@ class CallPair:
 
 
 def soak(bench, wanted, every, progress):
-    """Calls over a bus that is restarted after every `every` of them. Yields, for the start and for each restart
-    that everything came back from, the resident bytes of the caller and the called."""
+    """Makes `wanted` calls over a bus that is restarted after each `every` calls. Yields the resident bytes of the
+    caller and the called, at the start and after each restart."""
     errors = {"ubus-ureq-async: error: 7", "ubus_retry_req bench.soak.echo: can't lookup object"}
     with Bus(bench, "soak") as bus, bus.peer("bus_soak", "serve", name="soak-called") as called:
         called.line()

@@ -1,4 +1,4 @@
-"""The rules of nft_commit.c made in network namespaces of their own, by lib/nft, by direct calls, and by `nft -f`."""
+"""Makes the rules of nft_commit.c by lib/nft, by direct calls, and by `nft -f`, each in its own network namespace."""
 
 import json
 import os
@@ -26,8 +26,8 @@ def nft_program():
 
 
 class RaisedLimits:
-    """The sizes that sockets' queues have by default, raised; they are the whole machine's. A shell of its own sets
-    them back once the pipe to it is closed, by whatever may end this program.
+    """Raises the default sizes of socket queues, for the whole machine. A separate shell restores them when its pipe is
+    closed, however this program ends.
     """
 
     def __init__(self):
@@ -63,7 +63,7 @@ class RaisedLimits:
 
 
 class Rules:
-    """`count` rules of a kind of nft_commit.c's, in so many transactions."""
+    """`count` rules of one kind of nft_commit.c, in `transactions` transactions."""
 
     def __init__(self, bench, kind, count, transactions=1):
         self._bench = bench
@@ -79,7 +79,7 @@ class Rules:
         return path
 
     def _run(self, *commands):
-        """One after the other in a network namespace, whose end takes everything with it. The last one's output."""
+        """Runs the commands in a new network namespace, one after the other. Returns the output of the last one."""
         script = " && ".join(" ".join(f"'{word}'" for word in command) for command in commands)
         command = ["taskset", "-c", str(self._bench.cpu), "unshare", "--net"]
         command += [] if os.geteuid() == 0 else ["--map-root-user"]
@@ -92,7 +92,7 @@ class Rules:
         return [self._nft, f"add table ip {CHAIN[1]}; add chain {' '.join(CHAIN)}"]
 
     def _make(self, way):
-        """The command that makes the rules in one transaction."""
+        """The command that commits the rules in one transaction."""
         if way == "nft":
             return [self._nft, "-f", self.texts[0]]
         return [self._program, "send", way, self.kind, str(self.count)]
@@ -133,13 +133,13 @@ class Rules:
         return self._counted("memcheck", r"total heap usage: ([\d,]+) allocs", *commands)
 
     def to_build(self, way):
-        """User instructions and allocations of the whole process; None of `nft`, which cannot leave it at that."""
+        """User instructions and allocations of the whole process. None for `nft`: it always sends."""
         if way == "nft":
             return None
         command = [self._program, "build", way, self.kind, str(self.count)]
         return self._instructions(command), self._allocations(command)
 
     def to_make(self, way):
-        """The same, with the rules sent."""
+        """The same for building and sending."""
         command, before = self._make(way), self._empty_chain()
         return self._instructions(command, before), self._allocations(command, before)

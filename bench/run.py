@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Measures, and prints tables in Markdown on stdout; progress goes to stderr. With --write each section's table also goes
-to a file of its own in docs/figures.
+"""Measures, and prints tables in Markdown on stdout; progress goes to stderr. With --write each section's tables also
+go to a file of its own in docs/figures.
 
 Run it through scripts/bench, which installs and builds what this needs.
 """
@@ -32,7 +32,7 @@ FIGURES = os.path.join(HERE, "../docs/figures")
 
 
 class Bench:
-    """What every section needs."""
+    """The binaries, the options and the CPU that all sections use."""
 
     def __init__(self, binaries, scratch, quick, raise_limits):
         self.binaries = binaries
@@ -76,7 +76,7 @@ def number(value):
 
 
 def spread(values):
-    """The middle half of many, all of a few."""
+    """From 8 values on the middle half, otherwise all."""
     low, high = min(values), max(values)
     if len(values) >= 8:
         low, _, high = statistics.quantiles(values, n=4)
@@ -92,13 +92,13 @@ def markdown(head, rows):
 
 
 def children_cpu_seconds():
-    """Of the ended ones."""
+    """CPU time of all children that have ended."""
     usage = resource.getrusage(resource.RUSAGE_CHILDREN)
     return usage.ru_utime + usage.ru_stime
 
 
 def wrk(bench, server, seconds, *, depth=1, connections=10, close=False):
-    """One run of the load generator. Requests, and the seconds of CPU time that server and wrk used for them.
+    """One run of the load generator. Returns the requests, and the seconds of CPU time of server and wrk.
 
     The two share one CPU and keep it busy, so on a machine with nothing else to do that is the time it took;
     on any other it leaves out what others took.
@@ -125,7 +125,7 @@ def rotated(items, turns):
 
 
 def ends_as_wrk_expects(server, close=False, **_):
-    """wrk sends on unless the answer says that the connection ends with it."""
+    """wrk sends further requests unless the answer announces the end of the connection."""
     if not close or b"\r\nConnection: close\r\n" in server.answer(close):
         return True
     say(f"{server.kind} is left out: its answers do not announce the end of the connection")
@@ -133,7 +133,7 @@ def ends_as_wrk_expects(server, close=False, **_):
 
 
 def rates(bench, title, **mode):
-    """Requests per second of CPU time of every server, in rounds in which each has its turn."""
+    """Requests per second of CPU time of each server. The servers take turns in each round."""
     rounds, seconds = bench.pick(3, 9), bench.pick(1, 3)
     line = bench.line(close=mode.get("close", False), cpu=bench.cpu)
     running = line.start_all()
@@ -226,7 +226,7 @@ def section_idle(bench):
         rows.append([TITLES[kind], number(statistics.median(alone[kind])), number(statistics.median(beside[kind]))])
         rows[-1] += [f"{statistics.median(ratios):.2f}", spread(ratios)]
         if kind == bench.ours:
-            bench.conclude(f"CPU a request with {IDLE_COUNT:,} idle connections, of that with none", statistics.median(ratios))
+            bench.conclude(f"CPU a request beside {IDLE_COUNT:,} idle connections, of one alone", statistics.median(ratios))
     head = ["server", "CPU µs a request", f"with {IDLE_COUNT:,} idle", "ratio", "spread"]
     return f"{IDLE_COUNT:,} idle keep-alive connections beside 10 busy ones", markdown(head, rows)
 
@@ -322,8 +322,8 @@ def section_instructions(bench):
 
 
 class Micro:
-    """The results of one program of micro-benchmarks: nanoseconds by group, implementation and size, of several
-    rounds in which those that are compared run one right after the other."""
+    """The results of one program of micro-benchmarks: nanoseconds by group, implementation and size, of several rounds.
+    In each round the compared implementations run one right after the other."""
 
     def __init__(self, bench, program):
         self.times = {}
@@ -416,7 +416,7 @@ def section_buffer(bench):
 
 
 def bus_rounds(bench, kind, rounds, count):
-    """By form: for each round, the round trips a second, and the microseconds of CPU time of one."""
+    """For each form and round: the round trips a second, and the microseconds of CPU time of one."""
     pairs = {}
     result = {form: [] for form in bus_peers.FORMS}
     try:
@@ -435,7 +435,7 @@ def bus_rounds(bench, kind, rounds, count):
 
 
 def bus_instructions(bench, form, kind):
-    """User instructions of a round trip, the caller's and the called one's."""
+    """User instructions of a round trip, of the caller and the called together."""
     profile = os.path.join(bench.scratch, "callgrind-bus")
     wrapper = ["valgrind", "--quiet", "--tool=callgrind", f"--callgrind-out-file={profile}"]
     fewer, more = 200, bench.pick(700, 2200)

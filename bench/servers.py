@@ -1,4 +1,4 @@
-"""Starting the servers that are compared, and talking to them.
+"""Starts the compared servers, and talks to them.
 
 Every server is tuned until its whole answer, head and body, has the same number of bytes on the wire, and
 is asked with the very same request.
@@ -21,7 +21,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 
 
 class Failure(Exception):
-    """Something that the person who measures has to know; one line."""
+    """Ends the measurement with one line that says why."""
 
 
 def raise_descriptor_limit():
@@ -38,7 +38,7 @@ def free_port():
 
 
 def request_text(path, close=False):
-    """What wrk sends: its own header lines, and no others."""
+    """The request as wrk sends it."""
     extra = "Connection: close\r\n" if close else ""
     return f"GET {path} HTTP/1.1\r\nHost: 127.0.0.1\r\n{extra}\r\n".encode()
 
@@ -49,7 +49,7 @@ def children_of(pid):
 
 
 class Client:
-    """One connection that sends requests one after the other and reads whole answers."""
+    """One connection: sends requests one after the other and reads whole answers."""
 
     def __init__(self, port):
         self.socket = socket.create_connection(("127.0.0.1", port), timeout=START_TIMEOUT_S)
@@ -72,7 +72,7 @@ class Client:
             answer += piece
 
     def ask_again(self, request, answer_bytes, count):
-        """Many requests with answers of a known length: no parsing in between."""
+        """Sends `request` `count` times, each after the last answer. Answers have a known length and are not parsed."""
         for _ in range(count):
             self.socket.sendall(request)
             left = answer_bytes
@@ -149,12 +149,12 @@ class Server:
         return found[0] if found else None
 
     def worker(self):
-        """The process that serves: nginx has one below its first."""
+        """The process that serves: for nginx a child of the first process."""
         pid = self.main_process()
         return children_of(pid)[0] if self.kind == "nginx" else pid
 
     def stop(self):
-        """Ends the server, not its wrapper, which then has something to report."""
+        """Ends the server, so that its wrapper can write its report."""
         if self.process.poll() is None:
             pid = self.main_process()
             if pid is not None:
@@ -258,7 +258,7 @@ class Line:
         return Server(kind, *self._where, close=self.close, **options)
 
     def _tuned_path(self):
-        """The padding is part of the answer once, and of its Content-Length by its digits."""
+        """The answer contains the padding once, and its length in Content-Length."""
         pad = 16
         for _ in range(4):
             with self._quietly("apstatd", path="/param?x=" + "x" * pad) as server:

@@ -1,4 +1,4 @@
-"""The emulated access point: how the emulator is called, and a boot as a process that is spoken to."""
+"""The emulated access point: the emulator's command line, and a boot whose console a script drives."""
 
 import ctypes
 import os
@@ -21,11 +21,11 @@ LAST_LINES = 20
 
 
 class Fault(Exception):
-    """What is wrong, in one line; perhaps others follow that show it."""
+    """One line that says what is wrong. Lines that show it may follow."""
 
 
 def look_for_parts(top):
-    """A part of the machine that is missing is named, with what to do about it."""
+    """Raises a Fault that names a missing part of the machine and says how to get it."""
     if not shutil.which(EMULATOR):
         raise Fault(f"there is no {EMULATOR}: install Debian's package qemu-system-mips")
     for name in ("kernel", "first.cpio.gz", "root.squashfs"):
@@ -34,7 +34,7 @@ def look_for_parts(top):
 
 
 def make_flash(folder):
-    """Images of flash memory, all of it random, as "rootfs_data" may be on a device that never ran this."""
+    """Makes images of flash memory with random content, as on a device that ran other firmware."""
     for name, length in (("EEPROM", EEPROM_BYTES), ("rootfs_data", ROOTFS_DATA_BYTES)):
         with open(f"{folder}/{name}", "wb") as image:
             image.write(os.urandom(length))
@@ -45,12 +45,12 @@ def image_option(path):
 
 
 def has_tests(top):
-    """Whether there are test programs for the board: of the message bus, which then is the real one."""
+    """Whether the board has test programs. It has them if its message bus is the real one."""
     return os.path.exists(f"{top}/tests.squashfs")
 
 
 def command_line(top, folder, with_rootfs_data=True):
-    """The emulator's, but for its console. Flash memory is images in `folder`, and the root's in `top`."""
+    """The emulator's command line without its console. Flash images are in `folder`, the root's in `top`."""
     disks = [("EEPROM", f"{image_option(f'{folder}/EEPROM')},cache=unsafe")]
     disks += [("rootfs", f"{image_option(f'{top}/root.squashfs')},snapshot=on")]  # so it is never written to
     disks += [("rootfs_data", f"{image_option(f'{folder}/rootfs_data')},cache=unsafe")] if with_rootfs_data else []
@@ -91,13 +91,13 @@ class Emulator:
         self.cut_power()
 
     def cut_power(self):
-        """Ends the emulator as it stands: what the board has not written to flash memory is lost."""
+        """Kills the emulator. Data that the board has not yet written to flash memory is lost."""
         self.process.kill()
         self.process.wait()
         self.monitor.close()
 
     def url(self, path=""):
-        """Leads to apstatd on the board."""
+        """The URL of `path` on the board's apstatd."""
         forward = rf"TCP\[HOST_FORWARD\] +\d+ +127\.0\.0\.1 +(\d+) +\S+ +{PORT}\b"
         said = ""
         self.monitor.settimeout(PATIENCE_S)
@@ -113,7 +113,7 @@ class Emulator:
 
 
 class Machine(Emulator):
-    """One boot whose console this script speaks to. What the console says goes to the file `log`, too."""
+    """One boot whose console this script drives. All console output also goes to the file `log`."""
 
     def __init__(self, words, log):
         self.said = ""  # by the console
@@ -137,7 +137,7 @@ class Machine(Emulator):
         return Fault("\n      ".join([f"{what}\n    The last lines of its console:", *lines]))
 
     def read(self, deadline, what):
-        """Adds what the console says next, waiting for it; false if the machine has ended."""
+        """Waits for console output and appends it to `said`. Returns false if the machine has ended."""
         ready, _, _ = select.select([self.process.stdout], [], [], max(0, deadline - time.monotonic()))
         if time.monotonic() >= deadline or not ready:
             raise self.fault(f"it did not {what} within {PATIENCE_S} s, and was ended")
@@ -148,7 +148,7 @@ class Machine(Emulator):
         return bool(data)
 
     def wait_for(self, pattern, what):
-        """Waits until the console says it, behind what was waited for before."""
+        """Waits until console output after the last match matches `pattern`."""
         deadline = time.monotonic() + PATIENCE_S
         while not (match := re.compile(pattern).search(self.said, self.taken)):
             if not self.read(deadline, what):
@@ -163,19 +163,19 @@ class Machine(Emulator):
             pass  # it has ended, which is told by whoever waits for an answer
 
     def boot(self):
-        """Waits for the shell, and has it run another that neither edits nor prompts."""
+        """Waits for the shell, then starts a second one in it that neither echoes nor prompts."""
         self.wait_for("~ # ", "come to a shell's prompt")
         self.type("stty -echo; { echo [ready $((1))]; sh; } 2>&1 | cat")
         self.wait_for(r"\[ready 1\]\n", "start a shell")
 
     def run(self, command):
-        """Runs a command: its output, and its exit status."""
+        """Runs a command. Returns its output and its exit status."""
         self.type(f'{command}\necho "[status $?]"')
         match = self.wait_for(r"(?s)(.*?)\[status (\d+)\]\n", f"come to the end of '{command}'")
         return match[1], int(match[2])
 
     def switch_off(self):
-        """Has the board write what it holds to flash memory, and end by itself."""
+        """Switches the board off. It writes its data to flash memory first."""
         self.type("poweroff -f")
         deadline = time.monotonic() + PATIENCE_S
         while self.read(deadline, "switch itself off"):

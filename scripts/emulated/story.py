@@ -61,7 +61,7 @@ def section(text):
 
 
 def done(text):
-    """Says what has just been checked."""
+    """Prints a check that has passed."""
     say(f"  ok  {text}")
 
 
@@ -77,20 +77,20 @@ def shortened(text, lines_max=LINES_MAX):
 
 
 class Board(machine.Machine):
-    """One boot of the story."""
+    """A boot that shows commands and checks their output."""
 
     def must(self, held, fault, evidence=""):
         if not held:
             raise self.fault(fault + indented(evidence))
 
     def ask(self, command):
-        """The output of a command that must succeed."""
+        """Returns the output of a command that must succeed."""
         output, status = self.run(command)
         self.must(status == 0, f"'{command}' ends with status {status}:", output)
         return output
 
     def show(self, command, *expected, lines_max=LINES_MAX):
-        """The same, shown; the output must have all of these texts."""
+        """As `ask`, and prints command and output. The output must contain all `expected` texts."""
         output = self.ask(command)
         for text in expected:
             self.must(text in output, f"'{command}' does not say '{text.strip()}':", output)
@@ -103,7 +103,7 @@ class Board(machine.Machine):
             self.must(time.monotonic() < deadline, f"'{command}' never says '{text}':", output)
 
     def show_from_outside(self, *words):
-        """Shows a command of this machine, which must succeed, and its output."""
+        """Runs a command on this machine, which must succeed, and prints it with its output."""
         command = " ".join(f"'{word}'" if "\\" in word else word for word in words)
         try:
             result = subprocess.run(
@@ -123,7 +123,7 @@ class Board(machine.Machine):
         return output
 
     def check_mounts(self, upper, kind):
-        """The root is an overlay whose upper layer is on `upper`, of that kind; all else is where it belongs."""
+        """Checks that the root is an overlay whose upper layer is on `upper`, of that kind, and all other mounts."""
         lines = [line.split() for line in self.show("cat /proc/mounts").splitlines()]
         kinds = {point: its_kind for _, point, its_kind, *_ in lines}
         options = {point: options for _, point, _, options, *_ in lines}
@@ -131,7 +131,7 @@ class Board(machine.Machine):
         self.must(kinds == {**MOUNTS, upper: kind}, f"mounts are {kinds}, and not {MOUNTS} and {upper}: {kind}")
 
     def erasers(self):
-        """Those that were started since power on: the kernel keeps a trace of all programs."""
+        """The erasers that were started since power on, from the kernel's trace of started programs."""
         trace = "/sys/kernel/tracing/trace"
         self.ask("mount -t tracefs tracefs /sys/kernel/tracing")
         self.must("exec: filename=/usr/sbin/apinit " in self.ask(f"cat {trace}"), "there is no such trace")
@@ -140,7 +140,7 @@ class Board(machine.Machine):
         return started.split()
 
     def memory_kib(self):
-        """Private dirty memory of apstatd, shown."""
+        """Prints the private dirty memory of apstatd, and returns it."""
         rollup = self.show("grep -E 'Rss|Private_Dirty' /proc/$(pidof apstatd)/smaps_rollup")
         return int(re.search(r"Private_Dirty: +(\d+) kB", rollup)[1])
 
@@ -379,8 +379,8 @@ def write_transcript(path, top):
         f"- {datetime.date.today()}; {processor()}, of which the emulator uses one",
         f"- {emulator.splitlines()[0]}; the message bus is {bus}",
         "",
-        "Times and requests a second are those of an emulated processor and say nothing about a real one. The figures of",
-        "memory are those of a real MIPS kernel.",
+        "Times and requests a second are those of an emulated processor, and say nothing about a real one. The figures",
+        "of memory are those of a real MIPS kernel.",
     ]
     os.makedirs(os.path.dirname(path), exist_ok=True)
     with open(path, "w") as file:

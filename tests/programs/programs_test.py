@@ -439,7 +439,8 @@ class Machine(unittest.TestCase):
 
     def test_benchmarks_that_are_told_nonsense_change_nothing(self):
         run = ["/usr/bin/python3", "-B", f"{TREE}/bench/run.py"]
-        self.check_unchanged([*run, "--help"], [*run, "nonsense"], [*run, "--raise-limits", "nonsense"])
+        self.check_unchanged([*run, "--help"], [*run, "nonsense"], [*run, "--raise-limits", "nonsense"],
+            [*run, "--write", "--quick"])
 
     def test_tests_of_calibration_data_need_no_folder_of_the_machine_and_make_none(self):
         (answer,) = self.check_unchanged([CALDATA_TEST, "--gtest_filter=caldata_export.*"])
