@@ -76,7 +76,7 @@ class Process:
 
 def daemon_program(binaries):
     """The bus daemon of the build, or else the system's."""
-    built = os.path.join(binaries, "host/ubusd")
+    built = os.path.join(binaries, "standin/ubusd")
     program = built if os.path.exists(built) else shutil.which("ubusd", path=os.environ.get("PATH", "") + ":/sbin")
     if not program:
         raise Failure("there is no bus daemon, ubusd")

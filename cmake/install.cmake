@@ -9,15 +9,11 @@ set(APBASE_PC_BUS_CFLAGS "")
 set(APBASE_PC_BUS_LIBS "")
 set(APBASE_PACKAGE_BUS_INCLUDE_DIRS "")
 set(APBASE_PACKAGE_BUS_LIBRARIES "")
-if(APBASE_BUS STREQUAL host)
-	# The stand-in comes along, in a folder of its own where no other program finds it: the copy needs nothing of the
-	# tree it was built in. The folder's name in the CMake package is resolved there.
-	set(bus_dir ${CMAKE_INSTALL_LIBDIR}/apbase)
-	set(bus_programs ubusd ubus-cli)
+if(APBASE_BUS STREQUAL standin)
+	# The stand-in comes along, so that the copy needs nothing of the tree it was built in. The folder's name in the
+	# CMake package is resolved there.
+	set(bus_dir ${APBASE_BUS_INSTALL_DIR})
 	set_target_properties(apbase PROPERTIES INSTALL_RPATH $ORIGIN/apbase)
-	set_target_properties(ubox ubus ${bus_programs} PROPERTIES INSTALL_RPATH $ORIGIN)
-	install(TARGETS ubox ubus ${bus_programs} LIBRARY DESTINATION ${bus_dir} RUNTIME DESTINATION ${bus_dir})
-	install(DIRECTORY ${APBASE_BUS_INCLUDE_DIRS}/ DESTINATION ${bus_dir}/include)
 	set(APBASE_PC_BUS_CFLAGS " -isystem \${libdir}/apbase/include")
 	set(APBASE_PC_BUS_LIBS "-L\${libdir}/apbase -Wl,-rpath,\${libdir}/apbase ")
 	set(APBASE_PACKAGE_BUS_INCLUDE_DIRS "\${PACKAGE_PREFIX_DIR}/${bus_dir}/include")

@@ -36,7 +36,7 @@ house.run(
 if arguments.tests:
     with open(os.path.join(build, "compile_commands.json"), encoding="utf-8") as file:
         commands = json.load(file)
-    sources = [each for each in commands if os.path.relpath(each["file"], arguments.tree).startswith("tests/")]
+    sources = [each for each in commands if os.path.relpath(each["file"], arguments.tree).startswith(("tests/", "standin/tests/"))]
     if not sources:
         house.fail("there are no tests to compile")
     for each in sources:

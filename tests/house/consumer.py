@@ -75,7 +75,7 @@ def use_add_subdirectory():
     # Nothing but the library, and what it is linked to here, may come along: no tests, no example, no warning
     # flags, nothing to install.
     tree = pathlib.Path(arguments.tree)
-    expected = {tree / "lib", tree / "boards", tree / "host/libubox", tree / "host/libubus"}
+    expected = {tree / path for path in ("lib", "lib/internal", "boards", "standin/libubox", "standin/libubus")}
     commands = json.loads((build / "compile_commands.json").read_text())
     for command in commands:
         name = command["file"]

@@ -13,7 +13,7 @@ arguments = parser.parse_args()
 tree = pathlib.Path(arguments.tree)
 sources = sorted(
     path.relative_to(tree)
-    for folder in ("lib", "boards", "host", "tests", "examples", "bench")
+    for folder in ("lib", "boards", "standin", "tests", "examples", "bench")
     for path in (tree / folder).rglob("*")
     if path.suffix in (".c", ".cc", ".h")
 )

@@ -24,7 +24,7 @@ others = scratch / "include"
 others.mkdir()
 for header in ("jansson.h", "jansson_config.h", "libnftnl", "libmnl", "mbedtls"):
     (others / header).symlink_to(f"/usr/include/{header}")
-compile_cxx += [f"-isystem{others}", f"-isystem{tree}/host/include"]
+compile_cxx += [f"-isystem{others}", f"-isystem{tree}/standin/include"]
 compile_cxx += ["-Wall", "-Wextra", "-Werror", f"-I{tree}", "-c", "-o", scratch / "module.o"]
 
 

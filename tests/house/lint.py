@@ -13,13 +13,14 @@ arguments = parser.parse_args()
 
 if arguments.source.endswith(".c"):
     language = ["-std=c11", "-D_DEFAULT_SOURCE"]
-elif "/host/" in arguments.source:
+elif "/standin/" in arguments.source:
     language = ["-std=c++20"]
 else:
     language = ["-std=c++20", "-fno-exceptions", "-fno-rtti"]
+versions = [f'-D{name}_VERSION="1.0.0"' for name in ("APBASE", "STANDIN")]
 includes = [f"-I{arguments.tree}", *(f"-isystem{folder}" for folder in arguments.system_include)]
 result = house.attempt(
-    ["clang-tidy-14", "--quiet", arguments.source, "--", *language, "-O2", '-DAPBASE_VERSION="1.0.0"', *includes],
+    ["clang-tidy-14", "--quiet", arguments.source, "--", *language, "-O2", *versions, *includes],
     cwd=arguments.tree,
 )
 findings = re.findall(r"^(\S+:\d+:\d+): (?:error|warning): (.*)$", result.stdout, flags=re.MULTILINE)

@@ -23,7 +23,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/support.h"
+#include "tests/support/system.h"
 
 namespace support
 {

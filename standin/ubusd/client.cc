@@ -27,7 +27,7 @@ std::optional<identity> identity_of_peer(int fd)
 	return identity{credentials.uid, credentials.gid, user->pw_name, group->gr_name};
 }
 
-client::client(owned_fd fd, int epoll_fd, uint32_t id, identity who)
+client::client(descriptor fd, int epoll_fd, uint32_t id, identity who)
 	: fd_(std::move(fd)), epoll_fd_(epoll_fd), id_(id), who_(std::move(who))
 {
 }

@@ -113,7 +113,7 @@ public:
 
 	bool full() const { return clients_.size() >= clients_max; }
 	// Takes a connection in and greets it; the connection is closed when that fails.
-	void add_client(owned_fd fd, int epoll_fd, identity who);
+	void add_client(descriptor fd, int epoll_fd, identity who);
 	// Does a bounded amount of work for a client of which epoll has reported `events`, possibly none. True
 	// when there is more to do at once. A client that has gone is removed; one that is unknown has been.
 	bool serve(uint32_t client_id, uint32_t events);

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "../../lib/internal/owned.h"
+#include "descriptor.h"
 #include "wire.h"
 
 namespace ubusd
@@ -51,7 +51,7 @@ struct pending_lookup {
 
 class client
 {
-	owned_fd fd_;
+	descriptor fd_;
 	int epoll_fd_;
 	uint32_t watched_ = 0;
 	uint32_t id_;
@@ -72,7 +72,7 @@ public:
 	// What it makes the bus hold.
 	size_t subscription_count = 0, pattern_count = 0, held_bytes = 0;
 
-	client(owned_fd fd, int epoll_fd, uint32_t id, identity who);
+	client(descriptor fd, int epoll_fd, uint32_t id, identity who);
 	client(const client &) = delete;
 	client &operator=(const client &) = delete;
 

@@ -62,7 +62,7 @@ static bool may_subscribe(const identity &who, const object &target)
 // ---------------------------------------------------------------------------------------------------------
 // Clients.
 
-void bus::add_client(owned_fd fd, int epoll_fd, identity who)
+void bus::add_client(descriptor fd, int epoll_fd, identity who)
 {
 	uint32_t id = free_id(clients_);
 	if (id == 0)

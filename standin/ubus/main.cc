@@ -398,7 +398,7 @@ int main(int argc, char **argv)
 		return 0;
 	}
 	if (given.version) {
-		puts("ubus " APBASE_VERSION);
+		puts("ubus " STANDIN_VERSION);
 		return 0;
 	}
 	setvbuf(stdout, nullptr, _IOLBF, 0);

@@ -28,7 +28,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/bus.h"
-#include "tests/support/support.h"
+#include "tests/support/system.h"
 
 using namespace support;
 using testing::ElementsAre;

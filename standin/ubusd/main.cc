@@ -67,7 +67,7 @@ class server
 	bus bus_;
 	std::string path_;
 	struct stat made_ = {}; // the socket file
-	owned_fd epoll_, listener_, signals_;
+	descriptor epoll_, listener_, signals_;
 	int64_t accept_again_ms_ = 0;      // when a pause in accepting ends; 0 without one
 	std::vector<uint32_t> unfinished_; // clients that have more to do at once
 
@@ -109,7 +109,7 @@ static void remove_leftover(const sockaddr_un &name)
 	struct stat there = {};
 	if (lstat(name.sun_path, &there) < 0 || !S_ISSOCK(there.st_mode))
 		return;
-	owned_fd probe{socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
+	descriptor probe{socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
 	if (connect(probe.get(), reinterpret_cast<const sockaddr *>(&name), sizeof(name)) < 0 &&
 		errno == ECONNREFUSED)
 		unlink(name.sun_path);
@@ -126,7 +126,7 @@ bool server::open_listener()
 	}
 	memcpy(name.sun_path, path_.c_str(), path_.size());
 	remove_leftover(name);
-	listener_.take(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+	listener_ = descriptor{socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
 	mode_t before = umask(0111);
 	bool bound = bind(listener_.get(), reinterpret_cast<sockaddr *>(&name), sizeof(name)) == 0;
 	umask(before);
@@ -153,13 +153,13 @@ bool server::open_signals()
 	sigaddset(&set, SIGINT);
 	sigprocmask(SIG_BLOCK, &set, nullptr);
 	signal(SIGPIPE, SIG_IGN);
-	signals_.take(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
+	signals_ = descriptor{signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC)};
 	return watch(EPOLL_CTL_ADD, signals_.get(), signals_name, EPOLLIN);
 }
 
 bool server::open()
 {
-	epoll_.take(epoll_create1(EPOLL_CLOEXEC));
+	epoll_ = descriptor{epoll_create1(EPOLL_CLOEXEC)};
 	return open_signals() && open_listener();
 }
 
@@ -190,7 +190,7 @@ void server::end_pause()
 // password file knows, finds the connection closed.
 bool server::accept_one()
 {
-	owned_fd fd{accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)};
+	descriptor fd{accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)};
 	if (!fd.ok()) {
 		if (errno == EINTR || errno == ECONNABORTED)
 			return true;
@@ -286,7 +286,7 @@ int main(int argc, char **argv)
 			fputs(usage_text, stdout);
 			return EXIT_SUCCESS;
 		case 'V':
-			puts("ubusd " APBASE_VERSION);
+			puts("ubusd " STANDIN_VERSION);
 			return EXIT_SUCCESS;
 		default:
 			return usage_error();

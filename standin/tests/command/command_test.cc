@@ -19,7 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/bus.h"
-#include "tests/support/support.h"
+#include "tests/support/system.h"
 
 namespace
 {
