@@ -26,8 +26,7 @@ TEST_F(ubus_retry, aborted_request_makes_no_further_attempt)
 {
 	auto server = serve_and_hold();
 	retry request{&client.ctx};
-	EXPECT_EQ(request.invoke(), 0);
-	ASSERT_TRUE(run_until_called(*server, 1));
+	ASSERT_TRUE(invoke_reaches(request, *server));
 	EXPECT_EQ(request.abort(), 0);
 	EXPECT_FALSE(client.request_is_linked());
 	EXPECT_EQ(evloop_get_next_timeout(), -1);
@@ -91,8 +90,7 @@ TEST_F(ubus_retry, request_aborted_in_flight_may_be_released)
 	server->answer(0, "[1]");
 	server->hold();
 	auto request = std::make_unique<retry>(&client.ctx);
-	EXPECT_EQ(request->invoke(), 0);
-	ASSERT_TRUE(run_until_called(*server, 1));
+	ASSERT_TRUE(invoke_reaches(*request, *server));
 	EXPECT_EQ(request->abort(), 0);
 	request.reset();
 	server->release(UBUS_STATUS_UNKNOWN_ERROR);

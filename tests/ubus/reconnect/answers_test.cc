@@ -38,8 +38,7 @@ TEST_F(ubus_retry, error_after_data_is_sent_again_and_the_data_is_delivered_twic
 	server->answer(0, "[1]");
 	server->hold();
 	retry request{&client.ctx};
-	EXPECT_EQ(request.invoke(), 0);
-	ASSERT_TRUE(run_until_called(*server, 1));
+	ASSERT_TRUE(invoke_reaches(request, *server));
 	server->release(UBUS_STATUS_UNKNOWN_ERROR);
 	ASSERT_TRUE(run_until_called(*server, 2));
 	EXPECT_EQ(request.data_count, 1);
@@ -51,8 +50,7 @@ TEST_F(ubus_retry, error_of_an_object_that_has_gone_since_is_tried_again_in_two_
 {
 	auto server = serve_and_hold();
 	retry request{&client.ctx};
-	EXPECT_EQ(request.invoke(), 0);
-	ASSERT_TRUE(run_until_called(*server, 1));
+	ASSERT_TRUE(invoke_reaches(request, *server));
 	client.stop_watching();
 	server->release(UBUS_STATUS_UNKNOWN_ERROR);
 	server->remove(object_path);
@@ -94,8 +92,7 @@ TEST_F(ubus_retry, answer_to_a_call_given_up_is_not_taken_for_that_of_the_next)
 	server->answer(0, "[1]");
 	server->hold();
 	retry request{&client.ctx};
-	EXPECT_EQ(request.invoke(), 0);
-	ASSERT_TRUE(run_until_called(*server, 1));
+	ASSERT_TRUE(invoke_reaches(request, *server));
 	client.stop_watching();
 	EXPECT_EQ(server->release(0), 1);
 	fence(*server);
@@ -114,8 +111,7 @@ TEST_F(ubus_retry, late_error_for_a_call_given_up_causes_no_further_one)
 {
 	auto server = serve_and_hold();
 	retry request{&client.ctx};
-	EXPECT_EQ(request.invoke(), 0);
-	ASSERT_TRUE(run_until_called(*server, 1));
+	ASSERT_TRUE(invoke_reaches(request, *server));
 	client.stop_watching();
 	server->release(UBUS_STATUS_UNKNOWN_ERROR);
 	fence(*server);
@@ -184,8 +180,7 @@ TEST_F(ubus_retry, invoke_in_data_cb_makes_its_attempt_on_the_next_pass)
 		EXPECT_LE(request.retry_timer.expires, time_now() + 1);
 		EXPECT_EQ(preparations, 1);
 	};
-	EXPECT_EQ(request.invoke(), 0);
-	ASSERT_TRUE(run_until_called(*server, 1));
+	ASSERT_TRUE(invoke_reaches(request, *server));
 	server->release(UBUS_STATUS_UNKNOWN_ERROR);
 	EXPECT_TRUE(run_until([&] { return request.data_count == 1; }));
 	ASSERT_TRUE(run_until_called(*server, 2));
@@ -270,8 +265,7 @@ protected:
 			ASSERT_TRUE(request->req.status_msg);
 			call();
 		};
-		EXPECT_EQ(request->invoke(), 0);
-		ASSERT_TRUE(run_until_called(*server, 1));
+		ASSERT_TRUE(invoke_reaches(*request, *server));
 		client.stop_watching();
 		EXPECT_EQ(server->release(status), 1);
 		fence(*server);

@@ -15,8 +15,7 @@ TEST_F(ubus_retry, context_taken_away_and_put_back_has_the_request_linked_once)
 	auto server = serve_and_hold();
 	ubus_context *place = client.ctx;
 	retry request{&place};
-	EXPECT_EQ(request.invoke(), 0);
-	ASSERT_TRUE(run_until_called(*server, 1));
+	ASSERT_TRUE(invoke_reaches(request, *server));
 	place = nullptr;
 	let_pass(&request.reply_timer);
 	EXPECT_EQ(request.state(), "waiting");
@@ -37,8 +36,7 @@ TEST_F(ubus_retry, request_left_linked_by_an_attempt_without_a_context_may_be_ab
 		auto server = serve_and_hold();
 		ubus_context *place = client.ctx;
 		auto request = std::make_unique<retry>(&place);
-		EXPECT_EQ(request->invoke(), 0);
-		ASSERT_TRUE(run_until_called(*server, 1));
+		ASSERT_TRUE(invoke_reaches(*request, *server));
 		place = nullptr;
 		if (by_timer)
 			let_pass(&request->reply_timer);
@@ -264,8 +262,7 @@ TEST_F(ubus_retry, request_in_flight_is_sent_again_on_the_context_that_replaced_
 {
 	auto server = serve_and_hold();
 	retry request{&client.ctx};
-	EXPECT_EQ(request.invoke(), 0);
-	ASSERT_TRUE(run_until_called(*server, 1));
+	ASSERT_TRUE(invoke_reaches(request, *server));
 	client.free();
 	ASSERT_TRUE(client.connect(bus->path()));
 	let_pass(&request.reply_timer);

@@ -92,8 +92,7 @@ TEST_P(ubus_retry_inside_lookup, record_may_be_released_in_an_attempt_of_the_rep
 {
 	auto server = serve_and_hold();
 	auto request = std::make_unique<retry>(&client.ctx);
-	EXPECT_EQ(request->invoke(), 0);
-	ASSERT_TRUE(run_until_called(*server, 1));
+	ASSERT_TRUE(invoke_reaches(*request, *server));
 	client.stop_watching();
 	in_next_lookup([&] { request.reset(); });
 	let_pass(&request->reply_timer);
@@ -110,12 +109,11 @@ TEST_P(ubus_retry_inside_lookup, record_may_be_released_in_the_attempt_that_an_e
 {
 	auto server = serve_and_hold();
 	auto request = std::make_unique<retry>(&client.ctx);
-	EXPECT_EQ(request->invoke(), 0);
-	ASSERT_TRUE(run_until_called(*server, 1));
+	ASSERT_TRUE(invoke_reaches(*request, *server));
 	client.stop_watching();
 	server->release(UBUS_STATUS_UNKNOWN_ERROR);
 	fence(*server);
-	in_next_lookup([&] { request.reset(); }); // behind the error in the socket
+	in_next_lookup([&] { request.reset(); }); // read after the error
 	client.watch_again();
 	EXPECT_TRUE(run_until([&] { return !request; }));
 	serve_all(*server);
@@ -191,8 +189,7 @@ TEST_F(ubus_retry, error_that_comes_inside_the_lookup_of_another_is_sent_again_o
 {
 	auto server = serve_and_hold();
 	retry request{&client.ctx}, other{&client.ctx, "other"};
-	EXPECT_EQ(request.invoke(), 0);
-	ASSERT_TRUE(run_until_called(*server, 1));
+	ASSERT_TRUE(invoke_reaches(request, *server));
 	client.stop_watching();
 	server->release(UBUS_STATUS_UNKNOWN_ERROR);
 	fence(*server);
@@ -222,8 +219,7 @@ TEST_F(ubus_retry, data_that_comes_inside_the_lookup_of_another_may_invoke_its_r
 			return;
 		EXPECT_EQ(request.invoke(), -EBUSY);
 	};
-	EXPECT_EQ(request.invoke(), 0);
-	ASSERT_TRUE(run_until_called(*server, 1));
+	ASSERT_TRUE(invoke_reaches(request, *server));
 	client.stop_watching();
 	server->release(0);
 	fence(*server);

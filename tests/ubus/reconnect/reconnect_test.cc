@@ -22,6 +22,12 @@ crowd_of_requests make_crowd(ubus_context **place)
 	return crowd;
 }
 
+void invoke_all(const crowd_of_requests &crowd)
+{
+	for (const auto &request : crowd)
+		ASSERT_EQ(request->invoke(), 0);
+}
+
 size_t count_in_state(const crowd_of_requests &crowd, const std::string &state)
 {
 	return static_cast<size_t>(std::count_if(
@@ -73,8 +79,7 @@ TEST_F(ubus_retry, thousand_requests_in_flight_at_once_are_all_answered)
 {
 	auto server = serve_and_hold();
 	auto crowd = make_crowd(&client.ctx);
-	for (auto &request : crowd)
-		ASSERT_EQ(request->invoke(), 0);
+	invoke_all(crowd);
 	EXPECT_EQ(client.linked_requests(), static_cast<int>(crowd_size));
 	ASSERT_TRUE(run_until_all_called(crowd, *server, crowd_size));
 	expect_one_call_each(server->calls(), 0);
@@ -87,8 +92,7 @@ TEST_F(ubus_retry, thousand_errors_at_once_are_sent_again_in_a_bounded_stack)
 {
 	auto server = serve_and_hold();
 	auto crowd = make_crowd(&client.ctx);
-	for (auto &request : crowd)
-		ASSERT_EQ(request->invoke(), 0);
+	invoke_all(crowd);
 	ASSERT_TRUE(run_until_all_called(crowd, *server, crowd_size));
 
 	uintptr_t deepest = UINTPTR_MAX;
@@ -132,8 +136,7 @@ TEST_F(ubus_retry, request_in_flight_is_delivered_after_a_reconnect)
 {
 	auto server = serve_and_hold();
 	retry request{&client.ctx};
-	EXPECT_EQ(request.invoke(), 0);
-	ASSERT_TRUE(run_until_called(*server, 1));
+	ASSERT_TRUE(invoke_reaches(request, *server));
 	bus->kill();
 	ASSERT_TRUE(run_until_lost());
 	EXPECT_EQ(take_log(), missing);
@@ -148,8 +151,7 @@ TEST_F(ubus_retry, request_in_flight_when_the_daemon_reconnects_unasked_is_sent_
 {
 	auto server = serve_and_hold();
 	retry request{&client.ctx};
-	EXPECT_EQ(request.invoke(), 0);
-	ASSERT_TRUE(run_until_called(*server, 1));
+	ASSERT_TRUE(invoke_reaches(request, *server));
 	ASSERT_EQ(client.reconnect(bus->path()), 0);
 	EXPECT_EQ(client.linked_requests(), 1);
 	let_pass(&request.reply_timer);
@@ -342,8 +344,7 @@ TEST_F(ubus_reconnect, failed_reconnects_leave_waiting_requests_waiting)
 	ASSERT_EQ(start_stable_connection(&bus_connection), 0);
 	auto server = serve_and_hold();
 	retry request{&ctx};
-	EXPECT_EQ(request.invoke(), 0);
-	ASSERT_TRUE(run_until_called(*server, 1));
+	ASSERT_TRUE(invoke_reaches(request, *server));
 	lose_bus();
 	EXPECT_EQ(take_log(), missing);
 	let_pass(&bus_connection.timer); // in vain
@@ -365,8 +366,7 @@ TEST_F(ubus_reconnect, thousand_requests_in_flight_survive_the_death_of_the_bus)
 	ASSERT_EQ(start_stable_connection(&bus_connection), 0);
 	auto server = serve_and_hold();
 	auto crowd = make_crowd(&ctx);
-	for (auto &request : crowd)
-		ASSERT_EQ(request->invoke(), 0);
+	invoke_all(crowd);
 	ASSERT_TRUE(run_until_all_called(crowd, *server, crowd_size));
 
 	lose_bus();
@@ -394,8 +394,7 @@ TEST_F(ubus_reconnect, thousand_requests_in_flight_survive_the_end_of_their_cont
 	ASSERT_EQ(start_stable_connection(&bus_connection), 0);
 	auto server = serve_and_hold();
 	auto crowd = make_crowd(&ctx);
-	for (auto &request : crowd)
-		ASSERT_EQ(request->invoke(), 0);
+	invoke_all(crowd);
 	ASSERT_TRUE(run_until_all_called(crowd, *server, crowd_size));
 
 	leave_bus();
@@ -533,8 +532,7 @@ TEST_F(ubus_reconnect, thousands_of_calls_over_many_restarts_take_no_memory_and_
 			if (errors_first)
 				server->hold();
 			size_t calls_before = server->calls().size();
-			for (auto &request : crowd)
-				ASSERT_EQ(request->invoke(), 0);
+			invoke_all(crowd);
 			ASSERT_TRUE(small_daemon::call("async"));
 			if (errors_first) {
 				ASSERT_TRUE(
@@ -548,8 +546,7 @@ TEST_F(ubus_reconnect, thousands_of_calls_over_many_restarts_take_no_memory_and_
 			ASSERT_TRUE(run_until([] { return list_empty(&ctx->requests); }));
 		}
 		server->hold();
-		for (auto &request : crowd)
-			ASSERT_EQ(request->invoke(), 0);
+		invoke_all(crowd);
 		lose_bus();
 		EXPECT_EQ(count_in_state(crowd, "waiting"), crowd_count);
 		take_log();

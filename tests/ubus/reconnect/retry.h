@@ -162,6 +162,13 @@ inline bool run_until_called(object_server &server, size_t count)
 	return run_until([&] { return server.calls().size() >= count; });
 }
 
+// Sends the request; whether the server has then been called.
+inline bool invoke_reaches(retry &request, object_server &server)
+{
+	EXPECT_EQ(request.invoke(), 0);
+	return run_until_called(server, 1);
+}
+
 inline bool run_until_at_rest(const retry &request)
 {
 	return run_until([&] { return request.state() == "at rest"; });
