@@ -16,17 +16,18 @@
 
 using namespace board_support;
 
+namespace
+{
+
 // Called before and after each call of the functions below, with its name and its file's path as it was before.
-// The definitions stand before the C library's, for the library under test too.
-static std::function<void(const std::string &call, const std::string &path)> on_call;
+std::function<void(const std::string &call, const std::string &path)> on_call;
 
-static int flush_error; // that of every fsync; 0: none
-
-static int reported(const std::string &call, const std::string &path, const std::function<long()> &make)
+template <typename F>
+int reported(const std::string &call, const std::string &path, F make)
 {
 	if (on_call)
 		on_call(call, path);
-	int result = static_cast<int>(make());
+	int result = make();
 	int saved_errno = errno;
 	if (on_call)
 		on_call(call + " done", path);
@@ -34,34 +35,19 @@ static int reported(const std::string &call, const std::string &path, const std:
 	return result;
 }
 
-extern "C" {
-int unlink(const char *path) noexcept
-{
-	return reported("unlink", path, [&] { return syscall(SYS_unlinkat, AT_FDCWD, path, 0); });
-}
-
-int rename(const char *path, const char *new_path) noexcept
-{
+auto reported_unlink = system_calls::unlink.replace([](const char *path) {
+	return reported("unlink", path, [&] { return system_calls::unlink.next(path); });
+});
+auto reported_rename = system_calls::rename.replace([](const char *path, const char *new_path) {
+	return reported("rename", path, [&] { return system_calls::rename.next(path, new_path); });
+});
+auto reported_fsync = system_calls::fsync.replace([](int fd) {
+	return reported("fsync", descriptor_target(fd), [&] { return system_calls::fsync.next(fd); });
+});
+auto reported_flock = system_calls::flock.replace([](int fd, int operation) {
 	return reported(
-		"rename", path, [&] { return syscall(SYS_renameat, AT_FDCWD, path, AT_FDCWD, new_path); });
-}
-
-int fsync(int fd)
-{
-	return reported("fsync", descriptor_target(fd), [&] {
-		errno = flush_error;
-		return flush_error ? -1 : syscall(SYS_fsync, fd);
-	});
-}
-
-int flock(int fd, int operation) noexcept
-{
-	return reported("flock", descriptor_target(fd), [&] { return syscall(SYS_flock, fd, operation); });
-}
-}
-
-namespace
-{
+		"flock", descriptor_target(fd), [&] { return system_calls::flock.next(fd, operation); });
+});
 
 const char *const no_table = "unable to read /proc/mtd\n";
 const char *const no_partition = "caldata: not found 'EEPROM' mtd partition\n";
@@ -1082,9 +1068,13 @@ TEST(caldata_export, removes_a_file_that_takes_nothing_and_does_not_say_why)
 {
 	on_bare_board([] {
 		make_flash(random_bytes(2048));
-		nothing_is_taken = true;
+		auto no_reason =
+			system_calls::write.replace([](int fd, const void *bytes, size_t count) -> ssize_t {
+				if (descriptor_target(fd).find("/lib/firmware/") != std::string::npos)
+					return 0;
+				return system_calls::write.next(fd, bytes, count);
+			});
 		EXPECT_EQ(export_all("cal.bin", 2048), -ENOSPC);
-		nothing_is_taken = false;
 		EXPECT_EQ(messages, errors({"caldata: write error: err=-28\n"}));
 		EXPECT_TRUE(names_in(firmware).empty());
 	});
@@ -1174,13 +1164,13 @@ TEST(caldata_export, removes_the_copy_that_cannot_be_flushed)
 {
 	on_bare_board([] {
 		make_flash("flash");
-		flush_error = EIO;
+		int error = EIO;
+		auto flush = system_calls::fsync.replace([&](int) { return errno = error, -1; });
 		EXPECT_EQ(export_all("cal.bin", 5), -EIO);
 		EXPECT_EQ(messages, errors({"caldata: write error: err=-5\n"}));
 		EXPECT_TRUE(names_in(firmware).empty());
-		flush_error = EINVAL; // of a file system without a medium
+		error = EINVAL; // of a file system without a medium
 		EXPECT_EQ(export_all("cal.bin", 5), 0);
-		flush_error = 0;
 		EXPECT_EQ(read_file("/lib/firmware/cal.bin"), "flash");
 	});
 }

@@ -1,6 +1,5 @@
 #include "lib/evloop.h"
 
-#include <dlfcn.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -17,21 +16,9 @@
 #include "lib/log.h"
 #include "lib/time.h"
 #include "tests/support/support.h"
+#include "tests/support/system_calls.h"
 
 using namespace support;
-
-// The definition stands before the C library's, for the library under test too.
-static const timespec *clock_reading; // null: the clock runs
-
-extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept
-{
-	static const auto real =
-		reinterpret_cast<int (*)(clockid_t, timespec *)>(dlsym(RTLD_NEXT, "clock_gettime"));
-	if (!clock_reading)
-		return real(clock, time);
-	*time = *clock_reading;
-	return 0;
-}
 
 namespace
 {
@@ -39,20 +26,21 @@ namespace
 // While it lives, the clock stands still.
 class stopped_clock
 {
-	timespec reading_{};
+	static timespec reading()
+	{
+		timespec now{};
+		clock_gettime(CLOCK_MONOTONIC, &now);
+		return now;
+	}
+
+	decltype(system_calls::clock_gettime)::replacement stopped_ =
+		system_calls::clock_gettime.replace([now = reading()](clockid_t, timespec *time) {
+			*time = now;
+			return 0;
+		});
 
 public:
-	int64_t now; // as time_now has it
-
-	stopped_clock()
-	{
-		clock_gettime(CLOCK_MONOTONIC, &reading_);
-		clock_reading = &reading_;
-		now = time_now();
-	}
-	stopped_clock(const stopped_clock &) = delete;
-	stopped_clock &operator=(const stopped_clock &) = delete;
-	~stopped_clock() { clock_reading = nullptr; }
+	const int64_t now = time_now();
 };
 
 constexpr unsigned int both_events = EVLOOP_READ | EVLOOP_WRITE;

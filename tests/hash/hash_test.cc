@@ -2,7 +2,6 @@
 // failure.
 #include "lib/hash.h"
 
-#include <dlfcn.h>
 #include <linux/loop.h>
 #include <mbedtls/md.h>
 #include <memory>
@@ -13,6 +12,7 @@
 #include <gmock/gmock.h>
 
 #include "lib/log.h"
+#include "tests/support/interposed.h"
 #include "tests/support/memory.h"
 #include "tests/support/support.h"
 #include "tests/support/syslog_messages.h"
@@ -63,11 +63,15 @@ static struct {
 
 static constexpr int failure_code = -12345;
 
-template <typename F>
-static F real_one(const char *name)
-{
-	return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
-}
+static constinit interposed<void(mbedtls_md_context_t *)> md_init{"mbedtls_md_init"};
+static constinit interposed<int(mbedtls_md_context_t *, const mbedtls_md_info_t *, int)> md_setup{
+	"mbedtls_md_setup"};
+static constinit interposed<mbedtls_md_type_t(const mbedtls_md_info_t *)> md_get_type{"mbedtls_md_get_type"};
+static constinit interposed<int(mbedtls_md_context_t *)> md_starts{"mbedtls_md_starts"};
+static constinit interposed<int(mbedtls_md_context_t *, const unsigned char *, size_t)> md_update{
+	"mbedtls_md_update"};
+static constinit interposed<int(mbedtls_md_context_t *, unsigned char *)> md_finish{"mbedtls_md_finish"};
+static constinit interposed<void(mbedtls_md_context_t *)> md_free{"mbedtls_md_free"};
 
 static bool fails(const char *step)
 {
@@ -80,23 +84,23 @@ void mbedtls_md_init(mbedtls_md_context_t *context)
 {
 	md.calls += "init ";
 	md.contexts++;
-	real_one<decltype(&mbedtls_md_init)>("mbedtls_md_init")(context);
+	md_init.next(context);
 }
 
 int mbedtls_md_setup(mbedtls_md_context_t *context, const mbedtls_md_info_t *info, int hmac)
 {
-	md.type = real_one<decltype(&mbedtls_md_get_type)>("mbedtls_md_get_type")(info);
+	md.type = md_get_type.next(info);
 	md.hmac = hmac;
 	if (fails("setup"))
 		return failure_code;
-	return real_one<decltype(&mbedtls_md_setup)>("mbedtls_md_setup")(context, info, hmac);
+	return md_setup.next(context, info, hmac);
 }
 
 int mbedtls_md_starts(mbedtls_md_context_t *context)
 {
 	if (fails("starts"))
 		return failure_code;
-	return real_one<decltype(&mbedtls_md_starts)>("mbedtls_md_starts")(context);
+	return md_starts.next(context);
 }
 
 int mbedtls_md_update(mbedtls_md_context_t *context, const unsigned char *bytes, size_t length)
@@ -109,21 +113,21 @@ int mbedtls_md_update(mbedtls_md_context_t *context, const unsigned char *bytes,
 		return failure_code;
 	if (md.without_digest)
 		return 0;
-	return real_one<decltype(&mbedtls_md_update)>("mbedtls_md_update")(context, bytes, length);
+	return md_update.next(context, bytes, length);
 }
 
 int mbedtls_md_finish(mbedtls_md_context_t *context, unsigned char *digest)
 {
 	if (fails("finish"))
 		return failure_code;
-	return real_one<decltype(&mbedtls_md_finish)>("mbedtls_md_finish")(context, digest);
+	return md_finish.next(context, digest);
 }
 
 void mbedtls_md_free(mbedtls_md_context_t *context)
 {
 	md.calls += "free ";
 	md.contexts--;
-	real_one<decltype(&mbedtls_md_free)>("mbedtls_md_free")(context);
+	md_free.next(context);
 }
 }
 

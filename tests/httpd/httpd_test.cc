@@ -1,7 +1,6 @@
 // The HTTP server over real sockets, one behaviour a test; the corpus and curl are in httpd_system_test.cc.
 #include <limits.h>
 #include <linux/sockios.h>
-#include <malloc.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
@@ -14,6 +13,7 @@
 
 #include "lib/log.h"
 #include "tests/support/http_client.h"
+#include "tests/support/memory.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/asan_interface.h>
@@ -27,83 +27,8 @@ using testing::IsEmpty;
 using testing::Pair;
 using testing::StartsWith;
 
-// Allocations that a test lets fail; those of libc and of the test itself come through here as well. All
-// are of one of the sizes `refused_size_min` to `refused_size_max`, and among them the `refused_turn`-th,
-// counted from 1, is refused; 0 is each of them.
-static bool refusing;
-static size_t refused_size_min, refused_size_max;
-static long refused_turn, matching_allocations, refused_allocations;
-
-// They run before a sanitizer is ready.
-#define UNCHECKED __attribute__((no_sanitize("address", "undefined")))
-
-UNCHECKED static bool is_refused(size_t size)
-{
-	if (!refusing || size < refused_size_min || size > refused_size_max)
-		return false;
-	++matching_allocations;
-	if (refused_turn != 0 && refused_turn != matching_allocations)
-		return false;
-	++refused_allocations;
-	return true;
-}
-
-// The definitions that ours come before; named, since looking them up would allocate.
-#if defined(__SANITIZE_ADDRESS__)
-#define NEXT_DEFINITION(name) __interceptor_##name
-#else
-#define NEXT_DEFINITION(name) __libc_##name
-#endif
-extern "C" void *NEXT_DEFINITION(malloc)(size_t size);
-extern "C" void *NEXT_DEFINITION(calloc)(size_t count, size_t size);
-
-extern "C" UNCHECKED void *malloc(size_t size) noexcept
-{
-	return is_refused(size) ? nullptr : NEXT_DEFINITION(malloc)(size);
-}
-
-extern "C" UNCHECKED void *calloc(size_t count, size_t size) noexcept
-{
-	return is_refused(count * size) ? nullptr : NEXT_DEFINITION(calloc)(count, size);
-}
-
-// Every change of size moves, so that a stale pointer never happens to be right.
-extern "C" UNCHECKED void *realloc(void *block, size_t size) noexcept
-{
-	void *moved = malloc(size);
-	if (!moved || !block)
-		return moved;
-	size_t old_size = malloc_usable_size(block);
-	memcpy(moved, block, old_size < size ? old_size : size);
-	memset(block, 0xa5, old_size);
-	free(block);
-	return moved;
-}
-
-extern "C" UNCHECKED char *strndup(const char *text, size_t length_max) noexcept
-{
-	size_t length = strnlen(text, length_max);
-	char *copy = static_cast<char *>(malloc(length + 1));
-	if (copy) {
-		memcpy(copy, text, length);
-		copy[length] = '\0';
-	}
-	return copy;
-}
-
-extern "C" UNCHECKED char *strdup(const char *text) noexcept
-{
-	return strndup(text, SIZE_MAX);
-}
-
-static void refuse_allocations(size_t size_min, size_t size_max, long turn)
-{
-	refused_size_min = size_min;
-	refused_size_max = size_max;
-	refused_turn = turn;
-	matching_allocations = refused_allocations = 0;
-	refusing = true;
-}
+// No pointer that is stale happens to be right.
+[[maybe_unused]] static const bool always_moving = memory.moves = true;
 
 static std::string repeated(const std::string &text, size_t count)
 {
@@ -1666,12 +1591,12 @@ TEST_F(httpd_response, failing_returns_the_result_of_the_step_that_failed_and_sk
 // ---------------------------------------------------------------------------------------------------------
 // URL coding.
 
-// The input with as many zero bytes behind it as may be read.
-static std::string decoded(const std::string &bytes, const std::string &behind = "")
+// The input with as many zero bytes after it as may be read.
+static std::string decoded(const std::string &bytes, const std::string &after = "")
 {
-	std::string memory = bytes + behind;
-	memory.resize(std::max(memory.size(), bytes.size() * 3));
-	std::vector<char> exact(memory.begin(), memory.end());
+	std::string readable = bytes + after;
+	readable.resize(std::max(readable.size(), bytes.size() * 3));
+	std::vector<char> exact(readable.begin(), readable.end());
 	if (exact.empty())
 		exact.push_back('x'); // never null; not read
 	char *text = http_alloc_url_decode(exact.data(), static_cast<int32_t>(bytes.size()));
@@ -2883,17 +2808,17 @@ TEST_F(httpd_deferral, a_peer_that_goes_meanwhile_does_not_make_the_loop_spin)
 		far.close();
 		ASSERT_TRUE(poll_until([this] { return (deferred->flags & HTTPD_CLOSE_PENDING) != 0; }));
 		settle(); // fails the test if the loop spins
-		long events = epoll_wait_events;
+		long events = waits.events;
 		for (int pass = 0; pass < 100; ++pass)
 			support::run_pass();
-		EXPECT_EQ(epoll_wait_events, events);
+		EXPECT_EQ(waits.events, events);
 		write_text(deferred, std::string(1'000'000, 'x'));
 		support::run_passes(100);
 		settle();
-		events = epoll_wait_events;
+		events = waits.events;
 		for (int pass = 0; pass < 100; ++pass)
 			support::run_pass();
-		EXPECT_EQ(epoll_wait_events, events);
+		EXPECT_EQ(waits.events, events);
 		httpd_defer_complete(deferred, 0);
 		settle();
 		EXPECT_EQ(connection_count(), 0);
@@ -2908,10 +2833,10 @@ TEST_F(httpd_deferral, a_reset_meanwhile_does_not_make_the_loop_spin)
 	far.close_with_reset();
 	ASSERT_TRUE(poll_until([this] { return (deferred->flags & HTTPD_CLOSE_PENDING) != 0; }));
 	settle();
-	long events = epoll_wait_events;
+	long events = waits.events;
 	for (int pass = 0; pass < 100; ++pass)
 		support::run_pass();
-	EXPECT_EQ(epoll_wait_events, events);
+	EXPECT_EQ(waits.events, events);
 	httpd_defer_complete(deferred, 1);
 	EXPECT_EQ(connection_count(), 0);
 }
@@ -2924,10 +2849,10 @@ TEST_F(httpd_deferral, a_peer_that_floods_and_goes_meanwhile_does_not_make_the_l
 		settle();
 	far.close();
 	settle();
-	long events = epoll_wait_events;
+	long events = waits.events;
 	for (int pass = 0; pass < 100; ++pass)
 		support::run_pass();
-	EXPECT_EQ(epoll_wait_events, events);
+	EXPECT_EQ(waits.events, events);
 	EXPECT_EQ(connection_count(), 1);
 	httpd_defer_complete(deferred, 1);
 	settle();
@@ -3067,9 +2992,9 @@ TEST_F(httpd_deferral, a_half_closed_peer_that_goes_when_it_has_read_all_does_no
 		settle();
 		far.close();
 		settle(); // fails the test if the loop spins
-		long events = epoll_wait_events;
+		long events = waits.events;
 		support::run_passes(100);
-		EXPECT_EQ(epoll_wait_events, events);
+		EXPECT_EQ(waits.events, events);
 		EXPECT_TRUE(far.got == large);
 		httpd_defer_complete(deferred, 1);
 		EXPECT_EQ(connection_count(), 0);
@@ -3857,30 +3782,28 @@ protected:
 		EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0);
 #endif
 	}
-	// Runs `body` in a child for every allocation it makes, with that one refused. It must get by, or end
-	// the process as the allocators do that never fail. Returns how many times it did the latter.
-	int refuse_each(const std::function<void()> &body)
+	// Runs `body`, which refuses request `nth` for memory, in a child for each of its requests. It must get
+	// by, or end the process as the allocators do that never fail. Returns how many times it did the latter.
+	int refuse_each(const std::function<void(int nth)> &body)
 	{
 		int fatal = 0;
-		for (long turn = 1; turn < 1000; ++turn) {
+		for (int nth = 0; nth < 1000; ++nth) {
 			support::child_result result = support::run_child([&] {
 				set_app_name("test");
-				refuse_allocations(0, SIZE_MAX, turn);
-				body();
-				refusing = false;
-				if (refused_allocations == 0)
+				body(nth);
+				if (!memory.refused)
 					fprintf(stderr, "nothing refused\n");
 				expect_no_leak();
 			});
 			if (result.err == "nothing refused\n") {
 				EXPECT_TRUE(result.exited_with(0)) << result.report();
-				EXPECT_GT(turn, 1);
+				EXPECT_GT(nth, 0);
 				return fatal;
 			}
 			if (result.killed_by(SIGABRT) && result.err == "test: out of memory\n")
 				++fatal;
 			else
-				EXPECT_TRUE(result.exited_with(0)) << turn << " " << result.report();
+				EXPECT_TRUE(result.exited_with(0)) << nth << " " << result.report();
 		}
 		ADD_FAILURE() << "no end";
 		return fatal;
@@ -3891,10 +3814,10 @@ TEST_F(httpd_memory, a_connection_without_a_record_is_closed)
 {
 	support::socket_pair pair;
 	int fd = pair.near.give();
-	refuse_allocations(sizeof(httpd_conn), SIZE_MAX, 1);
+	memory.refuse(0, sizeof(httpd_conn));
 	httpd_accept(fd, 0, &ctx);
-	refusing = false;
-	EXPECT_EQ(refused_allocations, 1);
+	memory.grant();
+	EXPECT_TRUE(memory.refused);
 	EXPECT_FALSE(support::is_open(fd));
 	EXPECT_EQ(connection_count(), 0);
 	client far(std::move(pair.far));
@@ -3904,13 +3827,14 @@ TEST_F(httpd_memory, a_connection_without_a_record_is_closed)
 
 TEST_F(httpd_memory, no_allocation_that_fails_while_accepting_does_harm)
 {
-	int fatal = refuse_each([this] {
+	int fatal = refuse_each([this](int nth) {
 		int fds[2];
 		ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+		memory.refuse(nth);
 		httpd_accept(fds[1], 0, &ctx);
 		bool accepted = ctx.connections.next != &ctx.connections;
 		EXPECT_EQ(support::is_open(fds[1]), accepted);
-		refusing = false;
+		memory.grant();
 		client far{support::owned_fd(fds[0])};
 		far.send("GET / HTTP/1.1\r\nA: b\r\nContent-Length: 2\r\n\r\nab");
 		far.send("GET / HTTP/1.1\r\nA: b\r\n\r\n");
@@ -3924,13 +3848,12 @@ TEST_F(httpd_memory, no_allocation_that_fails_while_accepting_does_harm)
 
 TEST_F(httpd_memory, no_allocation_that_fails_while_parsing_does_harm)
 {
-	refuse_each([this] {
-		refusing = false;
+	refuse_each([this](int nth) {
 		client far = connect();
-		refusing = true;
+		memory.refuse(nth);
 		far.send("POST /a%41?b HTTP/1.1\r\nFirst: 1\r\nFirst: 2\r\nLonger-Name: longer value\r\n"
 			 "Content-Length: 0000000004\r\nLast: 3\r\n\r\nbodyGET http://host HTTP/1.1\r\n\r\n");
-		refusing = false;
+		memory.grant();
 		far.drain();
 		EXPECT_TRUE(far.got == "okok" || far.got == error_answer(1, 500) ||
 			    (far.ended() && far.got.empty()))
@@ -3945,10 +3868,10 @@ TEST_F(httpd_memory, a_length_that_cannot_be_copied_is_answered_500_without_a_re
 	client far = connect();
 	std::string bytes =
 		"POST / HTTP/1.1\r\nContent-Length: " + value + "\r\n\r\nbodyGET / HTTP/1.1\r\n\r\n";
-	refuse_allocations(value.size(), value.size() + 2, 0);
+	memory.refuse_from(0, value.size(), value.size() + 2);
 	far.send(bytes);
-	refusing = false;
-	EXPECT_GT(refused_allocations, 0);
+	memory.grant();
+	EXPECT_TRUE(memory.refused);
 	far.drain();
 	EXPECT_EQ(far.got, "HTTP/1.1 500 \r\n"
 			   "Server: kvhttpd\r\n"
@@ -3972,10 +3895,10 @@ TEST_F(httpd_memory, a_header_value_that_cannot_be_copied_reads_as_absent)
 	missing = "not looked at";
 	client far = connect();
 	std::string bytes = "GET / HTTP/1.1\r\nLarge: " + std::string(3000, 'v') + "\r\nOther: x\r\n\r\n";
-	refuse_allocations(3000, 3002, 0);
+	memory.refuse_from(0, 3000, 3002);
 	far.send(bytes);
-	refusing = false;
-	EXPECT_GT(refused_allocations, 0);
+	memory.grant();
+	EXPECT_TRUE(memory.refused);
 	EXPECT_EQ(missing, nullptr);
 	EXPECT_STREQ(other, "there");
 	far.drain();
@@ -3991,10 +3914,10 @@ TEST_F(httpd_memory, a_header_name_that_cannot_be_copied_does_no_harm)
 	};
 	client far = connect();
 	std::string bytes = "GET / HTTP/1.1\r\n" + std::string(3000, 'n') + ": v\r\nOther: x\r\n\r\n";
-	refuse_allocations(3000, 3002, 0);
+	memory.refuse_from(0, 3000, 3002);
 	far.send(bytes);
-	refusing = false;
-	EXPECT_GT(refused_allocations, 0);
+	memory.grant();
+	EXPECT_TRUE(memory.refused);
 	EXPECT_STREQ(other, "there");
 	far.drain();
 	EXPECT_EQ(far.got, "ok");

@@ -22,6 +22,7 @@
 #include "tests/support/memory.h"
 #include "tests/support/support.h"
 #include "tests/support/syslog_messages.h"
+#include "tests/support/system_calls.h"
 
 using namespace support;
 using testing::IsEmpty;
@@ -36,27 +37,12 @@ struct question {
 	bool operator==(const question &other) const = default;
 };
 
-static std::vector<question> *questions; // null: nobody wants to know
-
 static int socket_option(int fd, int name)
 {
 	int value = -1;
 	socklen_t size = sizeof(value);
 	getsockopt(fd, SOL_SOCKET, name, &value, &size);
 	return value;
-}
-
-extern "C" int ioctl(int fd, unsigned long request, ...) noexcept
-{
-	va_list arguments;
-	va_start(arguments, request);
-	char *argument = va_arg(arguments, char *);
-	va_end(arguments);
-	if (questions)
-		questions->push_back({request, socket_option(fd, SO_DOMAIN), socket_option(fd, SO_TYPE),
-			socket_option(fd, SO_PROTOCOL), is_closed_on_exec(fd),
-			std::string(argument, sizeof(ifreq))});
-	return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
 }
 
 // Read before any test has changed it.
@@ -183,14 +169,18 @@ std::vector<question> questions_about(const std::string &name)
 {
 	std::vector<question> asked;
 	unsigned char mac[6];
-	questions = &asked;
+	auto watched = system_calls::ioctl.replace([&](int fd, unsigned long request, void *argument) {
+		asked.push_back({request, socket_option(fd, SO_DOMAIN), socket_option(fd, SO_TYPE),
+			socket_option(fd, SO_PROTOCOL), is_closed_on_exec(fd),
+			std::string(static_cast<char *>(argument), sizeof(ifreq))});
+		return system_calls::ioctl.next(fd, request, argument);
+	});
 	soil_stack();
 	taken(iface_mac(name.c_str()));
 	soil_stack();
 	int result = iface_mac_binary(name.c_str(), mac);
 	soil_stack();
 	get_iface_ip(name.c_str());
-	questions = nullptr;
 	EXPECT_TRUE(result == 0 || result == -1) << result;
 	return asked;
 }

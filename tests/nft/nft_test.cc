@@ -28,6 +28,7 @@
 #include "tests/support/memory.h"
 #include "tests/support/support.h"
 #include "tests/support/syslog_messages.h"
+#include "tests/support/system_calls.h"
 
 using namespace support;
 
@@ -69,12 +70,9 @@ extern "C" ssize_t mnl_socket_recvfrom(const mnl_socket *nl, void *buf, size_t s
 	return failing.recvfrom ? (errno = failing.recvfrom, -1) : real(nl, buf, size);
 }
 
-extern "C" int select(int count, fd_set *readable, fd_set *writable, fd_set *exceptional, timeval *timeout)
-{
-	static const auto real = reinterpret_cast<decltype(&select)>(dlsym(RTLD_NEXT, "select"));
-	return failing.select ? (errno = failing.select, -1)
-			      : real(count, readable, writable, exceptional, timeout);
-}
+static auto failing_select = system_calls::select.replace([](auto... arguments) {
+	return failing.select ? (errno = failing.select, -1) : system_calls::select.next(arguments...);
+});
 
 extern "C" void nftnl_chain_set_s32(nftnl_chain *chain, uint16_t attribute, int32_t value)
 {

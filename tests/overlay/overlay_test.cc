@@ -12,6 +12,7 @@
 #include "tests/support/memory.h"
 #include "tests/support/overlay_root.h"
 #include "tests/support/syslog_messages.h"
+#include "tests/support/system_calls.h"
 
 using namespace overlay_root;
 using namespace support;
@@ -72,7 +73,7 @@ static int note_call(const std::string &call, int result)
 static int mount_jffs2(const char *source, const char *target)
 {
 	if (read_file(std::string("/dev/") + source) != NOISE)
-		return static_cast<int>(syscall(SYS_mount, "/flash", target, nullptr, MS_BIND, nullptr));
+		return system_calls::mount.next("/flash", target, nullptr, MS_BIND, nullptr);
 	errno = EINVAL;
 	return -1;
 }
@@ -94,35 +95,32 @@ static int refuse_or_mount(
 		return -1;
 	if (kernel.has_jffs2 && shown(type) == "jffs2")
 		return mount_jffs2(source, target);
-	return static_cast<int>(syscall(SYS_mount, source, target, type, flags, data));
+	return system_calls::mount.next(source, target, type, flags, data);
 }
 
-int mount(const char *source, const char *target, const char *type, unsigned long flags,
-	const void *data) noexcept
-{
-	test_memory unrefused;
-	int result = refuse_or_mount(source, target, type, flags, data);
-	return note_call("mount " + shown(source) + " " + shown(target) + " " + shown(type) + " " +
-				 shown_flags(flags) + " " + shown(data),
-		result);
-}
+static auto noted_mount = system_calls::mount.replace(
+	[](const char *source, const char *target, const char *type, unsigned long flags, const void *data) {
+		test_memory unrefused;
+		int result = refuse_or_mount(source, target, type, flags, data);
+		return note_call("mount " + shown(source) + " " + shown(target) + " " + shown(type) + " " +
+					 shown_flags(flags) + " " + shown(data),
+			result);
+	});
 
-int umount(const char *target) noexcept
-{
+static auto noted_umount = system_calls::umount.replace([](const char *target) {
 	test_memory unrefused;
-	return note_call("umount " + shown(target), umount2(target, 0));
-}
+	return note_call("umount " + shown(target), system_calls::umount.next(target));
+});
 
 // The first argument, which a script cannot see, of the program that was started last: in memory that the
 // process that becomes it shares.
 static char *const started_as = static_cast<char *>(
 	mmap(nullptr, PATH_MAX, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
 
-int execv(const char *path, char *const argv[]) noexcept
-{
+static auto noted_execv = system_calls::execv.replace([](const char *path, char *const *argv) {
 	snprintf(started_as, PATH_MAX, "%s", argv[0]);
-	return execve(path, argv, environ);
-}
+	return system_calls::execv.next(path, argv);
+});
 
 namespace
 {

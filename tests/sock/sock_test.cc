@@ -1,6 +1,5 @@
 #include "lib/sock.h"
 
-#include <dlfcn.h>
 #include <netdb.h>
 #include <sys/resource.h>
 
@@ -10,22 +9,9 @@
 #include "lib/log.h"
 #include "lib/stream.h"
 #include "tests/support/support.h"
+#include "tests/support/system_calls.h"
 
 using namespace support;
-
-// The resolver can be made to fail, and its calls are counted. This definition stands before the C library's, for the
-// library under test too.
-static struct {
-	int forced_code;
-	int calls;
-} resolver = {0, 0};
-
-extern "C" int getaddrinfo(const char *host, const char *service, const addrinfo *hints, addrinfo **found)
-{
-	static const auto real = reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
-	resolver.calls++;
-	return resolver.forced_code ? resolver.forced_code : real(host, service, hints, found);
-}
 
 namespace
 {
@@ -603,20 +589,20 @@ TEST_F(sock_resolving, without_memory_is_out_of_memory)
 {
 	test_sock s;
 	sock before = s;
-	resolver.forced_code = EAI_MEMORY;
+	auto resolver = system_calls::getaddrinfo.replace([](auto...) { return EAI_MEMORY; });
 	EXPECT_EQ(s.listen_at("127.0.0.1", "0"), -ENOMEM);
 	EXPECT_EQ(s.connect_to("127.0.0.1", "1"), -ENOMEM);
-	resolver.forced_code = 0;
 	EXPECT_TRUE(same_record(s, before));
 }
 
 TEST_F(sock_resolving, is_not_tried_without_the_flag_for_tcp)
 {
 	test_sock s(0);
-	int calls = resolver.calls;
+	int calls = 0;
+	auto resolver = system_calls::getaddrinfo.replace([&](auto...) { return ++calls, EAI_FAIL; });
 	EXPECT_EQ(s.listen_at("127.0.0.1", "0"), -EOPNOTSUPP);
 	EXPECT_EQ(s.connect_to("127.0.0.1", "1"), -EOPNOTSUPP);
-	EXPECT_EQ(resolver.calls, calls);
+	EXPECT_EQ(calls, 0);
 }
 
 TEST_F(sock_resolving, that_fails_for_another_reason_is_invalid)

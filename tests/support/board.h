@@ -1,10 +1,8 @@
 // What the tests of the board share: the fixed paths as empty file systems of the test's own, what is logged,
-// and what is read and written. To be included by one source of a test program: read and write, as defined
-// here, stand before the C library's, for the library under test too.
+// and what is read and written. A program that includes this is linked with test_system_calls.
 #pragma once
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 
 #include <filesystem>
 #include <random>
@@ -32,28 +30,30 @@ struct transfer {
 };
 
 using transfer_call = std::function<void(const transfer &)>;
-static const transfer_call *on_transfer; // null: nobody wants to know
 
-inline void report_transfer(bool is_read, int fd, const void *bytes, size_t requested, ssize_t count)
-{
-	const transfer_call *call =
-		std::exchange(on_transfer, nullptr); // what it reads itself is not reported
-	if (!call)
-		return;
-	int saved_errno = errno;
-	std::string seen(static_cast<const char *>(bytes), count > 0 ? static_cast<size_t>(count) : 0);
-	(*call)({is_read, descriptor_target(fd), requested, count, seen, is_closed_on_exec(fd),
-		fcntl(fd, F_GETFL) & O_ACCMODE});
-	on_transfer = call;
-	errno = saved_errno;
-}
-
-// Calls `call` after each read and write that `body` makes.
+// Calls `call` after each read and write that `body` makes; not after those that `call` makes itself.
 inline void watch_transfers(const transfer_call &call, const std::function<void()> &body)
 {
-	on_transfer = &call;
+	bool reporting = false;
+	auto report = [&](bool is_read, int fd, const void *bytes, size_t requested, ssize_t count) {
+		if (std::exchange(reporting, true))
+			return count;
+		int saved_errno = errno;
+		std::string seen(
+			static_cast<const char *>(bytes), count > 0 ? static_cast<size_t>(count) : 0);
+		call({is_read, descriptor_target(fd), requested, count, seen, is_closed_on_exec(fd),
+			fcntl(fd, F_GETFL) & O_ACCMODE});
+		reporting = false;
+		errno = saved_errno;
+		return count;
+	};
+	auto reads = system_calls::read.replace([&](int fd, void *bytes, size_t count) {
+		return report(true, fd, bytes, count, system_calls::read.next(fd, bytes, count));
+	});
+	auto writes = system_calls::write.replace([&](int fd, const void *bytes, size_t count) {
+		return report(false, fd, bytes, count, system_calls::write.next(fd, bytes, count));
+	});
 	body();
-	on_transfer = nullptr;
 }
 
 inline std::vector<transfer> transfers_of(const std::function<void()> &body)
@@ -181,14 +181,6 @@ inline void make_flash(const std::string &bytes)
 	make_file("/dev/mtd2", "not the one either");
 }
 
-// Files of firmware take nothing, and do not say why.
-inline bool nothing_is_taken = false;
-
-inline bool takes_nothing(int fd)
-{
-	return nothing_is_taken && support::descriptor_target(fd).find("/lib/firmware/") != std::string::npos;
-}
-
 // ---- Messages ----
 
 // These lines, each at error level.
@@ -212,28 +204,4 @@ inline void PrintTo(const transfer &each, std::ostream *out)
 inline void PrintTo(const logged &message, std::ostream *out)
 {
 	*out << "<" << message.priority << ">" << message.text;
-}
-
-extern "C" {
-ssize_t __read_chk(int fd, void *bytes, size_t count, size_t bytes_max);
-
-ssize_t read(int fd, void *bytes, size_t count)
-{
-	ssize_t done = syscall(SYS_read, fd, bytes, count);
-	board_support::report_transfer(true, fd, bytes, count, done);
-	return done;
-}
-
-// What a fortified read may be.
-ssize_t __read_chk(int fd, void *bytes, size_t count, size_t)
-{
-	return read(fd, bytes, count);
-}
-
-ssize_t write(int fd, const void *bytes, size_t count)
-{
-	ssize_t done = board_support::takes_nothing(fd) ? 0 : syscall(SYS_write, fd, bytes, count);
-	board_support::report_transfer(false, fd, bytes, count, done);
-	return done;
-}
 }

@@ -1,5 +1,6 @@
 // A server and its peers in one process: passes of the loop until there is nothing left to do, a client
-// that never blocks, and a handler that answers with all it was given. For one source file a program.
+// that never blocks, and a handler that answers with all it was given. A program that includes this is linked
+// with test_system_calls.
 #pragma once
 #include <errno.h>
 #include <netinet/in.h>
@@ -8,7 +9,6 @@
 #include <stdint.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <functional>
@@ -24,24 +24,28 @@
 #include "lib/time.h"
 #include "tests/support/http_corpus.h"
 #include "tests/support/support.h"
-
-// The loop's waits, counted: this definition comes before libc's. The kernel's part is done by the kernel.
-static long epoll_wait_calls;
-static long epoll_wait_events;
-static int epoll_wait_last;
-
-extern "C" int epoll_wait(int fd, epoll_event *events, int count_max, int timeout_ms)
-{
-	long count = syscall(SYS_epoll_pwait, fd, events, count_max, timeout_ms, nullptr, size_t{8});
-	++epoll_wait_calls;
-	epoll_wait_last = static_cast<int>(count);
-	if (count > 0)
-		epoll_wait_events += count;
-	return static_cast<int>(count);
-}
+#include "tests/support/system_calls.h"
 
 namespace http_test
 {
+
+// The loop's waits.
+struct wait_counts {
+	long calls = 0;
+	long events = 0;
+	int last = 0; // what the last one returned
+};
+inline wait_counts waits;
+
+inline auto counting_waits =
+	system_calls::epoll_wait.replace([](int fd, epoll_event *events, int count_max, int timeout_ms) {
+		int count = system_calls::epoll_wait.next(fd, events, count_max, timeout_ms);
+		waits.calls++;
+		waits.last = count;
+		if (count > 0)
+			waits.events += count;
+		return count;
+	});
 
 // Passes until no descriptor is ready and no timeout is due. A loop that never gets there spins.
 inline void settle()
@@ -49,9 +53,9 @@ inline void settle()
 	constexpr int passes_max = 200'000;
 	for (int pass = 0; pass < passes_max; ++pass) {
 		evloop_handle_timeouts();
-		long calls = epoll_wait_calls;
+		long calls = waits.calls;
 		evloop_handle_ios(0);
-		bool idle = epoll_wait_calls != calls && epoll_wait_last == 0;
+		bool idle = waits.calls != calls && waits.last == 0;
 		if (idle && evloop_get_next_timeout() != 0)
 			return;
 	}

@@ -1,41 +1,32 @@
 // Time values: conversions, the short range and its wrapped results, and the clocks.
 #include "lib/time.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string>
 
-// The clock can be stopped at a reading: this definition stands before the C library's, for the library
-// under test too.
-static bool clock_stopped;
-static timespec clock_reading;
-static clockid_t clock_asked;
-
-extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept
-{
-	static const auto real =
-		reinterpret_cast<int (*)(clockid_t, timespec *)>(dlsym(RTLD_NEXT, "clock_gettime"));
-	if (!clock_stopped)
-		return real(clock, time);
-	clock_asked = clock;
-	*time = clock_reading;
-	return 0;
-}
+#include "tests/support/system_calls.h"
 
 namespace
 {
 
 class stopped_clock : public testing::Test
 {
-protected:
-	~stopped_clock() override { clock_stopped = false; }
+	timespec reading_{};
+	decltype(system_calls::clock_gettime)::replacement stopped_ =
+		system_calls::clock_gettime.replace([this](clockid_t clock, timespec *time) {
+			clock_asked = clock;
+			*time = reading_;
+			return 0;
+		});
 
-	static void stop_at(time_t sec, long nsec)
+protected:
+	clockid_t clock_asked = -1;
+
+	void stop_at(time_t sec, long nsec)
 	{
-		clock_reading = {sec, nsec};
+		reading_ = {sec, nsec};
 		clock_asked = -1;
-		clock_stopped = true;
 	}
 };
 

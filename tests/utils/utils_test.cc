@@ -2,7 +2,6 @@
 // made-up command lines, standard descriptors pointed at /dev/null, and the checks of JSON and hex text.
 #include "lib/utils.h"
 
-#include <dlfcn.h>
 #include <memory>
 #include <random>
 #include <sys/prctl.h>
@@ -17,75 +16,18 @@
 #include "tests/support/memory.h"
 #include "tests/support/support.h"
 #include "tests/support/syslog_messages.h"
+#include "tests/support/system_calls.h"
 
 using namespace support;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// What the library asks of the system can fail here, or be looked at on its way. These definitions stand
-// before the C library's, for the library under test too, and pass everything else on to it.
-static struct {
-	bool execv_returns = false; // with another result than -1, which it never does
-	int interruptions = 0;      // of waiting for a child
-	std::function<void()> after_interruption;
-	std::function<dirent64 *(dirent64 *)> read_entry; // what readdir gives instead
-	bool everything_is_a_directory = false;
-	int duplicated = -1; // the last descriptor that dup2 was given
-	bool duplicated_is_closed_on_exec = false;
-	size_t elements_left = SIZE_MAX; // until an array of JSON has no more to give
-} interposed;
+// Each element that the library fetches from an array of JSON comes through here.
+static constinit interposed<json_t *(const json_t *, size_t)> fetched_element{"json_array_get"};
 
-extern "C" {
-int execv(const char *path, char *const argv[]) noexcept
+extern "C" json_t *json_array_get(const json_t *array, size_t index)
 {
-	return interposed.execv_returns ? 0 : execve(path, argv, environ);
-}
-
-pid_t waitpid(pid_t pid, int *status, int options)
-{
-	pid_t result = wait4(pid, status, options, nullptr);
-	if (result < 0 && errno == EINTR) {
-		interposed.interruptions++;
-		if (interposed.after_interruption)
-			interposed.after_interruption();
-		errno = EINTR;
-	}
-	return result;
-}
-
-int dup2(int from, int to) noexcept
-{
-	interposed.duplicated = from;
-	interposed.duplicated_is_closed_on_exec = is_closed_on_exec(from);
-	return static_cast<int>(syscall(SYS_dup3, from, to, 0));
-}
-
-// As the library calls it, which has large files on every machine.
-dirent64 *readdir64(DIR *directory)
-{
-	static const auto real = reinterpret_cast<dirent64 *(*)(DIR *)>(dlsym(RTLD_NEXT, "readdir64"));
-	dirent64 *entry = real(directory);
-	return interposed.read_entry ? interposed.read_entry(entry) : entry;
-}
-
-int lstat64(const char *path, struct stat64 *about) noexcept
-{
-	static const auto real = reinterpret_cast<decltype(&lstat64)>(dlsym(RTLD_NEXT, "lstat64"));
-	if (!interposed.everything_is_a_directory)
-		return real(path, about);
-	about->st_mode = S_IFDIR;
-	return 0;
-}
-
-json_t *json_array_get(const json_t *array, size_t index)
-{
-	static const auto real =
-		reinterpret_cast<decltype(&json_array_get)>(dlsym(RTLD_NEXT, "json_array_get"));
-	if (interposed.elements_left == 0)
-		return nullptr;
-	interposed.elements_left--;
-	return real(array, index);
-}
+	return fetched_element(array, index);
 }
 
 namespace
@@ -98,7 +40,6 @@ class utils_test : public descriptor_test
 protected:
 	void SetUp() override
 	{
-		interposed = {};
 		memory.grant();
 		log_open(LOG_DEST_SYSLOG, LOG_DAEMON, nullptr);
 		messages.clear();
@@ -349,7 +290,7 @@ TEST_F(execute_test, logs_as_an_error)
 TEST_F(execute_test, logs_without_a_line_feed_if_execv_returns_anything_else)
 {
 	auto body = [] {
-		interposed.execv_returns = true;
+		auto returning = system_calls::execv.replace([](auto...) { return 0; });
 		EXPECT_EQ(run("/bin/true", {"true"}), status_of_failure);
 	};
 	EXPECT_EQ(run_logged(body).err, "execute: execv failed");
@@ -456,12 +397,18 @@ TEST_F(execute_test, goes_on_waiting_when_a_signal_is_handled)
 				poll(nullptr, 0, 1);
 			}
 		}
-		interposed.after_interruption = [&] {
-			if (interposed.interruptions == 3)
-				write_all(input.write_end.get(), "end\n");
-		};
+		int interruptions = 0;
+		auto waiting = system_calls::waitpid.replace([&](pid_t pid, int *status, int options) {
+			pid_t result = system_calls::waitpid.next(pid, status, options);
+			if (result < 0 && errno == EINTR) {
+				if (++interruptions == 3)
+					write_all(input.write_end.get(), "end\n");
+				errno = EINTR;
+			}
+			return result;
+		});
 		EXPECT_EQ(run_shell("read line; [ \"$line\" = end ] && exit 5"), 5 * 256);
-		EXPECT_GE(interposed.interruptions, 3);
+		EXPECT_GE(interruptions, 3);
 		kill(nuisance, SIGKILL);
 		while (waitpid(nuisance, nullptr, 0) != nuisance)
 			;
@@ -851,10 +798,13 @@ TEST_F(kill_children_test, passes_over_names_longer_than_any_of_a_process)
 		int count = 0;
 		std::string name = std::string(length - 1, '0') + "7";
 		memcpy(long_one.entry.d_name, name.c_str(), name.size() + 1);
-		interposed.everything_is_a_directory = true;
-		interposed.read_entry = [&](dirent64 *) { return count++ ? nullptr : &long_one.entry; };
+		auto directories = system_calls::lstat64.replace([](const char *, struct stat64 *about) {
+			about->st_mode = S_IFDIR;
+			return 0;
+		});
+		auto entries = system_calls::readdir64.replace(
+			[&](DIR *) { return count++ ? nullptr : &long_one.entry; });
 		EXPECT_EQ(kill_children(nobody), 0) << length;
-		interposed = {};
 	}
 	EXPECT_THAT(messages, IsEmpty());
 }
@@ -968,15 +918,15 @@ TEST_F(kill_children_test, reports_an_entry_that_vanishes_before_it_is_looked_at
 			made_up_proc proc;
 			proc.add("30000", stat_of(30'000));
 			proc.add(text_of(child), stat_of(child));
-			interposed.read_entry = [](dirent64 *entry) {
+			auto entries = system_calls::readdir64.replace([](DIR *directory) {
+				dirent64 *entry = system_calls::readdir64.next(directory);
 				if (entry && !strcmp(entry->d_name, "30000")) {
 					unlink("/proc/30000/stat");
 					rmdir("/proc/30000");
 				}
 				return entry;
-			};
+			});
 			EXPECT_EQ(kill_children(nobody), 0);
-			interposed.read_entry = nullptr;
 		}
 		EXPECT_EQ(pending(child), only_term);
 		EXPECT_THAT(messages, ElementsAre(logged{3, "error stat /proc/30000: err=-2\n"}));
@@ -1010,15 +960,15 @@ TEST_F(kill_children_test, reports_a_scan_that_fails)
 			for (pid_t pid : {first, second})
 				proc.add(text_of(pid), stat_of(pid));
 			int children = 0;
-			interposed.read_entry = [&](dirent64 *entry) -> dirent64 * {
+			auto entries = system_calls::readdir64.replace([&](DIR *directory) -> dirent64 * {
+				dirent64 *entry = system_calls::readdir64.next(directory);
 				if (entry && entry->d_name[0] != '.' && ++children == 2) {
 					errno = EIO;
 					return nullptr;
 				}
 				return entry;
-			};
+			});
 			EXPECT_EQ(kill_children(nobody), -1);
-			interposed.read_entry = nullptr;
 		}
 		EXPECT_EQ(pending(first) + pending(second), only_term) << "the one that was found";
 		EXPECT_THAT(
@@ -1034,14 +984,14 @@ TEST_F(kill_children_test, is_not_misled_by_an_old_error)
 		for (int number = 30'000; number < 30'010; ++number)
 			proc.add(text_of(number));
 		int wrong = 0;
-		interposed.read_entry = [&](dirent64 *entry) {
+		auto entries = system_calls::readdir64.replace([&](DIR *directory) {
+			dirent64 *entry = system_calls::readdir64.next(directory);
 			if (!entry && errno)
 				wrong++;
 			return entry;
-		};
+		});
 		errno = EIO;
 		EXPECT_EQ(kill_children(nobody), 0);
-		interposed.read_entry = nullptr;
 		EXPECT_EQ(wrong, 0);
 		EXPECT_THAT(messages, IsEmpty());
 	});
@@ -1394,9 +1344,16 @@ TEST_F(redir_to_devnull_test, passes_the_temporary_descriptor_to_no_other_progra
 			standard_descriptors_aside aside;
 			if (closed)
 				close(0); // whose number the temporary descriptor then gets
-			redir_to_devnull(1, 0);
-			int duplicated = interposed.duplicated;
-			bool is_closed = interposed.duplicated_is_closed_on_exec;
+			int duplicated = -1;
+			bool is_closed = false;
+			{
+				auto watched = system_calls::dup2.replace([&](int from, int to) {
+					duplicated = from;
+					is_closed = is_closed_on_exec(from);
+					return system_calls::dup2.next(from, to);
+				});
+				redir_to_devnull(1, 0);
+			}
 			aside.restore();
 			EXPECT_EQ(duplicated == 0, closed);
 			EXPECT_TRUE(is_closed);
@@ -1443,11 +1400,7 @@ const struct {
 	{JSON_INTEGER, "1"}, {JSON_REAL, "1.0"}, {JSON_TRUE, "true"}, {JSON_FALSE, "false"},
 	{JSON_NULL, "null"}};
 
-class json_array_elements_type_check_test : public testing::Test
-{
-protected:
-	void SetUp() override { interposed.elements_left = SIZE_MAX; }
-};
+using json_array_elements_type_check_test = testing::Test;
 
 } // namespace
 
@@ -1506,9 +1459,12 @@ TEST_F(json_array_elements_type_check_test, does_not_look_into_elements)
 TEST_F(json_array_elements_type_check_test, ends_well_where_no_element_can_be_fetched)
 {
 	json_owner array = parsed("[\"a\", \"b\", 3]");
-	interposed.elements_left = 2;
+	size_t left = 2; // elements that can be fetched
+	auto fetched = fetched_element.replace([&](const json_t *from, size_t index) {
+		return left == 0 ? nullptr : (left--, fetched_element.next(from, index));
+	});
 	EXPECT_EQ(json_array_elements_type_check(array.get(), JSON_STRING), 1);
-	interposed.elements_left = 3;
+	left = 3;
 	EXPECT_EQ(json_array_elements_type_check(array.get(), JSON_STRING), 0);
 }
 

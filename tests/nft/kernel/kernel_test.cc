@@ -2,7 +2,6 @@
 // it answers.
 #include "tests/support/nft.h"
 
-#include <dlfcn.h>
 #include <grp.h>
 #include <libmnl/libmnl.h>
 #include <libnftnl/common.h>
@@ -15,22 +14,17 @@
 
 #include <gmock/gmock.h>
 
+#include "tests/support/system_calls.h"
+
 using namespace nft_support;
 
-// What is called on the way of a message, counted, and made to fail in tests of what happens then. These
-// definitions stand before the C library's, for libmnl and the library under test too.
+// The calls on the way of a message, counted, and made to fail in tests of what happens then.
 static struct {
 	int bind_error, getsockname_error, sendto_error, select_error, recvmsg_error; // 0: the real thing
 	int sent, received, options, waiting; // waiting: calls of select that may wait
 	void (*after_bind)(int fd), (*before_send)(int fd);
 	bool (*refuses_option)(int level, int option);
 } calls;
-
-template <typename F>
-static F *real(F *, const char *name)
-{
-	return reinterpret_cast<F *>(dlsym(RTLD_NEXT, name));
-}
 
 template <typename R>
 static R failed(int error)
@@ -39,53 +33,49 @@ static R failed(int error)
 	return -1;
 }
 
-extern "C" int bind(int fd, const sockaddr *name, socklen_t length) noexcept
-{
+static auto watched_bind = system_calls::bind.replace([](int fd, const sockaddr *name, socklen_t length) {
 	if (calls.bind_error)
 		return failed<int>(calls.bind_error);
-	int result = real(bind, "bind")(fd, name, length);
+	int result = system_calls::bind.next(fd, name, length);
 	if (auto hook = std::exchange(calls.after_bind, nullptr))
 		hook(fd);
 	return result;
-}
+});
 
-extern "C" int setsockopt(int fd, int level, int option, const void *value, socklen_t length) noexcept
-{
-	calls.options++;
-	return calls.refuses_option && calls.refuses_option(level, option)
-		       ? failed<int>(EPERM)
-		       : real(setsockopt, "setsockopt")(fd, level, option, value, length);
-}
+static auto watched_setsockopt = system_calls::setsockopt.replace(
+	[](int fd, int level, int option, const void *value, socklen_t length) {
+		calls.options++;
+		return calls.refuses_option && calls.refuses_option(level, option)
+			       ? failed<int>(EPERM)
+			       : system_calls::setsockopt.next(fd, level, option, value, length);
+	});
 
-extern "C" int getsockname(int fd, sockaddr *name, socklen_t *length) noexcept
-{
+static auto watched_getsockname = system_calls::getsockname.replace([](auto... arguments) {
 	return calls.getsockname_error ? failed<int>(calls.getsockname_error)
-				       : real(getsockname, "getsockname")(fd, name, length);
-}
+				       : system_calls::getsockname.next(arguments...);
+});
 
-extern "C" ssize_t sendto(
-	int fd, const void *bytes, size_t count, int flags, const sockaddr *to, socklen_t length)
-{
+static auto watched_sendto = system_calls::sendto.replace([](int fd, auto... arguments) {
 	calls.sent++;
 	if (auto hook = std::exchange(calls.before_send, nullptr))
 		hook(fd);
 	return calls.sendto_error ? failed<ssize_t>(calls.sendto_error)
-				  : real(sendto, "sendto")(fd, bytes, count, flags, to, length);
-}
+				  : system_calls::sendto.next(fd, arguments...);
+});
 
-extern "C" int select(int count, fd_set *readable, fd_set *writable, fd_set *exceptional, timeval *timeout)
-{
-	calls.waiting += !timeout || timeout->tv_sec != 0 || timeout->tv_usec != 0;
-	return calls.select_error ? failed<int>(calls.select_error)
-				  : real(select, "select")(count, readable, writable, exceptional, timeout);
-}
+static auto watched_select = system_calls::select.replace(
+	[](int count, fd_set *readable, fd_set *writable, fd_set *exceptional, timeval *timeout) {
+		calls.waiting += !timeout || timeout->tv_sec != 0 || timeout->tv_usec != 0;
+		return calls.select_error
+			       ? failed<int>(calls.select_error)
+			       : system_calls::select.next(count, readable, writable, exceptional, timeout);
+	});
 
-extern "C" ssize_t recvmsg(int fd, msghdr *message, int flags)
-{
+static auto watched_recvmsg = system_calls::recvmsg.replace([](int fd, msghdr *message, int flags) {
 	calls.received++;
 	return calls.recvmsg_error ? failed<ssize_t>(calls.recvmsg_error)
-				   : real(recvmsg, "recvmsg")(fd, message, flags);
-}
+				   : system_calls::recvmsg.next(fd, message, flags);
+});
 
 namespace
 {
@@ -1724,7 +1714,7 @@ constexpr int usual_queue_bytes = 212992;
 void give_the_usual_queue(int fd)
 {
 	int bytes = usual_queue_bytes / 2;
-	EXPECT_EQ(real(setsockopt, "setsockopt")(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)), 0);
+	EXPECT_EQ(system_calls::setsockopt.next(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)), 0);
 }
 
 int queue_bytes;
@@ -1809,7 +1799,7 @@ TEST(nft_sending, longer_queue_is_left_as_it_is)
 		change.finish();
 		calls.after_bind = [](int fd) {
 			int bytes = 16 << 20;
-			EXPECT_EQ(real(setsockopt, "setsockopt")(
+			EXPECT_EQ(system_calls::setsockopt.next(
 					  fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof(bytes)),
 				0);
 		};
