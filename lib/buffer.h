@@ -2,7 +2,7 @@
  * buffer - bytes appended at the end and consumed from the front.
  *
  * Counts are signed 32-bit numbers of bytes. The bytes are not terminated. Appending may move `data`;
- * consuming moves the bytes that are left to the front. Exhausted memory ends the process (log.h).
+ * consuming moves the rest to the front. Exhausted memory ends the process (log.h).
  */
 #pragma once
 #include <stdarg.h>
@@ -53,8 +53,8 @@ char *buffer_get_data(struct buffer *buffer, int32_t *length);
 int32_t buffer_write(struct buffer *buffer, const void *bytes, int32_t count);
 
 /*
- * Appends formatted text and a zero, which is not counted, if both fit in the free space. For texts of
- * unknown length, format first and use buffer_write, or write to a stream.
+ * Appends formatted text, and a zero that is not counted, if both fit in the free space. For texts of
+ * unknown length use buffer_write or a stream.
  *
  * Returns:   the number of bytes appended.
  * Errors:    -ENOMEM: it does not fit; nothing is appended. The buffer grows by what the text lacked
@@ -66,8 +66,8 @@ int32_t buffer_vprintf(struct buffer *buffer, const char *format, va_list argume
 	__attribute__((format(printf, 2, 0), warn_unused_result));
 
 /*
- * Drops `count` bytes, or all, from the front. The rest moves: consume in large pieces. The storage never
- * shrinks. Null, and a count of 0 or less, are ignored.
+ * Drops `count` bytes, or all, from the front. Consume in large pieces: the rest moves. The storage
+ * stays. Null, and a count of 0 or less, are ignored.
  */
 void buffer_consume(struct buffer *buffer, int32_t count);
 

@@ -1,9 +1,8 @@
 /*
  * caldata - flash partitions by name, and calibration data copied from them to where drivers look for it.
  *
- * Radio drivers load calibration data from /lib/firmware. A slice of a raw flash partition is copied
- * there once: the file survives where the root is writable. Calls are synchronous; failures are logged.
- * Pointers must not be null unless a function says so.
+ * Calls are synchronous; failures are logged. A copy is made once, and survives where the root is
+ * writable. Pointers must not be null unless a function says so.
  */
 #pragma once
 
@@ -26,9 +25,9 @@ char *find_mtd(const char *name) __attribute__((warn_unused_result));
  * Copies `length` bytes from byte `offset` of a partition to /lib/firmware/<file>, unless there is such a
  * file. A directory in `file` must exist; a dangling link is followed.
  *
- * The file appears when it is whole and on the medium. Until then it is "_" in the same folder, which
- * `file` must not be; one left by a killed process is replaced by the folder's next call. A call waits
- * while another process makes a file in the folder.
+ * The file appears when it is whole and on the medium. Until then it is "_" in the same folder (`file`
+ * must not be); what a killed process left there is replaced by the next call. A call waits while another
+ * process makes a file in the folder.
  *
  * The slice must lie within the partition: at its end the call reads on for ever.
  *

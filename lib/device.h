@@ -15,11 +15,11 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* How an Ethernet switch is wired. Ports are numbers as text, "2"; each member may be null. */
+/* How a switch is wired. Ports are text, "2"; all may be null. */
 struct device_switch {
 	const char *dev;     /* the switch, "switch0" */
-	const char *cpu;     /* the port that is wired to the CPU */
-	const char *cpu_lan; /* a second one that carries LAN traffic; null if there is one for both */
+	const char *cpu;     /* the CPU's port */
+	const char *cpu_lan; /* a second one, for the LAN; null if one serves both */
 	const char *wan;     /* the WAN port */
 	const char *lan;     /* the LAN port or ports */
 };
@@ -30,10 +30,10 @@ struct device {
 	const char *vendor;                 /* its maker */
 	const char *name;                   /* the model, for people */
 	const struct device_switch *sw;     /* null without a switch */
-	const char *wan_iface;              /* network interface towards the WAN; never null */
-	const char *lan_iface;              /* towards the LAN; null without one of its own */
+	const char *wan_iface;              /* interface towards the WAN; never null */
+	const char *lan_iface;              /* towards the LAN; may be null */
 	const char *radio1_phy;             /* the first radio in /sys/class/ieee80211, "phy1"; may be null */
-	uint8_t radio1_mode;                /* the daemons' bits */
+	uint8_t radio1_mode;                /* what it can do; the daemons' bits */
 	const char *radio2_phy;             /* the second radio; may be null */
 	uint8_t radio2_mode;                /* the same */
 	int (*led_set)(unsigned int state); /* shows DEV_LED_*, ignores others; may be null */
@@ -71,7 +71,7 @@ unsigned int dev_radio1_mode(void);
 const char *dev_radio2_phy(void);
 unsigned int dev_radio2_mode(void);
 
-/* Returns:   1 if there is the first (`index` 0) or second (1) radio, else 0. Others need no description. */
+/* Returns:   1 if there is the first (`index` 0) or second (1) radio, else 0; others need no description. */
 int dev_has_radio(unsigned int index);
 
 /* Returns:   1 if there is a switch, else 0. */
@@ -86,8 +86,8 @@ const char *dev_switch_lan(void);
 
 /*
  * Call the description's functions; `state` is one of DEV_LED_*. dev_init is for the program that brings
- * the system up. That of the built-in board copies the radios' calibration data (caldata.h), logs each
- * file that cannot be made, and returns 0; with a partition "EEPROM" that is too short it never does.
+ * the system up: the built-in board's copies the radios' calibration data (caldata.h), logs files that
+ * cannot be made, and returns 0, but never if the partition "EEPROM" is too short.
  *
  * Returns:   the function's result; 0 without one.
  */

@@ -2,8 +2,8 @@
  * evloop-process - tells a daemon that a child process has exited.
  *
  * The loop (evloop.h) reaps every exited child on each pass, watched or not: do not wait for children by
- * other means. A pass comes with the next event or timeout, or after 500 milliseconds without a timeout.
- * To know at once despite long timeouts (HTTP connections have one), watch a signalfd of SIGCHLD.
+ * other means. A pass comes with an event or timeout, or after 500 milliseconds without a timeout. To
+ * know at once in spite of long timeouts (as of httpd), watch a signalfd of SIGCHLD.
  *
  * One thread. Records are the caller's; nothing is allocated. Failures are negated errno values.
  */
@@ -20,9 +20,8 @@ extern "C" {
  * Watches one child; start from zero bytes. While `pending` the loop links to it: do not move, copy or
  * release it.
  *
- * `cb` is called once, after the child has been reaped. The watcher is not pending then, and may be added
- * again or released. `exit_status` is the exit code as a signed 8-bit number, so 255 is -1; it is 0 for a
- * child that a signal ended.
+ * `cb` is called once, when the child has been reaped. The watcher is not pending then, and may be added
+ * again or released. `exit_status` is the exit code as a signed 8-bit number (255: -1), 0 after a signal.
  */
 struct evloop_process {
 	struct evloop_process *next, *prev;                          /* the loop's; null while not pending */
@@ -48,9 +47,9 @@ int evloop_process_add(struct evloop_process *process);
 int evloop_process_delete(struct evloop_process *process);
 
 /*
- * Sends SIGKILL to `process->pid` and stops watching; the loop reaps the child. For a pending watcher
- * only: it signals in any case, and a reaped child's pid may be another's. A pid of 0 or less (a group)
- * is not signalled.
+ * Sends SIGKILL to the child and stops watching; the loop reaps it. For a pending watcher only: it
+ * signals in any case, and a reaped child's pid may be another's. A pid of 0 or less (a group) is not
+ * signalled.
  *
  * Returns:   0.
  * Errors:    -EINVAL: not pending. Null is an assertion that fails.

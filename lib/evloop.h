@@ -4,8 +4,8 @@
  * One loop a process. Each pass runs every due timeout, reaps exited children (evloop-process.h), and
  * then dispatches at most one ready descriptor: timeouts and children wait for one callback at most.
  *
- * Every call is made on the loop's thread, from callbacks too; none is safe in a signal handler (watch a
- * signalfd). Records are the caller's, embedded in records of its own. Nothing is allocated.
+ * Call it on the loop's thread only, from callbacks too, never in a signal handler (watch a signalfd).
+ * Records are the caller's; nothing is allocated.
  */
 #pragma once
 #include <stdint.h>
@@ -19,16 +19,16 @@ extern "C" {
 #define EVLOOP_READ  1
 #define EVLOOP_WRITE 2
 
-/* Events that one wait fetches: a batch. */
+/* Events that one wait fetches, a batch; the rest stay in the kernel. */
 #define EVLOOP_MAX_EVENTS 10
 
 /*
  * Watches one descriptor; start from zero bytes. While it is registered the loop holds its address: call
  * evloop_io_delete before the descriptor is closed, or the record moved or released.
  *
- * The loop is level-triggered. An error or a hang-up is reported as both events, whatever was asked for;
- * the next read or write meets it. `cb` may add and delete any watcher, and release its own record after
- * deleting it; for others see evloop_io_delete.
+ * Level-triggered. An error or a hang-up is reported as both events, whatever was asked for; the next
+ * read or write meets it. `cb` may add and delete any watcher, and release its own record after deleting
+ * it; for others see evloop_io_delete.
  */
 struct evloop_io {
 	void (*cb)(struct evloop_io *io, unsigned int events); /* the caller's */
@@ -44,8 +44,8 @@ struct evloop_io {
 };
 
 /*
- * A one-shot timer; start from zero bytes and set `cb`. While `pending` the loop links to it, sorted: do
- * not move, copy or release it, or change `expires`.
+ * A one-shot timer; start from zero bytes. While `pending` the loop links to it, sorted: do not move,
+ * copy or release it, or change `expires`.
  */
 struct evloop_timeout {
 	struct evloop_timeout *next, *prev;         /* the loop's; null while not pending */
@@ -58,8 +58,8 @@ struct evloop_timeout {
  * Creates the epoll descriptor, closed on exec, unless there is one. The two are the same.
  *
  * Call it before anything that watches a descriptor: evloop_io_add, sock_listen, streams, httpd. Without
- * it nothing is watched, mostly without an error, and evloop_run logs one a pass, without a pause.
- * Timeouts and child processes need it only to run.
+ * it nothing is watched, mostly without an error, and evloop_run logs one a pass without a pause.
+ * Timeouts and children need it only to run.
  *
  * Returns:   0.
  * Errors:    -1 with errno set; the next call tries again.
@@ -78,13 +78,13 @@ int evloop_io_init(void) __attribute__((warn_unused_result));
 int evloop_io_add(struct evloop_io *io, unsigned int flags);
 
 /*
- * Stops watching. Delete before closing the descriptor, and only what was added: the kernel goes by the
+ * Stops watching. Delete before closing, and only what was added: the kernel goes by the descriptor's
  * number, which may be another watcher's.
  *
  * Its events in the batch are dropped, but one near the end may still come: compatibility, scan bound
- * So a callback that deletes another descriptor's watcher sets that `cb` to null, and keeps the record
- * for EVLOOP_MAX_EVENTS passes more, also across evloop_run: then the batch is over. Streams, connections
- * and sockets of this library do so themselves.
+ * So a callback that deletes another watcher sets that `cb` to null, and keeps the record for
+ * EVLOOP_MAX_EVENTS passes, also across evloop_run: then the batch is over. Streams, connections and
+ * sockets of this library do so themselves.
  *
  * Returns:   0.
  * Errors:    -1 with errno set, also if the watcher was never registered.
@@ -104,7 +104,7 @@ void evloop_end(void);
 
 /*
  * Cancels every timeout and child watcher, without callbacks. Watchers of descriptors stay, and the epoll
- * descriptor, which a later evloop_init uses again.
+ * descriptor, for a later evloop_init.
  */
 void evloop_done(void);
 
@@ -132,9 +132,8 @@ int evloop_timeout_add(struct evloop_timeout *timeout);
 int evloop_timeout_cancel(struct evloop_timeout *timeout);
 
 /*
- * Makes `timeout` fire once, `delay_ms` milliseconds from now; a pending one is moved. With 0 it is due
- * on the next pass (within one, a microsecond from now). It never fires inside this call. An expiry
- * beyond 64 bits wraps.
+ * Makes `timeout` fire once, `delay_ms` milliseconds from now; a pending one is moved. 0: on the next
+ * pass (set within one, a microsecond from now). Never inside this call. An expiry beyond 64 bits wraps.
  *
  * Returns:   0; nothing can fail.
  * Ownership: the loop borrows the record until it fires or is cancelled.
@@ -156,8 +155,8 @@ int32_t evloop_get_next_timeout(void);
 /*
  * Runs every timeout that is due at the moment of the call.
  *
- * Callbacks: what they set with a delay of 0 or more waits for the next call; what they add with an
- *            `expires` in the past does not.
+ * Callbacks: what they set with a delay of 0 or more waits for the next call; what they add with a past
+ *            `expires` does not.
  */
 void evloop_handle_timeouts(void);
 

@@ -1,17 +1,17 @@
 /*
  * htable - a hash table of untyped keys and values, and FNV-1 hashing.
  *
- * Keys and values are pointers that the table never looks into; they are the caller's unless destroy
- * functions are given. A set, in which every value equals its key, has one array for both.
+ * Keys and values are pointers that the table never looks into; they are the caller's unless there are
+ * destroy functions. A set, in which each value equals its key, has one array for both.
  *
- * One thread at a time, but several may take and drop references. For a null table every function returns
- * 0 or null, or does nothing; only htable_get_keys and htable_get_values require one.
+ * One thread at a time, but several may take and drop references. With a null table functions return 0 or
+ * null, or do nothing; only htable_get_keys and htable_get_values require one.
  *
  * Exhausted memory is not fatal: a resize is tried again at the next change, and only a full table
  * refuses a new key.
  *
- * Destroy functions may look into the table, not change it. While all entries are removed its size is 0
- * already, and a look-up may miss an entry still to go.
+ * Destroy functions may look into the table, not change it. While all entries are removed its size is 0,
+ * and a look-up may miss one.
  */
 #pragma once
 #include <stddef.h>
@@ -29,8 +29,8 @@ typedef void (*htable_free_fn)(void *item);
 
 /* For reading by debuggers and tests; use the functions. */
 struct htable {
-	int32_t slot_count;           /* a power of two, at least 8 */
-	uint32_t prime_mod;           /* hash % prime_mod is the first slot looked at */
+	int32_t slot_count;           /* power of two, at least 8 */
+	uint32_t prime_mod;           /* hash % prime_mod: the first slot looked at */
 	uint32_t mask;                /* slot_count - 1 */
 	int32_t live_count;           /* entries */
 	int32_t used_count;           /* entries and tombstones */
@@ -54,8 +54,8 @@ uint32_t fnv_32_buf(const void *bytes, size_t length, uint32_t hash);
 uint32_t fnv_32_str(const char *text, uint32_t hash);
 
 /*
- * Make a table; all but `hash_fn` may be null. The destroy functions are called on keys and values that
- * are replaced, removed or cleared.
+ * Make a table; all but `hash_fn` may be null. Destroy functions get keys and values that are replaced,
+ * removed or cleared.
  *
  * Returns:   the table, with one reference.
  * Errors:    null: memory is exhausted, or `hash_fn` is null.
@@ -71,8 +71,8 @@ struct htable *htable_ref(struct htable *table);
 void htable_unref(struct htable *table);
 
 /*
- * Store `value` under `key`. Of two equal keys htable_insert keeps the stored one and destroys the one
- * passed; htable_replace keeps the one passed. Both destroy the former value.
+ * Store `value` under `key`. Of two equal keys htable_insert destroys the one passed, htable_replace the
+ * stored one. Both destroy the former value.
  *
  * The first value that differs from its stored key makes a set a map, for good: the values outside the
  * first slot_count bytes of the array become null. Add to a set with htable_add only: htable_insert keeps

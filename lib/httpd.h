@@ -1,18 +1,18 @@
 /*
  * httpd - a small HTTP/1.0 and HTTP/1.1 server inside a daemon's event loop.
  *
- * The daemon owns the listening socket and gives each accepted descriptor to httpd_accept (the
- * `accept_cb` of sock.h). The server calls the daemon's handler with each request, and keeps or closes
- * the connection. README.md has a whole daemon. One thread; call evloop_init first.
+ * The daemon gives accepted descriptors to httpd_accept (the `accept_cb` of sock.h). The server calls the
+ * daemon's handler with each request, and keeps or closes the connection. README.md has a whole daemon.
+ * One thread; call evloop_init first.
  *
  * A BODY WHOSE LENGTH IS NOT UNDERSTOOD IS PARSED AS THE NEXT REQUEST, whoever wrote it. Only
  * "Content-Length" in this spelling counts, not "content-length", not chunks. A handler that changes
  * anything refuses such requests and returns 0: docs/recipes.md, "Handle any client".
  *
- * A head has at most 66560 bytes, a body 66560; more is answered 400. A body that has arrived when its
+ * Head and body have at most 66560 bytes each; more is answered 400. A body that has arrived when its
  * head is parsed counts with it: do not rely on more for both together. Also answered 400: different
- * values of "Content-Length", a zero byte in a header's name, and names chosen to collide in the table,
- * by the hundred.
+ * values of "Content-Length", a zero byte in a header's name, and hundreds of names chosen to collide in
+ * the table.
  *
  * A connection ends after 60 seconds without a byte from the peer or, while answers wait for it, without
  * one taken by it. HTTP/1.1 without "Connection: close" keeps it open, unless a request is refused or the
@@ -64,18 +64,14 @@ extern "C" {
 struct httpd_conn;
 
 /*
- * Handles one request: writes the answer to `conn->stream`, or calls httpd_defer and answers later. What
- * it writes is sent at once (stream_write): it may then work for long, end the process, or hand the
- * descriptor to a child. Head and body in one write cost one send.
+ * Handles one request: writes the answer to `conn->stream`, or calls httpd_defer and answers later. Each
+ * write is sent at once (stream_write): the handler may then work for long, end the process, or hand the
+ * descriptor to a child.
  *
- * The exception is corking: once the head of another request has arrived, the answers to GETs that keep
- * the connection are gathered, up to 16 KiB. They count as taken; that the peer has gone only ends the
- * connection afterwards. They are sent before the handler is called for the last of these requests or
- * another method, by httpd_defer, and by stream_flush_tx_async: a handler of a GET calls that before it
- * ends the process or hands the descriptor on.
- *
- * Over TCP the kernel may wait with them for the last answer, as it would for an acknowledgement: some
- * 200 ms if the peer is near.
+ * The exception is corking: while the head of another request is there, answers to GETs that keep the
+ * connection are gathered, up to 16 KiB, and count as taken. So a handler of a GET calls
+ * stream_flush_tx_async before it ends the process or hands the descriptor on. docs/recipes.md, "Know
+ * when answers leave", has the details.
  *
  * Returns:   non-zero to go on; 0 to close the connection once what was written is sent.
  * Callbacks: may call httpd_defer, httpd_defer_complete and httpd_ctx_cleanup; `conn` stays valid until
@@ -103,11 +99,9 @@ struct httpd_ctx {
  * contain any byte, zeros included.
  */
 struct httpd_conn {
-	struct httpd_ctx *ctx; /* its server */
-
-	struct stream stream;   /* its callbacks are the server's */
-	struct httpd_link node; /* the server's */
-
+	struct httpd_ctx *ctx;            /* its server */
+	struct stream stream;             /* its callbacks are the server's */
+	struct httpd_link node;           /* the server's */
 	struct evloop_timeout idle_timer; /* the server's */
 
 	int32_t version; /* 0: HTTP/1.0, 1: HTTP/1.1 */
@@ -138,9 +132,9 @@ struct httpd_conn {
 	int32_t state;           /* HTTPD_STATE_* */
 	struct htable *headers;  /* name to value, both strings; use httpd_header_table_get */
 	/*
-	 * For the handler to compose head and body in; empty them with httpd_res_buffers_reset. Each
-	 * starts with 512 bytes, and only buffer_write extends them: buffer_printf, http_res_put_* and
-	 * httpd_common_headers fail without space. Then do not send it; httpd_fail starts anew.
+	 * For the handler to compose in; empty them with httpd_res_buffers_reset. Each starts with 512
+	 * bytes, and only buffer_write extends it: buffer_printf, http_res_put_* and httpd_common_headers
+	 * fail without space. Do not send it then; httpd_fail starts anew.
 	 */
 	struct buffer *res_head;
 	struct buffer *res_body;
@@ -166,7 +160,7 @@ void httpd_ctx_cleanup(struct httpd_ctx *ctx);
 void httpd_accept(int fd, uint32_t arg, void *ctx);
 
 /*
- * Defers the answer. A handler calls it, and its result does not count then, unless it calls
+ * Defers the answer. A handler calls it; its result does not count then, unless it calls
  * httpd_defer_complete as well. Further requests wait. A second call has no effect.
  *
  * A peer that goes, or sends its last byte, sets HTTPD_CLOSE_PENDING: requests that wait are not handled
@@ -189,8 +183,8 @@ void httpd_defer_complete(struct httpd_conn *conn, int keep);
 void httpd_res_buffers_reset(struct httpd_conn *conn);
 
 /*
- * Looks up a header, in exactly this spelling of case, but not "Content-Length" and "Connection", which
- * are in the record.
+ * Looks up a header, in exactly this spelling of case. "Content-Length" and "Connection", spelt so, are
+ * in the record instead.
  *
  * Returns:   the value, runs of white space as one space; of repeated headers the last; null if none.
  * Ownership: the request's.
@@ -231,9 +225,9 @@ int32_t httpd_common_headers(struct httpd_conn *conn) __attribute__((warn_unused
 int32_t httpd_fail(struct httpd_conn *conn, int version, int code);
 
 /*
- * Decodes "%41" and "+". An escape cut off by the end, or by a zero byte, loses its "%". Digits are not
- * checked. Each escape makes it read, and decode, two more bytes after the input. The caller must own
- * them: `length` * 3 bytes suffice, zeros after the text.
+ * Decodes "%41" and "+". An escape cut off by the end or a zero byte loses its "%". Digits are not
+ * checked. Each escape makes it read, and decode, two more bytes after the input, which must be the
+ * caller's: `length` * 3 bytes suffice, zeros after the text.
  *
  * Returns:   a new string of `length` characters.
  * Errors:    null: null `bytes`, or a negative length.

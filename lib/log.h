@@ -2,8 +2,8 @@
  * log - messages, rate limiting, fatal reports, and allocation that never fails.
  *
  * One thread, like the whole library. _log works without log_open. What cannot be written is dropped
- * silently. Texts handed over (`ident`, `name`) are borrowed for the life of the process, never copied.
- * Priorities and facilities are those of <syslog.h>.
+ * silently. Texts (`ident`, `name`) are borrowed for the life of the process. Priorities and facilities
+ * are those of <syslog.h>.
  */
 #pragma once
 #include <stddef.h>
@@ -20,15 +20,15 @@ extern "C" {
 #define LOG_DEST_STDIO  4 /* stdout for LOG_NOTICE and LOG_INFO, stderr for all others, LOG_DEBUG included */
 
 /*
- * Stores the destinations (LOG_DEST_*), the syslog facility, and the identity, which is printed as
- * "ident: " before each line. The first message decides what is left open:
+ * Stores the destinations (LOG_DEST_*), syslog facility and identity ("ident: " before each line). The
+ * first message decides what is left open:
  *
  * - a negative `mask` or `facility`, or no call: LOG_DEST_STDIO and LOG_USER if descriptor 1 is a
  *   terminal, else LOG_DEST_SYSLOG and LOG_DAEMON;
  * - a null `ident`: the process's own name, but none for LOG_DEST_STDIO alone.
  *
- * It also opens syslog for good, if it goes there. A later call changes the destinations and the other
- * two's identity (null: none); a negative mask is then taken as its bit pattern.
+ * It also opens syslog, if it goes there, for good. A later call changes the destinations and the others'
+ * identity (null: none); a negative mask is then its bit pattern.
  */
 void log_open(int mask, int facility, const char *ident);
 
@@ -55,20 +55,20 @@ void out_of_memory(void) __attribute__((noreturn, cold));
 #define LOG_STRINGIFY_(x) #x
 
 /*
- * Limits a message to `burst` times in each `interval`. Usually a static variable: `static struct
- * ratelimit_state noisy = {5000, 10, 0, 0, 0};`.
+ * Limits a message to `burst` times in each `interval`. Usually static: `static struct ratelimit_state
+ * noisy = {5000, 10, 0, 0, 0};`.
  */
 struct ratelimit_state {
-	int32_t interval; /* milliseconds; 0: no limit; below 0: compatibility, negative interval */
+	int32_t interval; /* milliseconds; 0: no limit, not counted; below 0: compatibility, negative interval */
 	int32_t burst;    /* calls let through in a period; 0: none */
-	int32_t printed;  /* calls let through in this period; start from 0 */
-	int32_t missed;   /* calls refused and not yet reported, at most INT32_MAX; start from 0 */
-	uint64_t begin;   /* start of the period, milliseconds of CLOCK_MONOTONIC; start from 0 */
+	int32_t printed; /* let through in this one; start from 0 */
+	int32_t missed;  /* refused, not yet reported, at most INT32_MAX; start from 0 */
+	uint64_t begin;  /* start of the period, monotonic milliseconds; start from 0 */
 };
 
 /*
- * Asks whether a message may be written now. The first call after a period with refusals logs "<name>:
- * <count> callbacks suppressed" as LOG_WARNING.
+ * Asks whether to write a message. The first call after a period with refusals logs "<name>: <count>
+ * callbacks suppressed" as LOG_WARNING.
  *
  * Returns:   1: write it; 0: keep silent.
  */

@@ -5,12 +5,11 @@
  * A daemon builds objects, puts them into a batch, sends the batch as one transaction, and frees the
  * objects: docs/recipes.md, "Change the firewall". examples/apfw is a whole program.
  *
- * Look at each result that may be null: nothing of libnftnl takes null. No argument may be null unless a
- * function says so. Names and data are copied. Families, registers, keys, operators, flags and verdicts
- * are the kernel's numbers (<linux/netfilter.h>, <linux/netfilter/nf_tables.h>).
+ * Look at each result that may be null: no function of libnftnl takes null. No argument may be null
+ * unless a function says so. Names and data are copied. Families, registers, keys, operators, flags and
+ * verdicts are the kernel's numbers (<linux/netfilter.h>, <linux/netfilter/nf_tables.h>).
  *
- * One thread. Nothing is logged; errors are negated errno values. Only `cb` of kvnft_send_msg_cb calls
- * back.
+ * One thread. Nothing is logged; errors are negated errno values.
  */
 #pragma once
 #include <libmnl/libmnl.h>
@@ -32,8 +31,8 @@ struct nftnl_table;
  * ---- Expressions ----
  *
  * Each function makes one expression, with the attributes in brackets. `dreg` is the register written,
- * `sreg` the one read. Data is used as it stands: packet fields in network order, marks in host order.
- * Lengths and offsets are in bytes.
+ * `sreg` the one read. Packet fields are in network order, marks in host order. Lengths and offsets are
+ * in bytes.
  *
  * Errors:    null: memory is exhausted, or data exceeds the kernel's 64 bytes of registers (most
  *            expressions use up to 16, and the kernel refuses more).
@@ -195,21 +194,21 @@ int kvnft_rule_verdict(struct nftnl_rule *rule, uint8_t verdict);
  * ---- Batches ----
  *
  * A batch collects messages in the caller's buffer, up to `limit` bytes. Allocate
- * KVNFT_BATCH_BUFFER_SIZE(limit) bytes, zeroed: a message is written first, with gaps, and then compared
- * with the limit. One that might exceed 4096 bytes (13 ordinary expressions, or 60 elements, never do) is
- * built in memory of its own.
+ * KVNFT_BATCH_BUFFER_SIZE(limit) bytes, zeroed: a message is written, with gaps, before it is compared
+ * with the limit. If it might exceed 4096 bytes (13 ordinary expressions, or 60 elements, do not) it
+ * takes memory of its own.
  *
- * The kernel takes a batch in one piece: at most net.core.wmem_default (212992) less 32 bytes, and
- * without CAP_NET_ADMIN outside of user namespaces some 500 messages, or the result is lost (-ENOBUFS);
+ * The kernel takes at most net.core.wmem_default (212992) less 32 bytes at once and, without
+ * CAP_NET_ADMIN outside of user namespaces, some 500 messages; after more, the result is lost (-ENOBUFS):
  * docs/recipes.md.
  *
  * Functions that append a message; `seq` is a number that the kernel's answers repeat:
  *
  * Returns:   0.
  * Errors:    -ENOMEM: the message does not fit below the limit, memory is exhausted, or a name or list is
- *            too long for netlink's 16 bits (65530 characters, 4095 elements of 4 bytes, 2340 with
- *            time-outs). Earlier messages stay, and a shorter one may fit. mnl_nlmsg_batch_reset empties
- *            the batch also then.
+ *            too long for netlink's 16 bits (65530 characters; 4095 elements of 4 bytes, 2340 with
+ *            time-outs). The batch stays as it was: a shorter message may fit, and mnl_nlmsg_batch_reset
+ *            empties it.
  * Ownership: objects are copied, and stay the caller's.
  */
 #define KVNFT_BATCH_BUFFER_SIZE(limit) ((size_t)(limit) + (size_t)MNL_SOCKET_BUFFER_SIZE)
@@ -235,7 +234,7 @@ int kvnft_batch_add_rule(struct mnl_nlmsg_batch *batch, struct nftnl_rule *rule,
 int kvnft_batch_finish(struct mnl_nlmsg_batch *batch, uint32_t seq);
 
 /*
- * Sends a finished batch; it may be sent again. The kernel makes all of the changes, or none. An
+ * Sends a finished batch, which may be sent again. The kernel makes all of the changes, or none. An
  * unfinished batch changes nothing, and gives 0.
  *
  * Returns:   0.
@@ -247,18 +246,17 @@ int kvnft_batch_send(struct mnl_nlmsg_batch *batch);
 void kvnft_batch_free(struct mnl_nlmsg_batch *batch);
 
 /*
- * Sends `len` bytes of netlink messages over a socket of its own, whose descriptor may have any number.
- * The answers that are queued after the sending go to `cb` (may be null) with `data`, as mnl_cb_run does,
- * but not netlink's own, such as acknowledgements. It waits for none.
+ * Sends `len` bytes of netlink messages over a socket of its own; its descriptor may have any number. The
+ * answers that are queued then go to `cb` (may be null) with `data`, as mnl_cb_run does; netlink's own,
+ * such as acknowledgements, do not. It waits for none.
  *
- * After the sending, the change may have been made in spite of -EINTR, a signal; -ENOBUFS, too many
- * answers for the receive queue; -ENOSPC, one of over 4096 bytes (before Linux 4.3 also the refusal of a
- * message that long); -ESRCH or -EBADMSG, one for another socket, or malformed. The kernel refuses with
- * some of these, too.
+ * The change may have been made in spite of -EINTR, a signal; -ENOBUFS, more answers than the queue
+ * takes; -ENOSPC, one of over 4096 bytes (before Linux 4.3 also the refusal of such a message); -ESRCH or
+ * -EBADMSG, one for another socket, or malformed. The kernel refuses with some of these, too.
  *
  * Returns:   0.
  * Errors:    the first step that failed, the kernel's refusal and `cb`'s (MNL_CB_ERROR with errno)
- *            included; later answers are ignored. -EMSGSIZE: more at once than the kernel takes.
+ *            included. -EMSGSIZE: more at once than the kernel takes.
  * Callbacks: MNL_CB_STOP skips the rest of what was received at once, not what comes after.
  */
 int kvnft_send_msg_cb(const void *buf, size_t len, mnl_cb_t cb, void *data);
@@ -295,7 +293,7 @@ int kvnft_batch_accept_mark_neq(struct mnl_nlmsg_batch *batch, uint32_t family, 
 
 /*
  * These make one change as a transaction of its own. A deleted chain's object has the priority -1, which
- * the kernel does not see.
+ * is not sent.
  *
  * Returns:   0.
  * Errors:    as kvnft_batch_send; -ENOMEM: the message could not be made. Without memory for the buffer

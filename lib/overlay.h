@@ -1,9 +1,9 @@
 /*
  * overlay - a writable root at start-up: the read-only root below, and above it a layer in flash memory.
  *
- * For the firmware's first program, once, before any daemon starts: these calls change the mounts of all
- * that shares its mount namespace. They need CAP_SYS_ADMIN, and mounts not shared with another namespace.
- * Failures are logged. No pointer may be null.
+ * For the firmware's first program, once, before any daemon: these calls change the mounts of its whole
+ * mount namespace. They need CAP_SYS_ADMIN, and mounts not shared with another namespace. Failures are
+ * logged. No pointer may be null.
  */
 #pragma once
 
@@ -18,8 +18,9 @@ extern "C" {
  * stay where they were. Needs the directories /data, /mnt and /system, /proc mounted, and a writable
  * mount at /tmp.
  *
- * A partition that does not mount is erased, once. Without one that can be used, "fallback to ramoverlay"
- * is logged, and the upper layer is in memory, at /tmp/root, until the next start.
+ * A partition that does not mount is erased, once, and tried again. Without one that can be used,
+ * "fallback to ramoverlay" is logged, and the upper layer is in memory, at /tmp/root, until the next
+ * start.
  *
  * Errors:    not told. A switch that fails half-way, as without /system, has moved /proc into the first
  *            overlay; then the second fails, too.

@@ -23,8 +23,8 @@ struct sock {
 	struct evloop_io io; /* `io.fd` is the socket after success */
 	/*
 	 * Called for each accepted connection; set before or after sock_listen. It owns `fd`, which is
-	 * non-blocking (while it is null, nobody does). `address` is the peer's, in network byte order.
-	 * It may call sock_close and release the record.
+	 * non-blocking; while it is null, accepted descriptors stay open and unused. `address` is the
+	 * peer's, in network byte order. It may call sock_close and release the record.
 	 */
 	void (*accept_cb)(int fd, uint32_t address, void *user);
 	void *user;    /* handed to `accept_cb` */
@@ -32,17 +32,16 @@ struct sock {
 };
 
 /*
- * Listens at `host` (an address or a name; null: every address) and `service` (a port number or a name).
- * The loop accepts one connection a pass; `backlog` more may wait. An address in TIME_WAIT can be taken
- * again.
+ * Listens at `host` (an address or name; null: every address) and `service` (a port or name). The loop
+ * accepts one connection a pass; `backlog` may wait. An address in TIME_WAIT can be taken again.
  *
- * Without evloop_init nobody accepts: the result is 0, but `io.registered` is, too. A connection that
- * cannot be accepted is tried again on the next pass: without a free descriptor the loop stays busy.
+ * Without evloop_init nobody accepts: the result is 0, and `io.registered`, too. A connection that cannot
+ * be accepted is tried again on each pass: without a free descriptor the loop stays busy.
  *
  * Returns:   0.
- * Errors:    -EOPNOTSUPP without SOCK_TCP. Resolving: -ENOMEM; -2 (EAI_NONAME, the resolver's own
- *            number): an unknown name; else -EINVAL. The failure of the last address tried: -errno, or
- *            the positive errno if its socket could not be created.
+ * Errors:    -EOPNOTSUPP without SOCK_TCP. Resolving: -ENOMEM; -2 (the resolver's EAI_NONAME) for an
+ *            unknown name; else -EINVAL. The last address tried: -errno, or the positive errno if there
+ *            was no socket.
  */
 int sock_listen(struct sock *sock, const char *host, const char *service, int backlog)
 	__attribute__((warn_unused_result));
@@ -65,13 +64,13 @@ int sock_connect(struct sock *sock, const char *host, const char *service, int t
 int sock_close(struct sock *sock);
 
 /*
- * Keeps a daemon connected to a service: the daemon connects, and tells when the connection is lost.
- * Attempts are the same delay apart. Set `connect` and perhaps `on_connected`, and call
- * init_stable_connection. To give up, cancel `timer`; keep the record until then.
+ * Keeps a daemon connected: the daemon connects, and reports a loss; attempts are the same delay apart.
+ * Set `connect` and perhaps `on_connected`, and call init_stable_connection. To give up, cancel `timer`;
+ * keep the record until then.
  */
 struct stable_connection {
 	int (*connect)(void);        /* connects; 0: done, anything else: failed */
-	int (*on_connected)(void);   /* called after `connect` has succeeded; may be null */
+	int (*on_connected)(void);   /* called after that; may be null */
 	uint8_t connected;           /* set by a successful connect, cleared by stable_connection_lost */
 	uint8_t retry_pending;       /* a retry is due, or was: see start_stable_connection */
 	struct evloop_timeout timer; /* the retry */
@@ -82,12 +81,12 @@ struct stable_connection {
 void init_stable_connection(struct stable_connection *c, int retry_delay_ms);
 
 /*
- * Connects now, instead of a retry that is due; that leaves `retry_pending` set, although after a success
- * no timer runs. The timer's own attempts clear it.
+ * Connects now, instead of a retry that is due. `retry_pending` stays set then, although after a success
+ * no timer runs; the timer's own attempts clear it.
  *
  * Returns:   the result of `on_connected`, 0 without one.
- * Errors:    -EAGAIN: `connect` failed, and is tried again after the delay; not logged. -EINVAL, logged:
- *            there is no `connect`, nothing changes.
+ * Errors:    -EAGAIN: `connect` failed, unlogged; it is tried again after the delay. -EINVAL, logged: no
+ *            `connect`, nothing changes.
  * Callbacks: both run inside, and may call stable_connection_lost. `on_connected` may release the record.
  */
 int start_stable_connection(struct stable_connection *c);

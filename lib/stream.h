@@ -3,11 +3,11 @@
  *
  * What arrives is read into `rx`. What is written is sent before stream_write returns, as far as the
  * kernel takes it; the rest waits in `tx`. (httpd corks: httpd.h.) The owner is told of new bytes, end of
- * file and errors on a later pass of the loop, and of a drained `tx` at once.
+ * file and errors on a later pass of the loop, of a drained `tx` at once.
  *
  * The loop's thread; call evloop_init first. Failures are negated errno values. The record is the
- * caller's, and may be cleaned up and released in any of the three callbacks. So is the descriptor: the
- * stream never closes it.
+ * caller's, who may clean it up and release it in all three callbacks. So is the descriptor: the stream
+ * never closes it.
  */
 #pragma once
 #include <stdarg.h>
@@ -30,27 +30,25 @@ extern "C" {
 struct stream {
 	struct evloop_io io;               /* `io.fd` is the descriptor */
 	struct evloop_timeout state_timer; /* the stream's */
-
-	struct evloop_timeout read_timer; /* the stream's */
-
-	struct buffer *tx; /* owned by the stream: bytes not sent yet */
+	struct evloop_timeout read_timer;  /* the stream's */
+	struct buffer *tx;                 /* owned by the stream: bytes not sent yet */
 	struct buffer *rx; /* owned by the stream: bytes received; consume them with buffer_consume */
 	uint8_t state;     /* STREAM_EOF, STREAM_ERROR, STREAM_READ_DISABLED */
 
 	/*
-	 * Reads; set it before stream_init to replace the default, which reads `io.fd`. Returns how many
-	 * bytes (1 to `count`), 0 at end of file, -EAGAIN if there are none now, another negative value
-	 * on an error. Called until it finds nothing, never after stream_disable_read or an error. Must
-	 * not clean the stream up.
+	 * Reads; set it before stream_init to replace the default, which reads `io.fd`. Returns the bytes
+	 * read (1 to `count`), 0 at end of file, -EAGAIN for none now, else negative for an error. Called
+	 * until it finds nothing, never after stream_disable_read or an error. Must not clean the stream
+	 * up.
 	 *
 	 * Only here can `rx` be bounded (docs/recipes.md): the owner is not called before the descriptor
 	 * is empty, however fast the sender.
 	 */
 	int32_t (*read)(struct stream *stream, void *bytes, uint32_t count);
 	/*
-	 * Writes; replaced likewise. Returns how many bytes were taken (0 to `count`, fewer if it would
-	 * block), or a negative value on an error. Must not clean the stream up. The default writes to
-	 * `io.fd`, where a peer that has gone may raise SIGPIPE.
+	 * Writes; replaced likewise. Returns the bytes taken (0 to `count`, fewer if it would block),
+	 * negative for an error. Must not clean the stream up. The default writes to `io.fd`; a peer that
+	 * has gone may raise SIGPIPE.
 	 */
 	int32_t (*write)(struct stream *stream, const void *bytes, uint32_t count);
 
@@ -65,9 +63,9 @@ struct stream {
  * INT32_MAX bytes in `rx` are a STREAM_ERROR. A descriptor that epoll does not take (a regular file) is
  * never read; that is not checked.
  *
- * The loop reports a hang-up after end of file, and a pipe without a writer, on every pass. At the end of
- * a pipe take what is left in `rx` (all that ever comes) in notify_state, and call stream_cleanup at
- * once. After STREAM_ERROR a stream whose peer hangs up leaves the loop by itself.
+ * The loop reports a hang-up after end of file, and a pipe without a writer, on every pass: at the end of
+ * a pipe take the rest from `rx` in notify_state, and call stream_cleanup at once. After STREAM_ERROR a
+ * stream whose peer hangs up leaves the loop by itself.
  *
  * Returns:   0; exhausted memory ends the process.
  */
@@ -76,7 +74,7 @@ int stream_init(struct stream *stream, int fd);
 /*
  * Writes `count` bytes to the descriptor, unless others are queued; the rest goes to `tx`. Without a
  * backlog that is one system call and no copy. What the descriptor has taken is the kernel's: the process
- * may end, or hand it to a child. What is in `tx` is lost with the process.
+ * may end, or hand it to a child. `tx` is lost with the process.
  *
  * Returns:   the bytes sent or queued, normally `count`; 0 for null `bytes`, and after STREAM_ERROR (they
  *            are dropped).
@@ -95,13 +93,13 @@ int32_t stream_printf(struct stream *stream, const char *format, ...) __attribut
 int32_t stream_vprintf(struct stream *stream, const char *format, va_list arguments)
 	__attribute__((format(printf, 2, 0)));
 
-/* Calls `notify_read`, if set, on the loop's next pass, for an owner that has left bytes in `rx`. */
+/* Calls `notify_read`, if set, on the next pass: for an owner that has left bytes in `rx`. */
 void stream_notify_read(struct stream *stream);
 
 /*
  * Stops reading for good. What was received stays in `rx`, what comes in the kernel. End of file of a
- * peer that still reads is not noticed. A hang-up or a reset is STREAM_ERROR, with notify_state once,
- * whatever is left to read; the stream leaves the loop.
+ * peer that still reads is not noticed. A hang-up or reset is STREAM_ERROR, whatever is left to read:
+ * notify_state follows once, and the stream leaves the loop.
  */
 void stream_disable_read(struct stream *stream);
 
@@ -117,7 +115,7 @@ void stream_flush_tx_async(struct stream *stream, void (*callback)(struct stream
 
 /*
  * Takes the stream off the loop and frees both buffers, which become null. What was not sent is lost. A
- * stream not in use is left alone. Close the descriptor afterwards: before, its number may be another's.
+ * stream not in use is left alone. Close the descriptor afterwards, not before.
  *
  * Callbacks: none of this stream's runs any more.
  */

@@ -1,8 +1,8 @@
 /*
  * time - time values: signed 64-bit counts of microseconds.
  *
- * They count on CLOCK_MONOTONIC unless a clock is named: for intervals and timeouts, not for dates.
- * Nothing here fails: errors of the system's clocks are ignored, and a result that does not fit wraps.
+ * They count on CLOCK_MONOTONIC unless a clock is named: for intervals, not for dates. Nothing fails:
+ * errors of the clocks are ignored, and a result that does not fit wraps.
  *
  * "Short range": the seconds come from the low 32 bits of the microseconds, as a signed number. They are
  * right below 2^31 microseconds (35 min 47 s), and wrap beyond.

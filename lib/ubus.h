@@ -2,17 +2,17 @@
  * ubus - helpers for daemons on the message bus: JSON in messages, calls that nobody waits for, calls
  * repeated until they succeed, and subscriptions that outlive the object they are about.
  *
- * They work on a libubus context that the daemon connects, serves and frees. docs/recipes.md, "Live on
- * the message bus", says how; examples/common/bus.c does it on the library's loop. One thread.
+ * They work on a libubus context that the daemon connects, serves and frees: docs/recipes.md, "Live on
+ * the message bus". examples/common/bus.c does it on the library's loop. One thread.
  *
- * "Synchronous" below is what libubus does to look up, register and subscribe: it blocks until the bus
- * daemon answers (for ever, if it drops the answer because this daemon does not keep up), and serves the
- * context meanwhile, so that handlers of calls, notifications and replies run inside.
+ * "Synchronous": libubus blocks until the bus daemon answers (for ever, if it drops the answer because
+ * this daemon does not keep up), and serves the context meanwhile: handlers of calls, notifications and
+ * replies run inside.
  *
- * A context may be freed or reconnected with calls in flight. Before it is freed call
- * mox_ubus_unsubscribe for its subscriptions; then store null, or another context, where its retry
- * requests look. If it is put aside and lives on, abort and unsubscribe first. Callbacks inside
- * ubus_reconnect, such as connection_lost, must call no function of this header.
+ * A context may be freed or reconnected with calls in flight. Before it is freed, end its subscriptions;
+ * then store null, or another context, where its retry requests look. If it is put aside and lives on,
+ * abort those first, too. Callbacks inside ubus_reconnect, such as connection_lost, call no function of
+ * this header.
  *
  * libubus connects with handlers of its own for SIGINT, SIGTERM and SIGCHLD, where those had their
  * default action: block them before, and watch a signalfd.
@@ -46,20 +46,19 @@ extern "C" {
 extern const struct blobmsg_policy ubus_json_attrs[1];
 
 /*
- * Appends `json`, an object or array, as compact text to `b`, which the caller has initialised
- * (blob_buf_init).
+ * Appends `json`, an object or array, as compact text to `b`, which is initialised (blob_buf_init).
  *
  * Returns:   0.
  * Errors:    anything else, and what jansson cannot write (invalid UTF-8, a value that contains itself,
- *            null), becomes an empty attribute, which is no JSON. A text beyond the buffer's 16 MiB, like
- *            exhausted memory, ends the process.
+ *            null), becomes an empty attribute, which is no JSON. A text beyond 16 MiB, like exhausted
+ *            memory, ends the process.
  * Ownership: the caller keeps its reference.
  */
 int ubus_pack_json_msg(struct blob_buf *b, json_t *json);
 
 /*
- * Reads the object or array in `msg`, a call's, reply's or notification's message from libubus; it may be
- * null. A value takes up to some 80 times the memory of its text, which the bus limits to 1 MiB.
+ * Reads the object or array in `msg`, a message from libubus, or null. It takes up to some 80 times the
+ * memory of its text, which the bus limits to 1 MiB.
  *
  * Returns:   0.
  * Errors:    2 (UBUS_STATUS_INVALID_ARGUMENT, for a handler to return), with `*out` as it was: malformed
@@ -78,9 +77,9 @@ int ubus_parse_json_msg(struct blob_attr *msg, json_t **out) __attribute__((warn
  * Returns:   0: the call is on its way; -1: it could not be sent.
  * Errors:    logged as LOG_ERR: an error status (7 if the connection is lost), or no answer within
  *            `timeout_ms` milliseconds (0: by the loop's next pass).
- * Ownership: `b` may be reused or freed at once. A call that times out after its context was freed or
- *            reconnected leaves a record until a context of that address calls this or loses its
- *            connection. Ending the connection first leaves none: docs/recipes.md.
+ * Ownership: `b` may be reused or freed at once. A call that outlives its context's connection leaves a
+ *            record until a context of that address calls this or loses its connection: end connections
+ *            before freeing contexts (docs/recipes.md).
  * Callbacks: none runs inside; sending waits while the socket is full.
  */
 int ubus_req_async_to(
@@ -92,8 +91,8 @@ int ubus_req_async_to(
 #define UBUS_RETRY_DELAY_MS     2000
 
 /*
- * A call repeated until it succeeds. From init on it is the library's, for reading only. Do not move or
- * initialise it until the call has succeeded or ubus_retry_request_abort.
+ * A call repeated until it succeeds. From init on only read it; do not move or initialise it until it has
+ * succeeded or ubus_retry_request_abort.
  */
 struct ubus_retry_request {
 	struct ubus_context **ctx; /* where the daemon keeps its context; null there: no bus now */
@@ -109,9 +108,9 @@ struct ubus_retry_request {
 };
 
 /*
- * Prepares `rr`, whatever it held. `*ctx` is read for every attempt: null if there is no context, or it
- * has lost its connection. While a call is in flight, store something else there only if the former
- * context was freed or has lost its connection; otherwise abort first.
+ * Prepares `rr`, whatever it held. `*ctx` is read for every attempt: null without a context, or a
+ * connection. While a call is in flight, replace it only if the former context was freed or has lost its
+ * connection; otherwise abort first.
  *
  * Returns:   0.
  * Errors:    -EINVAL, logged: null `ctx`, or a name of 32 bytes or more; nothing changes.
@@ -125,23 +124,21 @@ int ubus_retry_request_init(struct ubus_retry_request *rr, struct ubus_context *
 
 /*
  * Makes an attempt now; a call in flight is aborted. After an error status, or no answer within
- * UBUS_RETRY_DELAY_MS, the next attempt follows at once, unlogged. Every other failure is logged, but a
- * missing context, and the next attempt follows in UBUS_RETRY_DELAY_MS. There is no limit: a call lost
- * with the connection is repeated until bus and object are back.
+ * UBUS_RETRY_DELAY_MS, the next follows at once, unlogged. After any other failure, logged but for a
+ * missing context, it follows in UBUS_RETRY_DELAY_MS. There is no limit: a call lost with the connection
+ * is repeated until bus and object are back.
  *
- * So a method that always refuses is called as fast as it answers, 25000 times a second were measured.
- * Let `prepare_cb` count: if it returns anything but 0 the next attempt is delayed; if it aborts, there
- * is none.
+ * So a method that always refuses is called as fast as it answers, measured 25000 times a second. Let
+ * `prepare_cb` count, and return anything but 0 to delay the next attempt, or abort.
  *
  * Returns:   0: in flight; -EBUSY: the attempt failed (no context, no such object, `prepare_cb`,
  *            sending), and the next is due.
  * Errors:    -EINVAL, logged: `rr->ctx` is null, nothing is due; -ECANCELED: a callback inside has
  *            aborted or invoked `rr`, and that holds; -EALREADY: called from its own `prepare_cb`,
  *            nothing has changed.
- * Callbacks: looks up (synchronous), then calls `prepare_cb`. What runs inside the look-up may also abort
- *            and then release `rr`. The attempt waits for the next pass (-EBUSY) if the own `data_cb`
- *            asks for it, if the context was replaced inside, or after an error status inside another
- *            synchronous call.
+ * Callbacks: looks up (synchronous), then calls `prepare_cb`. What runs inside the look-up may abort and
+ *            release `rr`. The attempt waits for the next pass (-EBUSY) if its `data_cb` asks for it, if
+ *            the context was replaced inside, or after an error status inside another synchronous call.
  */
 int ubus_retry_request_invoke(struct ubus_retry_request *rr);
 
@@ -176,9 +173,9 @@ struct ubus_subscription {
 };
 
 /*
- * Subscribes to `s->path`. While there is no such object, also later on, an attempt follows every
- * UBUS_SUBSCRIBE_RETRY_MS; nothing is logged. A lost connection ends the subscription silently: call this
- * again when it is back. It ends an earlier registration of `s`: no notification comes twice.
+ * Subscribes to `s->path`. While there is no such object, also later, an attempt follows every
+ * UBUS_SUBSCRIBE_RETRY_MS, unlogged. A lost connection ends the subscription silently: call this again
+ * when it is back. It replaces an earlier registration of `s`: no notification comes twice.
  *
  * Returns:   0: subscribed; a ubus status (positive): not yet, the next attempt is due.
  * Errors:    -EAGAIN: the subscriber could not be registered, for any reason, or `s->ctx` is null;
@@ -187,8 +184,7 @@ struct ubus_subscription {
  *            or unregistered; nothing has changed.
  * Callbacks: registers, looks up and subscribes (synchronous). `cb` gets the notifications, and finds `s`
  *            with ubus_object_to_subscription. `subscribed_cb` runs inside; its result is ignored. All
- *            may unsubscribe; then `subscribed_cb`, and what runs inside an attempt of the timer, may
- *            release `s`.
+ *            may unsubscribe, and then release `s` in `subscribed_cb` or inside an attempt of the timer.
  */
 int mox_ubus_subscribe(struct ubus_subscription *s, ubus_handler_t cb);
 

@@ -22,8 +22,8 @@ import tempfile
 import unittest
 
 import daemons
-from apstatd_page_test import Browser
-from apstatd_test import Daemon, Hardware, enter_private_network
+from apstatd import Daemon, Hardware, enter_private_network
+from browser import Browser
 from daemons import CURL, PATIENCE_S, Client, curl, die_with_the_test, wait_until
 
 DOCUMENT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../docs/http-peers.md")
