@@ -66,8 +66,8 @@ int32_t buffer_vprintf(struct buffer *buffer, const char *format, va_list argume
 	__attribute__((format(printf, 2, 0), warn_unused_result));
 
 /*
- * Drops `count` bytes, or all, from the front. Consume in large pieces: the rest moves. The storage
- * stays. Null, and a count of 0 or less, are ignored.
+ * Drops `count` bytes, or all, from the front. Consume in large pieces: the rest moves. The storage never
+ * shrinks. Null, and a count of 0 or less, are ignored.
  */
 void buffer_consume(struct buffer *buffer, int32_t count);
 

@@ -16,7 +16,7 @@ extern "C" {
  * place of `name`: "data" finds "rootfs_data". A line is 255 characters at most.
  *
  * Returns:   its device, such as "mtd5" (in /dev); null if there is none.
- * Errors:    null: memory is exhausted, or /proc/mtd cannot be opened; only this is logged.
+ * Errors:    null: memory is exhausted, or /proc/mtd cannot be opened; only the latter is logged.
  * Ownership: the caller frees the text.
  */
 char *find_mtd(const char *name) __attribute__((warn_unused_result));
@@ -25,9 +25,9 @@ char *find_mtd(const char *name) __attribute__((warn_unused_result));
  * Copies `length` bytes from byte `offset` of a partition to /lib/firmware/<file>, unless there is such a
  * file. A directory in `file` must exist; a dangling link is followed.
  *
- * The file appears when it is whole and on the medium. Until then it is "_" in the same folder (`file`
- * must not be); what a killed process left there is replaced by the next call. A call waits while another
- * process makes a file in the folder.
+ * The file appears when it is whole and on the medium. Until then it is "_" in the same folder, a name
+ * that `file` must not have; one left by a killed process is replaced by the folder's next call. A call
+ * waits while another process makes a file in the folder.
  *
  * The slice must lie within the partition: at its end the call reads on for ever.
  *

@@ -41,7 +41,7 @@ struct device {
 	int (*post_upgrade)(void);          /* work after a firmware upgrade; may be null */
 };
 
-/* What the LEDs show; on the built-in board: */
+/* What the LEDs show, with the built-in board's times. */
 enum {
 	DEV_LED_OFF = 0,
 
@@ -77,7 +77,7 @@ int dev_has_radio(unsigned int index);
 /* Returns:   1 if there is a switch, else 0. */
 int dev_has_switch(void);
 
-/* Returns:   the member of the switch; null without one. Of a null `cpu_lan` it is `cpu`. */
+/* Returns:   the member of the switch; null without one. A null `cpu_lan` reads as `cpu`. */
 const char *dev_switch_dev(void);
 const char *dev_switch_cpu(void);
 const char *dev_switch_cpu_lan(void);

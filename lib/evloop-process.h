@@ -3,7 +3,7 @@
  *
  * The loop (evloop.h) reaps every exited child on each pass, watched or not: do not wait for children by
  * other means. A pass comes with an event or timeout, or after 500 milliseconds without a timeout. To
- * know at once in spite of long timeouts (as of httpd), watch a signalfd of SIGCHLD.
+ * know at once in spite of long timeouts (httpd has them), watch a signalfd of SIGCHLD.
  *
  * One thread. Records are the caller's; nothing is allocated. Failures are negated errno values.
  */
@@ -21,7 +21,8 @@ extern "C" {
  * release it.
  *
  * `cb` is called once, when the child has been reaped. The watcher is not pending then, and may be added
- * again or released. `exit_status` is the exit code as a signed 8-bit number (255: -1), 0 after a signal.
+ * again or released. `exit_status` is the exit code as a signed 8-bit number (255: -1), or 0 if a signal
+ * ended the child.
  */
 struct evloop_process {
 	struct evloop_process *next, *prev;                          /* the loop's; null while not pending */
@@ -62,7 +63,7 @@ int evloop_process_is_pending(struct evloop_process *process);
 /* Stops watching every child, without signals or callbacks. */
 void evloop_clean_processes(void);
 
-/* Reaps every exited child and calls its watcher's callback; never blocks. Part of each pass. */
+/* Reaps exited children and calls their watchers' callbacks; never blocks. Part of each pass. */
 void evloop_handle_processes(void);
 
 #pragma GCC visibility pop

@@ -4,8 +4,8 @@
  * One loop a process. Each pass runs every due timeout, reaps exited children (evloop-process.h), and
  * then dispatches at most one ready descriptor: timeouts and children wait for one callback at most.
  *
- * Call it on the loop's thread only, from callbacks too, never in a signal handler (watch a signalfd).
- * Records are the caller's; nothing is allocated.
+ * Every call is made on the loop's thread, from callbacks too, never in a signal handler (watch a
+ * signalfd). Records are the caller's; nothing is allocated.
  */
 #pragma once
 #include <stdint.h>
@@ -26,9 +26,9 @@ extern "C" {
  * Watches one descriptor; start from zero bytes. While it is registered the loop holds its address: call
  * evloop_io_delete before the descriptor is closed, or the record moved or released.
  *
- * Level-triggered. An error or a hang-up is reported as both events, whatever was asked for; the next
- * read or write meets it. `cb` may add and delete any watcher, and release its own record after deleting
- * it; for others see evloop_io_delete.
+ * The loop is level-triggered. An error or a hang-up is reported as both events, whatever was asked for;
+ * the next read or write meets it. `cb` may add and delete any watcher, and release its own record after
+ * deleting it; for others see evloop_io_delete.
  */
 struct evloop_io {
 	void (*cb)(struct evloop_io *io, unsigned int events); /* the caller's */
@@ -83,7 +83,7 @@ int evloop_io_add(struct evloop_io *io, unsigned int flags);
  *
  * Its events in the batch are dropped, but one near the end may still come: compatibility, scan bound
  * So a callback that deletes another watcher sets that `cb` to null, and keeps the record for
- * EVLOOP_MAX_EVENTS passes, also across evloop_run: then the batch is over. Streams, connections and
+ * EVLOOP_MAX_EVENTS passes, when the batch is over (it outlives evloop_run). Streams, connections and
  * sockets of this library do so themselves.
  *
  * Returns:   0.
@@ -118,7 +118,7 @@ void evloop_handle_ios(int timeout_ms);
 
 /*
  * Starts a timer with the `expires` that its owner has set. Timers fire in the order of `expires`, as
- * unsigned numbers; equals, in that of adding.
+ * unsigned numbers; equals in that of adding.
  *
  * Returns:   0; -1: already pending, nothing has changed.
  */
@@ -132,8 +132,9 @@ int evloop_timeout_add(struct evloop_timeout *timeout);
 int evloop_timeout_cancel(struct evloop_timeout *timeout);
 
 /*
- * Makes `timeout` fire once, `delay_ms` milliseconds from now; a pending one is moved. 0: on the next
- * pass (set within one, a microsecond from now). Never inside this call. An expiry beyond 64 bits wraps.
+ * Makes `timeout` fire once, `delay_ms` milliseconds from now; a pending one is moved. With 0 it is due
+ * on the next pass (set within one, a microsecond from now), never inside this call. An expiry beyond 64
+ * bits wraps.
  *
  * Returns:   0; nothing can fail.
  * Ownership: the loop borrows the record until it fires or is cancelled.

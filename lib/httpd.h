@@ -220,7 +220,7 @@ int32_t httpd_common_headers(struct httpd_conn *conn) __attribute__((warn_unused
  *
  * Returns:   2.
  * Errors:    the negative result of the step that failed; -ENOMEM if the stream did not take it all. The
- *            buffers keep the page.
+ *            buffers keep what was composed.
  */
 int32_t httpd_fail(struct httpd_conn *conn, int version, int code);
 

@@ -27,8 +27,9 @@ extern "C" {
  *   terminal, else LOG_DEST_SYSLOG and LOG_DAEMON;
  * - a null `ident`: the process's own name, but none for LOG_DEST_STDIO alone.
  *
- * It also opens syslog, if it goes there, for good. A later call changes the destinations and the others'
- * identity (null: none); a negative mask is then its bit pattern.
+ * If it goes to syslog it opens that, once; later calls do not change what syslog knows. They change the
+ * destinations, and the identity of the other two (null: none); a negative mask is then taken as its bit
+ * pattern.
  */
 void log_open(int mask, int facility, const char *ident);
 
@@ -55,15 +56,15 @@ void out_of_memory(void) __attribute__((noreturn, cold));
 #define LOG_STRINGIFY_(x) #x
 
 /*
- * Limits a message to `burst` times in each `interval`. Usually static: `static struct ratelimit_state
- * noisy = {5000, 10, 0, 0, 0};`.
+ * Limits a message to `burst` times in each `interval`; below 0: compatibility, negative interval
+ * Usually a static variable: `static struct ratelimit_state noisy = {5000, 10, 0, 0, 0};`.
  */
 struct ratelimit_state {
-	int32_t interval; /* milliseconds; 0: no limit, not counted; below 0: compatibility, negative interval */
+	int32_t interval; /* milliseconds; 0: no limit, nothing is counted */
 	int32_t burst;    /* calls let through in a period; 0: none */
-	int32_t printed; /* let through in this one; start from 0 */
-	int32_t missed;  /* refused, not yet reported, at most INT32_MAX; start from 0 */
-	uint64_t begin;  /* start of the period, monotonic milliseconds; start from 0 */
+	int32_t printed;  /* let through in this period; start from 0 */
+	int32_t missed;   /* refused, not yet reported, at most INT32_MAX; start from 0 */
+	uint64_t begin;   /* start of the period, monotonic milliseconds; start from 0 */
 };
 
 /*

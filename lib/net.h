@@ -5,7 +5,7 @@
  * colons between. An IPv4 address is a number in network byte order. Text is never null. Of an
  * interface's name 15 characters count.
  *
- * One thread. "Static" results lie in memory that the next call of any function here may overwrite.
+ * One thread. A "static" result lies in memory that the next function with such a result may overwrite.
  */
 #pragma once
 #include <stdint.h>
@@ -46,8 +46,8 @@ char *get_radio_mac(const char *phy);
 uint32_t get_iface_ip(const char *ifname);
 
 /*
- * Reads six hexadecimal numbers below 256 with colons between; anything may follow. Like strtol it
- * accepts blanks, a sign or "0x" before each.
+ * Reads six hexadecimal numbers below 256 with colons between; anything may follow. Before each it takes,
+ * as strtol does, blanks, a sign or "0x".
  *
  * Returns:   6 static bytes.
  * Errors:    none: from the first malformed byte on they stay what they were, zeros at first.

@@ -247,12 +247,12 @@ void kvnft_batch_free(struct mnl_nlmsg_batch *batch);
 
 /*
  * Sends `len` bytes of netlink messages over a socket of its own; its descriptor may have any number. The
- * answers that are queued then go to `cb` (may be null) with `data`, as mnl_cb_run does; netlink's own,
- * such as acknowledgements, do not. It waits for none.
+ * answers queued by then go to `cb` (may be null) with `data`, as mnl_cb_run does; netlink's own, such as
+ * acknowledgements, do not. It waits for none.
  *
- * The change may have been made in spite of -EINTR, a signal; -ENOBUFS, more answers than the queue
- * takes; -ENOSPC, one of over 4096 bytes (before Linux 4.3 also the refusal of such a message); -ESRCH or
- * -EBADMSG, one for another socket, or malformed. The kernel refuses with some of these, too.
+ * With these results the change may have been made: -EINTR, a signal; -ENOBUFS, more answers than the
+ * queue takes; -ENOSPC, one of over 4096 bytes (before Linux 4.3 also the refusal of such a message);
+ * -ESRCH or -EBADMSG, one for another socket, or malformed. The kernel refuses with some of these, too.
  *
  * Returns:   0.
  * Errors:    the first step that failed, the kernel's refusal and `cb`'s (MNL_CB_ERROR with errno)

@@ -34,7 +34,7 @@ void mount_overlayfs(void);
  * old root moves along.
  *
  * Returns:   0.
- * Errors:    a negated errno: /proc cannot be moved, nothing has changed. -1 (also -EPERM): the kernel
+ * Errors:    a negated errno: /proc cannot be moved, nothing has changed. -1 (as is -EPERM): the kernel
  *            refuses to change the root, and /proc is in `new_root`.
  */
 int pivot(const char *new_root, const char *put_old);

@@ -33,15 +33,15 @@ struct sock {
 
 /*
  * Listens at `host` (an address or name; null: every address) and `service` (a port or name). The loop
- * accepts one connection a pass; `backlog` may wait. An address in TIME_WAIT can be taken again.
+ * accepts one connection a pass; `backlog` more may wait. An address in TIME_WAIT can be taken again.
  *
- * Without evloop_init nobody accepts: the result is 0, and `io.registered`, too. A connection that cannot
- * be accepted is tried again on each pass: without a free descriptor the loop stays busy.
+ * Without evloop_init nobody accepts: the result is 0, but `io.registered` is, too. A connection that
+ * cannot be accepted is tried again on each pass: without a free descriptor the loop stays busy.
  *
  * Returns:   0.
  * Errors:    -EOPNOTSUPP without SOCK_TCP. Resolving: -ENOMEM; -2 (the resolver's EAI_NONAME) for an
- *            unknown name; else -EINVAL. The last address tried: -errno, or the positive errno if there
- *            was no socket.
+ *            unknown name; else -EINVAL. The last address tried: -errno, or the positive errno if its
+ *            socket could not be created.
  */
 int sock_listen(struct sock *sock, const char *host, const char *service, int backlog)
 	__attribute__((warn_unused_result));

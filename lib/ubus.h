@@ -5,13 +5,13 @@
  * They work on a libubus context that the daemon connects, serves and frees: docs/recipes.md, "Live on
  * the message bus". examples/common/bus.c does it on the library's loop. One thread.
  *
- * "Synchronous": libubus blocks until the bus daemon answers (for ever, if it drops the answer because
- * this daemon does not keep up), and serves the context meanwhile: handlers of calls, notifications and
- * replies run inside.
+ * "Synchronous" means that libubus blocks until the bus daemon answers (for ever, if it drops the answer
+ * because this daemon does not keep up), and serves the context meanwhile: handlers of calls,
+ * notifications and replies run inside.
  *
  * A context may be freed or reconnected with calls in flight. Before it is freed, end its subscriptions;
- * then store null, or another context, where its retry requests look. If it is put aside and lives on,
- * abort those first, too. Callbacks inside ubus_reconnect, such as connection_lost, call no function of
+ * then store null, or another context, where its retry requests look. Before it is put aside alive, also
+ * abort its retry requests. Callbacks inside ubus_reconnect, such as connection_lost, call no function of
  * this header.
  *
  * libubus connects with handlers of its own for SIGINT, SIGTERM and SIGCHLD, where those had their
@@ -77,9 +77,9 @@ int ubus_parse_json_msg(struct blob_attr *msg, json_t **out) __attribute__((warn
  * Returns:   0: the call is on its way; -1: it could not be sent.
  * Errors:    logged as LOG_ERR: an error status (7 if the connection is lost), or no answer within
  *            `timeout_ms` milliseconds (0: by the loop's next pass).
- * Ownership: `b` may be reused or freed at once. A call that outlives its context's connection leaves a
- *            record until a context of that address calls this or loses its connection: end connections
- *            before freeing contexts (docs/recipes.md).
+ * Ownership: `b` may be reused or freed at once. A call whose context is freed or reconnected before its
+ *            time-out leaves a record until a context of that address calls this or loses its connection:
+ *            end the connection first (docs/recipes.md).
  * Callbacks: none runs inside; sending waits while the socket is full.
  */
 int ubus_req_async_to(
@@ -128,8 +128,8 @@ int ubus_retry_request_init(struct ubus_retry_request *rr, struct ubus_context *
  * missing context, it follows in UBUS_RETRY_DELAY_MS. There is no limit: a call lost with the connection
  * is repeated until bus and object are back.
  *
- * So a method that always refuses is called as fast as it answers, measured 25000 times a second. Let
- * `prepare_cb` count, and return anything but 0 to delay the next attempt, or abort.
+ * So a method that always refuses is called as fast as it answers, 25000 times a second in a measurement.
+ * Let `prepare_cb` count, and return anything but 0 to delay the next attempt, or abort.
  *
  * Returns:   0: in flight; -EBUSY: the attempt failed (no context, no such object, `prepare_cb`,
  *            sending), and the next is due.

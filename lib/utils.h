@@ -14,8 +14,8 @@ extern "C" {
 
 /*
  * Runs the program at `path` with `argv` (its name first, null last) and waits for its end: for short
- * tools at start-up; the loop has evloop_process. It inherits what is not closed on exec. With `quiet` it
- * starts without standard error; the first file that it opens may get that number.
+ * tools at start-up; the loop has evloop_process. The program inherits what is not closed on exec. With
+ * `quiet` it starts without standard error; the first file that it opens may get that number.
  *
  * Returns:   the status of waitpid, undecoded: 0 for exit code 0; 256 for 1, and if it cannot be started,
  *            which is logged (not on a closed standard error).
@@ -24,9 +24,9 @@ extern "C" {
 int execute(const char *path, char *const argv[], int quiet);
 
 /*
- * Sends SIGTERM to each child of `parent`, even the caller, not to their children; does not wait. It
- * reads /proc: one that comes meanwhile may be missed. One with a blank in its command name is missed, or
- * taken for another's: the parent is the fourth word of /proc/<pid>/stat.
+ * Sends SIGTERM to each child of `parent`, the caller included, not to their children; does not wait. It
+ * reads /proc: a child that comes meanwhile may be missed. One with a blank in its command name is
+ * missed, or taken for another's.
  *
  * Returns:   0: all of /proc has been read.
  * Errors:    -1, logged. A child that cannot be signalled is logged; the rest are signalled.
