@@ -219,7 +219,7 @@ for name in null zero full random urandom; do : >dev/$name; mount --bind /dev/$n
 : >dev/kmsg
 ip link set lo up
 PATH=/usr/sbin:/usr/bin:/sbin:/bin
-exec chroot . /usr/bin/python3 -B "$TREE/tests/programs_test.py" --machine
+exec chroot . /usr/bin/python3 -B "$TREE/tests/programs/programs_test.py" --machine
 """
 
 
