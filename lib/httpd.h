@@ -70,8 +70,8 @@ struct httpd_conn;
  *
  * The exception is corking: while the head of another request is there, answers to GETs that keep the
  * connection are gathered, up to 16 KiB, and count as taken. So a handler of a GET calls
- * stream_flush_tx_async before it ends the process or hands the descriptor on. docs/recipes.md, "Know
- * when answers leave", has the details.
+ * stream_flush_tx_async before it ends the process or hands the descriptor on. Details: docs/recipes.md,
+ * "Know when answers leave".
  *
  * Returns:   non-zero to go on; 0 to close the connection once what was written is sent.
  * Callbacks: may call httpd_defer, httpd_defer_complete and httpd_ctx_cleanup; `conn` stays valid until

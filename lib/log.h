@@ -46,7 +46,7 @@ void set_app_name(const char *name);
 void assert_failure(const char *location, const char *function, const char *expression)
 	__attribute__((noreturn, cold));
 
-/* Writes "name: out of memory" straight to stderr, not to the log, and aborts. */
+/* Writes "name: out of memory" straight to stderr, and aborts. */
 void out_of_memory(void) __attribute__((noreturn, cold));
 
 /* Ends the process unless `expression`, one condition, holds; in every build. */

@@ -198,17 +198,15 @@ int kvnft_rule_verdict(struct nftnl_rule *rule, uint8_t verdict);
  * with the limit. If it might exceed 4096 bytes (13 ordinary expressions, or 60 elements, do not) it
  * takes memory of its own.
  *
- * The kernel takes at most net.core.wmem_default (212992) less 32 bytes at once and, without
- * CAP_NET_ADMIN outside of user namespaces, some 500 messages; after more, the result is lost (-ENOBUFS):
- * docs/recipes.md.
+ * The kernel takes a batch of at most net.core.wmem_default (212992) less 32 bytes. A process without
+ * CAP_NET_ADMIN learns the result of some 500 messages at most: docs/recipes.md.
  *
  * Functions that append a message; `seq` is a number that the kernel's answers repeat:
  *
  * Returns:   0.
  * Errors:    -ENOMEM: the message does not fit below the limit, memory is exhausted, or a name or list is
- *            too long for netlink's 16 bits (65530 characters; 4095 elements of 4 bytes, 2340 with
- *            time-outs). The batch stays as it was: a shorter message may fit, and mnl_nlmsg_batch_reset
- *            empties it.
+ *            too long for netlink (65530 characters, 2340 elements with time-outs). The batch stays as it
+ *            was: a shorter message may fit, and mnl_nlmsg_batch_reset empties it.
  * Ownership: objects are copied, and stay the caller's.
  */
 #define KVNFT_BATCH_BUFFER_SIZE(limit) ((size_t)(limit) + (size_t)MNL_SOCKET_BUFFER_SIZE)

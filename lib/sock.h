@@ -15,8 +15,8 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /* Bits of `flags`. */
-#define SOCK_KEEP_ON_EXEC 1 /* leave the listening, connected and accepted descriptors open on exec */
-#define SOCK_TCP          2 /* required: TCP is the only kind there is */
+#define SOCK_KEEP_ON_EXEC 1 /* listening, connected and accepted descriptors stay open on exec */
+#define SOCK_TCP          2 /* required: the only kind */
 
 /* A socket; set `flags`. */
 struct sock {

@@ -2,8 +2,8 @@
  * stream - a non-blocking descriptor with a receive and a transmit buffer.
  *
  * What arrives is read into `rx`. What is written is sent before stream_write returns, as far as the
- * kernel takes it; the rest waits in `tx`. (httpd corks: httpd.h.) The owner is told of new bytes, end of
- * file and errors on a later pass of the loop, of a drained `tx` at once.
+ * kernel takes it; the rest waits in `tx`.  The owner is told of new bytes, end of file and errors on a
+ * later pass of the loop, of a drained `tx` at once.
  *
  * The loop's thread; call evloop_init first. Failures are negated errno values. The record is the
  * caller's, who may clean it up and release it in all three callbacks. So is the descriptor: the stream
@@ -32,8 +32,8 @@ struct stream {
 	struct evloop_timeout state_timer; /* the stream's */
 	struct evloop_timeout read_timer;  /* the stream's */
 	struct buffer *tx;                 /* owned by the stream: bytes not sent yet */
-	struct buffer *rx; /* owned by the stream: bytes received; consume them with buffer_consume */
-	uint8_t state;     /* STREAM_EOF, STREAM_ERROR, STREAM_READ_DISABLED */
+	struct buffer *rx;                 /* owned by the stream: bytes received; consume them */
+	uint8_t state;                     /* STREAM_* */
 
 	/*
 	 * Reads; set it before stream_init to replace the default, which reads `io.fd`. Returns the bytes
@@ -117,7 +117,7 @@ void stream_flush_tx_async(struct stream *stream, void (*callback)(struct stream
  * Takes the stream off the loop and frees both buffers, which become null. What was not sent is lost. A
  * stream not in use is left alone. Close the descriptor afterwards, not before.
  *
- * Callbacks: none of this stream's runs any more.
+ * Callbacks: none of this stream's runs afterwards.
  */
 void stream_cleanup(struct stream *stream);
 
