@@ -7,27 +7,6 @@
  */
 #include <libubox/avl.h>
 
-#include "layout.h"
-
-LAYOUT_SIZE(struct list_head, 16, 8);
-
-LAYOUT_FIELD(struct avl_node, list, 0, 0);
-LAYOUT_FIELD(struct avl_node, parent, 16, 8);
-LAYOUT_FIELD(struct avl_node, left, 24, 12);
-LAYOUT_FIELD(struct avl_node, right, 32, 16);
-LAYOUT_FIELD(struct avl_node, key, 40, 20);
-LAYOUT_FIELD(struct avl_node, balance, 48, 24);
-LAYOUT_FIELD(struct avl_node, leader, 49, 25);
-LAYOUT_SIZE(struct avl_node, 56, 28);
-
-LAYOUT_FIELD(struct avl_tree, list_head, 0, 0);
-LAYOUT_FIELD(struct avl_tree, root, 16, 8);
-LAYOUT_FIELD(struct avl_tree, count, 24, 12);
-LAYOUT_FIELD(struct avl_tree, allow_dups, 28, 16);
-LAYOUT_FIELD(struct avl_tree, comp, 32, 20);
-LAYOUT_FIELD(struct avl_tree, cmp_ptr, 40, 24);
-LAYOUT_SIZE(struct avl_tree, 48, 28);
-
 void avl_init(struct avl_tree *tree, avl_tree_comp comp, bool allow_dups, void *ptr)
 {
 	INIT_LIST_HEAD(&tree->list_head);

@@ -7,22 +7,7 @@
 
 #include <stddef.h>
 
-#include "blob-internal.h"
-#include "layout.h"
-
-LAYOUT_SIZE(struct blob_attr, 4, 4);
-LAYOUT_FIELD(struct blob_attr, data, 4, 4);
-
-LAYOUT_FIELD(struct blob_attr_info, minlen, 4, 4);
-LAYOUT_FIELD(struct blob_attr_info, maxlen, 8, 8);
-LAYOUT_FIELD(struct blob_attr_info, validate, 16, 12);
-LAYOUT_SIZE(struct blob_attr_info, 24, 16);
-
-LAYOUT_FIELD(struct blob_buf, head, 0, 0);
-LAYOUT_FIELD(struct blob_buf, grow, 8, 4);
-LAYOUT_FIELD(struct blob_buf, buflen, 16, 8);
-LAYOUT_FIELD(struct blob_buf, buf, 24, 12);
-LAYOUT_SIZE(struct blob_buf, 32, 16);
+#include "internal.h"
 
 /* Memory grows in steps of this many bytes. */
 #define GROWTH_STEP 256

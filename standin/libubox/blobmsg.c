@@ -6,14 +6,7 @@
 
 #include <stddef.h>
 
-#include "blob-internal.h"
-#include "layout.h"
-
-LAYOUT_FIELD(struct blobmsg_hdr, name, 2, 2);
-LAYOUT_SIZE(struct blobmsg_hdr, 2, 2);
-
-LAYOUT_FIELD(struct blobmsg_policy, type, 8, 4);
-LAYOUT_SIZE(struct blobmsg_policy, 16, 8);
+#include "internal.h"
 
 /* The order of the types of named attributes is not that of the types of payloads. */
 static const int payload_types[__BLOBMSG_TYPE_LAST] = {

@@ -16,22 +16,6 @@
 
 #include <libubox/utils.h>
 
-#include "layout.h"
-
-LAYOUT_FIELD(struct uloop_fd, cb, 0, 0);
-LAYOUT_FIELD(struct uloop_fd, fd, 8, 4);
-LAYOUT_FIELD(struct uloop_fd, eof, 12, 8);
-LAYOUT_FIELD(struct uloop_fd, error, 13, 9);
-LAYOUT_FIELD(struct uloop_fd, registered, 14, 10);
-LAYOUT_FIELD(struct uloop_fd, flags, 15, 11);
-LAYOUT_SIZE(struct uloop_fd, 16, 12);
-
-LAYOUT_FIELD(struct uloop_timeout, list, 0, 0);
-LAYOUT_FIELD(struct uloop_timeout, pending, 16, 8);
-LAYOUT_FIELD(struct uloop_timeout, cb, 24, 12);
-LAYOUT_FIELD(struct uloop_timeout, time, 32, 16);
-LAYOUT_SIZE(struct uloop_timeout, 48, 24);
-
 #define US_PER_S 1000000
 
 static int epoll_fd = -1;

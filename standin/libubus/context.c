@@ -9,37 +9,7 @@
 #include <stddef.h>
 #include <unistd.h>
 
-#include "../libubox/layout.h"
-#include "libubus-internal.h"
-
-LAYOUT_FIELD(struct ubus_msghdr, version, 0, 0);
-LAYOUT_FIELD(struct ubus_msghdr, type, 1, 1);
-LAYOUT_FIELD(struct ubus_msghdr, seq, 2, 2);
-LAYOUT_FIELD(struct ubus_msghdr, peer, 4, 4);
-LAYOUT_SIZE(struct ubus_msghdr, 8, 8);
-_Static_assert(_Alignof(struct ubus_msghdr) == 4, "struct ubus_msghdr");
-
-LAYOUT_FIELD(struct ubus_msghdr_buf, data, 8, 8);
-LAYOUT_SIZE(struct ubus_msghdr_buf, 16, 12);
-
-LAYOUT_FIELD(struct ubus_context, requests, 0, 0);
-LAYOUT_FIELD(struct ubus_context, objects, 16, 8);
-LAYOUT_FIELD(struct ubus_context, pending, 64, 36);
-LAYOUT_FIELD(struct ubus_context, sock, 80, 44);
-LAYOUT_FIELD(struct ubus_context, pending_timer, 96, 56);
-LAYOUT_FIELD(struct ubus_context, local_id, 144, 80);
-LAYOUT_FIELD(struct ubus_context, request_seq, 148, 84);
-LAYOUT_FIELD(struct ubus_context, cancel_poll, 150, 86);
-LAYOUT_FIELD(struct ubus_context, stack_depth, 152, 88);
-LAYOUT_FIELD(struct ubus_context, connection_lost, 160, 92);
-LAYOUT_FIELD(struct ubus_context, monitor_cb, 168, 96);
-LAYOUT_FIELD(struct ubus_context, msgbuf, 176, 100);
-LAYOUT_FIELD(struct ubus_context, msgbuf_data_len, 192, 112);
-LAYOUT_FIELD(struct ubus_context, msgbuf_reduction_counter, 196, 116);
-LAYOUT_FIELD(struct ubus_context, auto_subscribers, 200, 120);
-LAYOUT_FIELD(struct ubus_context, auto_subscribe_event_handler, 216, 128);
-LAYOUT_FIELD(struct ubus_context, request_handler, 200, 120);
-LAYOUT_SIZE(struct ubus_context, 344, 192);
+#include "internal.h"
 
 /* A message of the daemon's own that waits in `ctx->pending`. */
 struct queued_message {
@@ -98,11 +68,30 @@ static void release_queued(struct queued_message *queued)
 	free(queued);
 }
 
+static void process_object_message(struct ubus_context *ctx, const struct ubus_msghdr_buf *msg)
+{
+	struct blob_attr *attrs[UBUS_ATTR_MAX];
+	ubus_parse_msg(msg->data, attrs);
+	if (!attrs[UBUS_ATTR_OBJID])
+		return;
+	struct ubus_object *obj = ubus_object_find(ctx, blob_get_u32(attrs[UBUS_ATTR_OBJID]));
+
+	/* Not ubus_leave: the callers work off the queue in a loop, instead of one message inside the other. */
+	ubus_enter(ctx);
+	if (msg->hdr.type == UBUS_MSG_INVOKE)
+		ubus_object_process_call(ctx, obj, &msg->hdr, attrs);
+	else if (msg->hdr.type == UBUS_MSG_NOTIFY)
+		ubus_object_process_activity(ctx, obj, attrs);
+	else
+		ubus_subscriber_process_removal(ctx, obj, attrs);
+	--ctx->stack_depth;
+}
+
 void ubus_work_off_queue(struct ubus_context *ctx)
 {
 	while (ctx->stack_depth == 0 && !list_empty(&ctx->pending)) {
 		struct queued_message *queued = take_queued(ctx);
-		ubus_process_object_message(ctx, &queued->msg);
+		process_object_message(ctx, &queued->msg);
 		release_queued(queued);
 	}
 }
@@ -126,7 +115,7 @@ static void process_with_own_buffer(struct ubus_context *ctx)
 	ctx->msgbuf.data = NULL;
 	ctx->msgbuf_data_len = 0;
 
-	ubus_process_object_message(ctx, &own);
+	process_object_message(ctx, &own);
 
 	free(ctx->msgbuf.data);
 	ctx->msgbuf = own;

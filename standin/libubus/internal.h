@@ -1,6 +1,6 @@
 /*
- * What the parts of the library share: messages under construction, the socket, requests, and the messages
- * that the daemon sends on its own account.
+ * What the parts of the library share. Each part calls only those before it: io, requests, objects, subscribers,
+ * context. There is one exception: a request that is waited for serves the context.
  */
 #pragma once
 #include <libubus.h>
@@ -86,13 +86,18 @@ int ubus_request_send(
 void ubus_process_reply(struct ubus_context *ctx, const struct ubus_msghdr *header, struct blob_attr *msg);
 void ubus_fail_requests(struct ubus_context *ctx);
 
-/* INVOKE, NOTIFY and UNSUBSCRIBE. */
-void ubus_process_object_message(struct ubus_context *ctx, const struct ubus_msghdr_buf *msg);
-
 void ubus_objects_init(struct ubus_context *ctx);
 void ubus_objects_add_again(struct ubus_context *ctx);
 
-/* Whether `obj` belongs to a subscriber, and then that one. */
-struct ubus_subscriber *ubus_object_subscriber(struct ubus_object *obj);
+/* The object of ours with that id, or null. */
+struct ubus_object *ubus_object_find(struct ubus_context *ctx, uint32_t id);
+
+/* INVOKE, NOTIFY and UNSUBSCRIBE for `obj`, which is null when there is none of that id. */
+void ubus_object_process_call(struct ubus_context *ctx, struct ubus_object *obj,
+	const struct ubus_msghdr *header, struct blob_attr **attrs);
+void ubus_object_process_activity(
+	struct ubus_context *ctx, struct ubus_object *obj, struct blob_attr **attrs);
+void ubus_subscriber_process_removal(
+	struct ubus_context *ctx, struct ubus_object *obj, struct blob_attr **attrs);
 
 #pragma GCC visibility pop

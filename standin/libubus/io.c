@@ -12,7 +12,7 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "libubus-internal.h"
+#include "internal.h"
 
 #define DEFAULT_PATH "/var/run/ubus/ubus.sock"
 

@@ -6,47 +6,7 @@
 
 #include <limits.h>
 
-#include "../libubox/layout.h"
-#include "libubus-internal.h"
-
-LAYOUT_FIELD(struct ubus_method, name, 0, 0);
-LAYOUT_FIELD(struct ubus_method, handler, 8, 4);
-LAYOUT_FIELD(struct ubus_method, mask, 16, 8);
-LAYOUT_FIELD(struct ubus_method, tags, 24, 12);
-LAYOUT_FIELD(struct ubus_method, policy, 32, 16);
-LAYOUT_FIELD(struct ubus_method, n_policy, 40, 20);
-LAYOUT_SIZE(struct ubus_method, 48, 24);
-
-LAYOUT_FIELD(struct ubus_object_type, name, 0, 0);
-LAYOUT_FIELD(struct ubus_object_type, id, 8, 4);
-LAYOUT_FIELD(struct ubus_object_type, methods, 16, 8);
-LAYOUT_FIELD(struct ubus_object_type, n_methods, 24, 12);
-LAYOUT_SIZE(struct ubus_object_type, 32, 16);
-
-LAYOUT_FIELD(struct ubus_object, avl, 0, 0);
-LAYOUT_FIELD(struct ubus_object, name, 56, 28);
-LAYOUT_FIELD(struct ubus_object, id, 64, 32);
-LAYOUT_FIELD(struct ubus_object, path, 72, 36);
-LAYOUT_FIELD(struct ubus_object, type, 80, 40);
-LAYOUT_FIELD(struct ubus_object, subscribe_cb, 88, 44);
-LAYOUT_FIELD(struct ubus_object, has_subscribers, 96, 48);
-LAYOUT_FIELD(struct ubus_object, methods, 104, 52);
-LAYOUT_FIELD(struct ubus_object, n_methods, 112, 56);
-LAYOUT_SIZE(struct ubus_object, 120, 60);
-
-LAYOUT_FIELD(struct ubus_acl_key, user, 0, 0);
-LAYOUT_FIELD(struct ubus_acl_key, group, 8, 4);
-LAYOUT_FIELD(struct ubus_acl_key, object, 16, 8);
-LAYOUT_SIZE(struct ubus_acl_key, 24, 12);
-
-LAYOUT_FIELD(struct ubus_request_data, object, 0, 0);
-LAYOUT_FIELD(struct ubus_request_data, peer, 4, 4);
-LAYOUT_FIELD(struct ubus_request_data, seq, 8, 8);
-LAYOUT_FIELD(struct ubus_request_data, acl, 16, 12);
-LAYOUT_FIELD(struct ubus_request_data, deferred, 40, 24);
-LAYOUT_FIELD(struct ubus_request_data, fd, 44, 28);
-LAYOUT_FIELD(struct ubus_request_data, req_fd, 48, 32);
-LAYOUT_SIZE(struct ubus_request_data, 56, 36);
+#include "internal.h"
 
 static int compare_ids(const void *key1, const void *key2, void *ptr)
 {
@@ -60,7 +20,7 @@ void ubus_objects_init(struct ubus_context *ctx)
 	avl_init(&ctx->objects, compare_ids, false, NULL);
 }
 
-static struct ubus_object *find_object(struct ubus_context *ctx, uint32_t id)
+struct ubus_object *ubus_object_find(struct ubus_context *ctx, uint32_t id)
 {
 	struct ubus_object *obj = NULL;
 	return avl_find_element(&ctx->objects, &id, obj, avl);
@@ -136,7 +96,7 @@ static void on_removed(struct ubus_request *req, int type, struct blob_attr *msg
 	ubus_parse_msg(msg, attrs);
 	if (!attrs[UBUS_ATTR_OBJID])
 		return;
-	if (find_object(req->ctx, obj->id) == obj)
+	if (ubus_object_find(req->ctx, obj->id) == obj)
 		avl_delete(&req->ctx->objects, &obj->avl);
 	obj->id = 0;
 	if (obj->type && attrs[UBUS_ATTR_OBJTYPE])
@@ -267,7 +227,7 @@ static int serve_call(struct ubus_context *ctx, struct ubus_object *obj, const s
  * A call of an unknown object, or of no method, is answered to nobody: with the object, the peer and the sequence
  * number 0. Its caller waits until its own time is over.
  */
-static void process_invoke(struct ubus_context *ctx, struct ubus_object *obj,
+void ubus_object_process_call(struct ubus_context *ctx, struct ubus_object *obj,
 	const struct ubus_msghdr *header, struct blob_attr **attrs)
 {
 	struct ubus_request_data req = {.fd = -1, .req_fd = -1};
@@ -276,37 +236,11 @@ static void process_invoke(struct ubus_context *ctx, struct ubus_object *obj,
 		ubus_complete_deferred_request(ctx, &req, status);
 }
 
-static void process_notify(struct ubus_context *ctx, struct ubus_object *obj, struct blob_attr **attrs)
+void ubus_object_process_activity(struct ubus_context *ctx, struct ubus_object *obj, struct blob_attr **attrs)
 {
 	if (!obj || !attrs[UBUS_ATTR_ACTIVE])
 		return;
 	obj->has_subscribers = blob_get_u8(attrs[UBUS_ATTR_ACTIVE]) != 0;
 	if (obj->subscribe_cb)
 		obj->subscribe_cb(ctx, obj);
-}
-
-static void process_unsubscribe(struct ubus_context *ctx, struct ubus_object *obj, struct blob_attr **attrs)
-{
-	struct ubus_subscriber *subscriber = obj ? ubus_object_subscriber(obj) : NULL;
-	if (subscriber && subscriber->remove_cb && attrs[UBUS_ATTR_TARGET])
-		subscriber->remove_cb(ctx, subscriber, blob_get_u32(attrs[UBUS_ATTR_TARGET]));
-}
-
-void ubus_process_object_message(struct ubus_context *ctx, const struct ubus_msghdr_buf *msg)
-{
-	struct blob_attr *attrs[UBUS_ATTR_MAX];
-	ubus_parse_msg(msg->data, attrs);
-	if (!attrs[UBUS_ATTR_OBJID])
-		return;
-	struct ubus_object *obj = find_object(ctx, blob_get_u32(attrs[UBUS_ATTR_OBJID]));
-
-	/* Not ubus_leave: the callers work off the queue in a loop, instead of one message inside the other. */
-	ubus_enter(ctx);
-	if (msg->hdr.type == UBUS_MSG_INVOKE)
-		process_invoke(ctx, obj, &msg->hdr, attrs);
-	else if (msg->hdr.type == UBUS_MSG_NOTIFY)
-		process_notify(ctx, obj, attrs);
-	else
-		process_unsubscribe(ctx, obj, attrs);
-	--ctx->stack_depth;
 }

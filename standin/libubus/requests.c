@@ -5,40 +5,7 @@
  */
 #include <libubus.h>
 
-#include "../libubox/layout.h"
-#include "libubus-internal.h"
-
-LAYOUT_FIELD(struct ubus_request, list, 0, 0);
-LAYOUT_FIELD(struct ubus_request, pending, 16, 8);
-LAYOUT_FIELD(struct ubus_request, status_code, 32, 16);
-LAYOUT_FIELD(struct ubus_request, status_msg, 36, 20);
-LAYOUT_FIELD(struct ubus_request, blocked, 37, 21);
-LAYOUT_FIELD(struct ubus_request, cancelled, 38, 22);
-LAYOUT_FIELD(struct ubus_request, notify, 39, 23);
-LAYOUT_FIELD(struct ubus_request, peer, 40, 24);
-LAYOUT_FIELD(struct ubus_request, seq, 44, 28);
-LAYOUT_FIELD(struct ubus_request, raw_data_cb, 48, 32);
-LAYOUT_FIELD(struct ubus_request, data_cb, 56, 36);
-LAYOUT_FIELD(struct ubus_request, fd_cb, 64, 40);
-LAYOUT_FIELD(struct ubus_request, complete_cb, 72, 44);
-LAYOUT_FIELD(struct ubus_request, fd, 80, 48);
-LAYOUT_FIELD(struct ubus_request, ctx, 88, 52);
-LAYOUT_FIELD(struct ubus_request, priv, 96, 56);
-LAYOUT_SIZE(struct ubus_request, 104, 60);
-
-LAYOUT_FIELD(struct ubus_notify_request, req, 0, 0);
-LAYOUT_FIELD(struct ubus_notify_request, status_cb, 104, 60);
-LAYOUT_FIELD(struct ubus_notify_request, complete_cb, 112, 64);
-LAYOUT_FIELD(struct ubus_notify_request, data_cb, 120, 68);
-LAYOUT_FIELD(struct ubus_notify_request, pending, 128, 72);
-LAYOUT_FIELD(struct ubus_notify_request, id, 132, 76);
-LAYOUT_SIZE(struct ubus_notify_request, 200, 144);
-
-LAYOUT_FIELD(struct ubus_object_data, id, 0, 0);
-LAYOUT_FIELD(struct ubus_object_data, type_id, 4, 4);
-LAYOUT_FIELD(struct ubus_object_data, path, 8, 8);
-LAYOUT_FIELD(struct ubus_object_data, signature, 16, 12);
-LAYOUT_SIZE(struct ubus_object_data, 24, 16);
+#include "internal.h"
 
 /* DATA for a blocked request. */
 struct kept_data {

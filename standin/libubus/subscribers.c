@@ -3,19 +3,7 @@
  */
 #include <libubus.h>
 
-#include "../libubox/layout.h"
-#include "libubus-internal.h"
-
-LAYOUT_FIELD(struct ubus_subscriber, list, 0, 0);
-LAYOUT_FIELD(struct ubus_subscriber, obj, 16, 8);
-LAYOUT_FIELD(struct ubus_subscriber, cb, 136, 68);
-LAYOUT_FIELD(struct ubus_subscriber, remove_cb, 144, 72);
-LAYOUT_FIELD(struct ubus_subscriber, new_obj_cb, 152, 76);
-LAYOUT_SIZE(struct ubus_subscriber, 160, 80);
-
-LAYOUT_FIELD(struct ubus_event_handler, obj, 0, 0);
-LAYOUT_FIELD(struct ubus_event_handler, cb, 120, 60);
-LAYOUT_SIZE(struct ubus_event_handler, 128, 64);
+#include "internal.h"
 
 static int on_notification(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
 	const char *method, struct blob_attr *msg)
@@ -26,9 +14,17 @@ static int on_notification(struct ubus_context *ctx, struct ubus_object *obj, st
 
 static const struct ubus_method subscriber_method = {.name = NULL, .handler = on_notification};
 
-struct ubus_subscriber *ubus_object_subscriber(struct ubus_object *obj)
+static struct ubus_subscriber *subscriber_of(struct ubus_object *obj)
 {
 	return obj->methods == &subscriber_method ? container_of(obj, struct ubus_subscriber, obj) : NULL;
+}
+
+void ubus_subscriber_process_removal(
+	struct ubus_context *ctx, struct ubus_object *obj, struct blob_attr **attrs)
+{
+	struct ubus_subscriber *subscriber = obj ? subscriber_of(obj) : NULL;
+	if (subscriber && subscriber->remove_cb && attrs[UBUS_ATTR_TARGET])
+		subscriber->remove_cb(ctx, subscriber, blob_get_u32(attrs[UBUS_ATTR_TARGET]));
 }
 
 int ubus_register_subscriber(struct ubus_context *ctx, struct ubus_subscriber *obj)
