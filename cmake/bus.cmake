@@ -23,6 +23,10 @@ endif()
 set(APBASE_BUS ${bus_default} CACHE STRING "Message bus libraries: the system's, or the stand-in in standin/")
 set_property(CACHE APBASE_BUS PROPERTY STRINGS system standin)
 
+if(NOT bus_found AND NOT EXISTS ${PROJECT_SOURCE_DIR}/standin)
+	message(FATAL_ERROR
+		"apbase: libubox and libubus are not installed here, and there is no standin/ to build in their place")
+endif()
 if(APBASE_BUS STREQUAL system)
 	if(NOT bus_found)
 		message(FATAL_ERROR
@@ -45,7 +49,7 @@ if(APBASE_BUS STREQUAL system)
 	mark_as_advanced(APBASE_UBUSD APBASE_UBUS)
 elseif(APBASE_BUS STREQUAL standin)
 	if(NOT EXISTS ${PROJECT_SOURCE_DIR}/standin)
-		message(FATAL_ERROR "apbase: libubox and libubus are not installed here, and there is no standin/ to build")
+		message(FATAL_ERROR "apbase: there is no standin/ (-DAPBASE_BUS=system takes the system's libubox and libubus)")
 	endif()
 	message(STATUS "apbase: the message bus is the stand-in in standin/, for development; an installed copy brings it along")
 	# In an installed copy it has a folder of its own, where no other program finds it.

@@ -36,7 +36,8 @@ house.run(
 if arguments.tests:
     with open(os.path.join(build, "compile_commands.json"), encoding="utf-8") as file:
         commands = json.load(file)
-    sources = [each for each in commands if os.path.relpath(each["file"], arguments.tree).startswith(("tests/", "standin/tests/"))]
+    folders = tuple(os.path.join(arguments.tree, folder) for folder in ("tests/", "standin/tests/"))
+    sources = [each for each in commands if each["file"].startswith(folders)]
     if not sources:
         house.fail("there are no tests to compile")
     for each in sources:
