@@ -43,21 +43,6 @@ pid_t start(const std::function<void()> &body)
 	return pid;
 }
 
-// Waits until the child has ended, without reaping it.
-void await_exit(pid_t pid)
-{
-	siginfo_t info{};
-	EXPECT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0) << strerror(errno);
-}
-
-// A child that has exited with `code` and waits to be reaped.
-pid_t exited_child(int code)
-{
-	pid_t pid = start([code] { _exit(code); });
-	await_exit(pid);
-	return pid;
-}
-
 // A child that runs until it is killed.
 pid_t running_child()
 {
@@ -81,18 +66,10 @@ bool exists(pid_t pid) // a zombie does, too
 
 } // namespace
 
-class evloop_process_add_test : public loop_test
-{
-};
-class evloop_process_delete_test : public loop_test
-{
-};
-class evloop_process_kill_and_delete_test : public loop_test
-{
-};
-class evloop_process_reaping : public loop_test
-{
-};
+using evloop_process_add_test = loop_test;
+using evloop_process_delete_test = loop_test;
+using evloop_process_kill_and_delete_test = loop_test;
+using evloop_process_reaping = loop_test;
 
 // ---- evloop_process_add, _delete, _is_pending ----
 

@@ -293,7 +293,7 @@ logged map_report(int number)
 	return {3, "md5: fail to mmap fd: err=-" + std::to_string(number) + "\n"};
 }
 
-// Fails a test that leaves a descriptor or a digest's context behind.
+// Fails a test that leaves a descriptor open or a digest's context in use.
 class hash_test : public descriptor_test
 {
 protected:
@@ -414,7 +414,7 @@ TEST_F(digest_fd, refuses_what_goes_past_the_end_of_the_file)
 	expect_refused(*file, 2 * page + 50, 51, ENXIO);
 	expect_refused(*file, 2 * page + 100, 1, ENXIO);
 	expect_refused(*file, 2 * page + 101, 0, ENXIO);
-	expect_refused(*file, 2 * page, page + 1, ENXIO); // in the page behind
+	expect_refused(*file, 2 * page, page + 1, ENXIO); // in the next page
 	expect_refused(*file, 9 * page, 1, ENXIO);
 	expect_refused(*file, 9 * page + 1, 5, ENXIO);
 	expect_refused(*file, UINT_MAX, 1, ENXIO);
@@ -529,7 +529,7 @@ TEST_F(digest_fd, refuses_what_goes_past_the_end_of_a_block_device)
 	expect_refused(*device, 0, 3 * page, ENXIO);
 	expect_refused(*device, 2 * page + 512, 1, ENXIO);
 	expect_refused(*device, 2 * page + 513, 0, ENXIO);
-	expect_refused(*device, 2 * page, page + 1, ENXIO); // in the page behind
+	expect_refused(*device, 2 * page, page + 1, ENXIO); // in the next page
 	expect_refused(*device, 9 * page, 1, ENXIO);
 	expect_refused(*device, UINT_MAX, 1, ENXIO);
 	expect_refused(*device, 1, UINT_MAX, past_4_gibibytes); // their sum is 0 in 32 bits

@@ -119,21 +119,11 @@ bool same_record(const sock &a, const sock &b)
 
 } // namespace
 
-class sock_listen_test : public loop_test
-{
-};
-class sock_accept : public loop_test
-{
-};
-class sock_connect_test : public loop_test
-{
-};
-class sock_resolving : public loop_test
-{
-};
-class sock_close_test : public loop_test
-{
-};
+using sock_listen_test = loop_test;
+using sock_accept = loop_test;
+using sock_connect_test = loop_test;
+using sock_resolving = loop_test;
+using sock_close_test = loop_test;
 
 // ---- sock_listen ----
 

@@ -28,8 +28,7 @@
 namespace support
 {
 
-// ---------------------------------------------------------------------------------------------------------
-// Frames: numbers are big-endian, attributes padded to four bytes.
+// ---- Frames: numbers are big-endian, attributes padded to four bytes ----
 
 namespace wire
 {
@@ -213,8 +212,7 @@ inline std::ostream &operator<<(std::ostream &stream, const received &frame)
 
 } // namespace wire
 
-// ---------------------------------------------------------------------------------------------------------
-// Connections.
+// ---- Connections ----
 
 // A blocking socket connected to the Unix socket at `path`; -1 inside on failure, with errno.
 inline owned_fd connect_to_path(const std::string &path)
@@ -407,8 +405,7 @@ public:
 	}
 };
 
-// ---------------------------------------------------------------------------------------------------------
-// The daemon.
+// ---- The daemon ----
 
 // A directory below /tmp that is removed with its contents; others may pass through it.
 class private_directory

@@ -70,7 +70,7 @@ inline std::string error_answer(int version, int code)
 }
 
 // Decodes `length` bytes of `text` from `at` on. Every escape consumes three bytes but counts as one, so
-// the bytes behind are read as well; behind the text there are zero bytes, and the result ends at the first.
+// the bytes after it are read as well; after the text there are zero bytes, and the result ends at the first.
 inline std::string model_decode(std::string_view text, size_t at, size_t length)
 {
 	auto byte = [&](size_t index) {
@@ -313,7 +313,7 @@ enum class outcome {
 struct sample {
 	std::string bytes;
 	outcome expected;
-	bool looks_behind = false; // its decoded path shows what has arrived behind its head
+	bool reads_past_head = false; // its decoded path shows what has arrived after its head
 };
 
 inline const std::vector<sample> &corpus()
@@ -321,8 +321,8 @@ inline const std::vector<sample> &corpus()
 	using enum outcome;
 	static const std::vector<sample> all = [] {
 		std::vector<sample> list;
-		auto add = [&](const std::string &bytes, outcome expected, bool looks_behind = false) {
-			list.push_back({bytes, expected, looks_behind});
+		auto add = [&](const std::string &bytes, outcome expected, bool reads_past_head = false) {
+			list.push_back({bytes, expected, reads_past_head});
 		};
 
 		// Methods: any token will do, a space must follow it in the line.
@@ -355,7 +355,7 @@ inline const std::vector<sample> &corpus()
 			{"ftp://host/", false}, {"https:/host/", false}, {"HTTPS://host/", false},
 			{"ttp://host/path", false}, {"\\path\\to\\it", false}, {"\thttp://host/", false},
 			{"%2fabcdefgh", false}};
-		// Versions, with what stands before and behind them.
+		// Versions, with what stands before and after them.
 		struct {
 			std::string text;
 			outcome expected;
@@ -497,7 +497,7 @@ inline const std::vector<sample> &corpus()
 		add("GET           \r\nX: HTTP/1.1\r\n\r\n", refused_1_0);
 		add("GET /0123456789\r\nHost: example\r\n\r\n", refused_1_0);
 		add("PUT          http://\r\nhost HTTP/1.1\r\n\r\n", kept);
-		// What an escape brings into the decoded path may lie behind the head.
+		// What an escape brings into the decoded path may lie after the head.
 		add("GET /%41%41%41%41%41%41%41%41%41 HTTP/1.1\r\n\r\n", kept, true);
 		add("GET /%%%41%41%41%41%41%41%41%41%41%41%41%41 HTTP/1.1\r\n\r\n", kept, true);
 		add("POST /%41%41%41%41%41%41%41%41%41 HTTP/1.1\r\nContent-Length: 9\r\n\r\n%42%43xyz", kept,

@@ -87,7 +87,7 @@ inline bool mount_proc()
 	       mount("kernel", "/proc/kernel", "proc", 0, nullptr) == 0;
 }
 
-// Leaves the system's root behind. /tmp is only what the new one is mounted on.
+// Leaves the system's root. /tmp is only what the new one is mounted on.
 inline bool enter_empty_root()
 {
 	if (mount("tree", "/tmp", "tmpfs", 0, "mode=0755") != 0 || chdir("/tmp") != 0)

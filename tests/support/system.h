@@ -37,7 +37,7 @@
 extern "C" int __lsan_do_recoverable_leak_check() __attribute__((weak));
 
 // Where a program for another machine is emulated, the test is reported as skipped for that reason. Ends the function
-// it stands in: a test, or a helper that returns nothing, behind which the test goes on. For what the emulator cannot
+// it stands in: a test, or a helper that returns nothing, after which the test goes on. For what the emulator cannot
 // do, although the machine can.
 #define skip_if_emulated(reason)                                                                             \
 	if (support::is_emulated)                                                                            \
@@ -418,6 +418,24 @@ inline child_result run_child(const std::function<void()> &body)
 	if (WIFSIGNALED(result.status))
 		drop_emulators_line(&result.err);
 	return result;
+}
+
+// Waits until the child has ended, without reaping it.
+inline void await_exit(pid_t pid)
+{
+	siginfo_t info{};
+	EXPECT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0) << strerror(errno);
+}
+
+// A child that has exited with `code` and waits to be reaped.
+inline pid_t exited_child(int code)
+{
+	pid_t pid = fork();
+	if (pid == 0)
+		_exit(code);
+	EXPECT_GT(pid, 0);
+	await_exit(pid);
+	return pid;
 }
 
 // Runs `body` with its expectations in a child; what fails there fails here.

@@ -34,8 +34,7 @@ extern "C" void __sanitizer_set_report_fd(void *) __attribute__((weak));
 namespace support
 {
 
-// ---------------------------------------------------------------------------------------------------------
-// Messages.
+// ---- Messages ----
 
 // A message that is put together without the library under test: by default one attribute "json" of type
 // UNSPEC.
@@ -67,8 +66,7 @@ inline std::string contents_of(const blob_attr *message)
 	return {static_cast<const char *>(blob_data(message)), blob_len(message)};
 }
 
-// ---------------------------------------------------------------------------------------------------------
-// The serving side: a process of its own that takes commands.
+// ---- The serving side: a process of its own that takes commands ----
 
 // What runs in the server's process. One packet is one command, "word arguments...", which is answered
 // with "=number". What happens meanwhile is told in packets that begin with another character.
@@ -460,8 +458,7 @@ public:
 	}
 };
 
-// ---------------------------------------------------------------------------------------------------------
-// This process on the bus.
+// ---- This process on the bus ----
 
 // A context on the library's loop, put there as lib/ubus.h shows.
 class bus_client
@@ -606,8 +603,7 @@ public:
 	}
 };
 
-// ---------------------------------------------------------------------------------------------------------
-// The log.
+// ---- The log ----
 
 // Standard error, where priority 3 goes, while this object lives.
 class captured_log
@@ -651,8 +647,6 @@ public:
 		return text;
 	}
 };
-
-// ---------------------------------------------------------------------------------------------------------
 
 // A fixture with a bus daemon and a client of it on the loop. A test takes every line that it expects in
 // the log, and leaves no timeout, watcher, child or descriptor.

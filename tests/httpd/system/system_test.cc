@@ -17,8 +17,7 @@ using testing::StartsWith;
 
 extern char **environ;
 
-// ---------------------------------------------------------------------------------------------------------
-// The corpus.
+// ---- The corpus ----
 
 struct result {
 	std::string answers;
@@ -100,7 +99,7 @@ TEST_F(httpd_corpus, requests_sent_byte_by_byte_get_the_same_answers)
 		std::vector<std::string> pieces = byte_by_byte(one.bytes);
 		expect_as_model(pieces);
 		result whole = expected_of({one.bytes});
-		EXPECT_TRUE(one.looks_behind || expected_of(pieces) == whole)
+		EXPECT_TRUE(one.reads_past_head || expected_of(pieces) == whole)
 			<< testing::PrintToString(one.bytes);
 	}
 }
@@ -112,7 +111,7 @@ TEST_F(httpd_corpus, requests_sent_in_random_pieces_get_the_same_answers)
 		std::vector<std::string> pieces = in_random_pieces(one.bytes, &random);
 		expect_as_model(pieces);
 		result whole = expected_of({one.bytes});
-		EXPECT_TRUE(one.looks_behind || expected_of(pieces) == whole)
+		EXPECT_TRUE(one.reads_past_head || expected_of(pieces) == whole)
 			<< testing::PrintToString(one.bytes);
 	}
 }
@@ -122,14 +121,14 @@ TEST_F(httpd_corpus, pipelined_requests_get_the_same_answers_however_they_arrive
 	std::mt19937 random(2);
 	std::vector<sample> lasting; // after these, another request may follow
 	for (const sample &one : corpus())
-		if (one.expected == outcome::kept && !one.looks_behind)
+		if (one.expected == outcome::kept && !one.reads_past_head)
 			lasting.push_back(one);
 	for (int turn = 0; turn < 150; ++turn) {
 		std::string bytes;
 		for (size_t count = random() % 12; count > 0; --count)
 			bytes += lasting[random() % lasting.size()].bytes;
 		sample last = corpus()[random() % corpus().size()];
-		while (last.looks_behind)
+		while (last.reads_past_head)
 			last = corpus()[random() % corpus().size()];
 		bytes += last.bytes;
 		for (const auto &pieces :
@@ -143,18 +142,18 @@ TEST_F(httpd_corpus, pipelined_requests_get_the_same_answers_however_they_arrive
 TEST_F(httpd_corpus, what_an_escape_brings_into_a_path_is_what_has_arrived)
 {
 	std::mt19937 random(3);
-	const sample *behind = nullptr;
+	const sample *reading = nullptr;
 	for (const sample &one : corpus()) {
-		if (!one.looks_behind)
+		if (!one.reads_past_head)
 			continue;
-		behind = &one;
+		reading = &one;
 		std::string bytes = one.bytes + "GET /next?query HTTP/1.1\r\nA: b\r\n\r\n";
 		expect_as_model(in_one_piece(bytes));
 		expect_as_model(byte_by_byte(bytes));
 		for (int turn = 0; turn < 20; ++turn)
 			expect_as_model(in_random_pieces(bytes, &random));
 	}
-	ASSERT_NE(behind, nullptr);
+	ASSERT_NE(reading, nullptr);
 }
 
 TEST_F(httpd_corpus, requests_with_random_damage_get_the_expected_answers)
@@ -213,7 +212,7 @@ TEST_F(httpd_corpus, over_tcp_the_answers_are_the_same)
 	const auto &all = corpus();
 	for (size_t i = 0; i < all.size(); i += 3) {
 		const sample &one = all[i];
-		if (one.looks_behind)
+		if (one.reads_past_head)
 			continue; // its answer depends on what arrives together
 		result expected = expected_of({one.bytes});
 		client far(support::connect_to(listener.port));
@@ -264,8 +263,7 @@ TEST_F(httpd_corpus, hundreds_of_connections_at_once_are_served_side_by_side)
 	settle();
 }
 
-// ---------------------------------------------------------------------------------------------------------
-// curl, through the library's own listening socket.
+// ---- curl, through the library's own listening socket ----
 
 struct curl_result {
 	int status = -1;
