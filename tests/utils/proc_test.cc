@@ -1,84 +1,32 @@
-// Programs run to their end, children signalled as a real and a made-up /proc tell of them, the console of
-// made-up command lines, standard descriptors pointed at /dev/null, and the checks of JSON and hex text.
-#include "lib/utils.h"
+// Children signalled as a real and a made-up /proc tell of them, and the console of made-up command lines.
+#include "tests/utils/fixture.h"
 
-#include <memory>
-#include <random>
+#include <fcntl.h>
+#include <limits.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
+
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include <gmock/gmock.h>
 
-#include "lib/log.h"
-#include "tests/support/memory.h"
-#include "tests/support/support.h"
-#include "tests/support/syslog_messages.h"
 #include "tests/support/system_calls.h"
 
 using namespace support;
+using namespace utils_tests;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// Each element that the library fetches from an array of JSON comes through here.
-static constinit interposed<json_t *(const json_t *, size_t)> fetched_element{"json_array_get"};
-
-extern "C" json_t *json_array_get(const json_t *array, size_t index)
-{
-	return fetched_element(array, index);
-}
-
 namespace
 {
-
-std::mt19937 numbers(20240607); // the same ones in every run
-
-class utils_test : public descriptor_test
-{
-protected:
-	void SetUp() override
-	{
-		memory.grant();
-		log_open(LOG_DEST_SYSLOG, LOG_DAEMON, nullptr);
-		messages.clear();
-		descriptor_test::SetUp();
-	}
-	void TearDown() override
-	{
-		EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
-		descriptor_test::TearDown();
-	}
-};
-using execute_test = utils_test;
-using kill_children_test = utils_test;
-using get_tty_test = utils_test;
-using redir_to_devnull_test = utils_test;
-
-// While it lives, the standard descriptors of this process are copies kept elsewhere, and free to be changed.
-class standard_descriptors_aside
-{
-	owned_fd copies_[3];
-
-public:
-	standard_descriptors_aside()
-	{
-		for (int fd = 0; fd < 3; ++fd)
-			copies_[fd].reset(fcntl(fd, F_DUPFD_CLOEXEC, 100));
-	}
-	standard_descriptors_aside(const standard_descriptors_aside &) = delete;
-	standard_descriptors_aside &operator=(const standard_descriptors_aside &) = delete;
-	~standard_descriptors_aside() { restore(); }
-	void restore()
-	{
-		for (int fd = 0; fd < 3; ++fd)
-			if (copies_[fd].get() >= 0)
-				dup2(copies_[fd].get(), fd);
-			else
-				close(fd);
-	}
-};
 
 // Those of the first descriptors that another program would be passed. Needs no /proc.
 std::set<int> kept_on_exec()
@@ -91,7 +39,7 @@ std::set<int> kept_on_exec()
 }
 
 // Opens the writing end of a fifo; returns when a descriptor of this process is there to read it.
-owned_fd open_behind_reader(const std::string &path)
+owned_fd open_with_reader(const std::string &path)
 {
 	owned_fd fifo{open(path.c_str(), O_WRONLY | O_CLOEXEC)};
 	struct stat own = {};
@@ -108,336 +56,11 @@ owned_fd open_behind_reader(const std::string &path)
 	return fifo;
 }
 
-// ---- Programs ----
-
-int run(const std::string &path, std::vector<std::string> arguments, int quiet = 0)
-{
-	std::vector<char *> argv;
-	for (std::string &argument : arguments)
-		argv.push_back(argument.data());
-	argv.push_back(nullptr);
-	return execute(path.c_str(), argv.data(), quiet);
-}
-
-int run_shell(const std::string &script, int quiet = 0)
-{
-	return run("/bin/sh", {"sh", "-c", script}, quiet);
-}
-
-// Runs `body` with what is logged on standard error, as nothing but the message.
-child_result run_logged(const std::function<void()> &body)
-{
-	child_result result = run_child([&] {
-		log_open(LOG_DEST_STDIO, LOG_DAEMON, nullptr);
-		body();
-	});
-	EXPECT_TRUE(result.exited_with(0)) << result.report();
-	return result;
-}
-
-// What `body` writes to the kernel log, the last message only.
-std::string kernel_log_of(const std::function<void()> &body)
-{
-	child_result result = run_child([&] {
-		ASSERT_TRUE(enter_private_namespaces()) << strerror(errno);
-		ASSERT_TRUE(replace_file("/dev/kmsg", "")) << strerror(errno);
-		log_open(LOG_DEST_KMSG, LOG_DAEMON, "daemon");
-		body();
-		fflush(nullptr);
-		write_all(1, read_file("/dev/kmsg"));
-	});
-	EXPECT_TRUE(result.exited_with(0)) << result.report();
-	return result.out;
-}
-
-constexpr int status_of_failure = 256; // exit code 1
-
-pid_t exited_child(int code)
-{
-	pid_t pid = fork();
-	if (pid == 0)
-		_exit(code);
-	siginfo_t info{};
-	EXPECT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0) << strerror(errno);
-	return pid;
-}
-
-void expect_exited(pid_t pid, int code)
-{
-	int status = -1;
-	EXPECT_EQ(waitpid(pid, &status, WNOHANG), pid);
-	EXPECT_EQ(status, code * 256);
-}
-
 } // namespace
 
-TEST_F(execute_test, is_0_for_a_program_that_exits_with_0)
-{
-	EXPECT_EQ(run("/bin/true", {"true"}), 0);
-}
-
-TEST_F(execute_test, gives_the_exit_code_undecoded)
-{
-	EXPECT_EQ(run("/bin/false", {"false"}), 256);
-	for (int code : {0, 1, 2, 42, 126, 127, 128, 255})
-		EXPECT_EQ(run_shell("exit " + std::to_string(code)), code * 256);
-	EXPECT_THAT(messages, IsEmpty());
-}
-
-TEST_F(execute_test, gives_the_signal_that_ended_the_program)
-{
-	EXPECT_EQ(run_shell("kill -KILL $$"), SIGKILL);
-	EXPECT_EQ(run_shell("kill -TERM $$"), SIGTERM);
-	EXPECT_EQ(run_shell("kill -USR1 $$"), SIGUSR1);
-	int status = run_shell("ulimit -c 0; kill -SEGV $$");
-	EXPECT_TRUE(WIFSIGNALED(status));
-	EXPECT_EQ(WTERMSIG(status), SIGSEGV);
-}
-
-TEST_F(execute_test, waits_through_a_stop_of_the_program)
-{
-	EXPECT_EQ(run_shell("(until grep -q '^State:.T' /proc/$$/status; do :; done; kill -CONT $$) & "
-			    "kill -STOP $$; wait; exit 7"),
-		7 * 256);
-}
-
-TEST_F(execute_test, returns_only_after_the_end_of_the_program)
-{
-	child_result result = run_child([] {
-		run_shell("i=0; while [ $i -lt 5000 ]; do i=$((i + 1)); done; echo program");
-		write_all(1, "parent\n");
-	});
-	EXPECT_EQ(result.out, "program\nparent\n");
-}
-
-TEST_F(execute_test, passes_the_arguments_as_they_are)
-{
-	child_result result = run_child([] {
-		EXPECT_EQ(
-			run("/bin/sh", {"sh", "-c", "for a in \"$0\" \"$@\"; do printf '<%s>' \"$a\"; done",
-					       "zero", "a b", "", "$HOME", "*", "'\"\\", "line\nfeed", "%s"}),
-			0);
-	});
-	EXPECT_EQ(result.out, "<zero><a b><><$HOME><*><'\"\\><line\nfeed><%s>");
-}
-
-TEST_F(execute_test, takes_any_name_for_the_program)
-{
-	child_result result = run_child([] {
-		EXPECT_EQ(run("/bin/sh", {"other", "-c", "printf %s \"$0\""}), 0);
-	});
-	EXPECT_EQ(result.out, "other");
-}
-
-TEST_F(execute_test, passes_the_environment)
-{
-	child_result result = run_child([] {
-		setenv("APBASE_TEST", "a value", 1);
-		EXPECT_EQ(run_shell("printf %s \"$APBASE_TEST\""), 0);
-	});
-	EXPECT_EQ(result.out, "a value");
-}
-
-TEST_F(execute_test, passes_what_is_not_closed_on_exec)
-{
-	pipe_pair kept, closed;
-	fcntl(kept.write_end.get(), F_SETFD, 0);
-	std::string kept_fd = std::to_string(kept.write_end.get()),
-		    closed_fd = std::to_string(closed.write_end.get());
-	EXPECT_EQ(
-		run_shell("[ -h /proc/$$/fd/" + kept_fd + " ] && ! [ -h /proc/$$/fd/" + closed_fd + " ]"), 0);
-}
-
-TEST_F(execute_test, reports_a_program_that_does_not_exist)
-{
-	child_result result =
-		run_logged([] { EXPECT_EQ(run("/no/such/program", {"program"}), status_of_failure); });
-	EXPECT_EQ(result.err, "execute: execv: No such file or directory\n");
-	EXPECT_EQ(result.out, "");
-}
-
-TEST_F(execute_test, reports_a_program_that_cannot_be_started)
-{
-	child_result result = run_logged([] {
-		char name[] = "/tmp/apbase-utils-XXXXXX";
-		owned_fd fd{mkostemp(name, O_CLOEXEC)};
-		EXPECT_EQ(run("/tmp", {"tmp"}), status_of_failure);
-		EXPECT_EQ(run(name, {name}), status_of_failure);
-		fchmod(fd.get(), 0755);
-		fd.reset();
-		EXPECT_EQ(run(name, {name}), status_of_failure);
-		EXPECT_EQ(run(std::string(name) + "/x", {"x"}), status_of_failure);
-		unlink(name);
-	});
-	EXPECT_EQ(result.err, "execute: execv: Permission denied\n"
-			      "execute: execv: Permission denied\n"
-			      "execute: execv: Exec format error\n"
-			      "execute: execv: Not a directory\n");
-}
-
-TEST_F(execute_test, does_not_search_for_the_program)
-{
-	child_result result = run_logged([] { EXPECT_EQ(run("true", {"true"}), status_of_failure); });
-	EXPECT_EQ(result.err, "execute: execv: No such file or directory\n");
-}
-
-TEST_F(execute_test, logs_as_an_error)
-{
-	EXPECT_EQ(kernel_log_of([] { EXPECT_EQ(run("/no/such/program", {"program"}), status_of_failure); }),
-		"<3>daemon: execute: execv: No such file or directory\n");
-}
-
-TEST_F(execute_test, logs_without_a_line_feed_if_execv_returns_anything_else)
-{
-	auto body = [] {
-		auto returning = system_calls::execv.replace([](auto...) { return 0; });
-		EXPECT_EQ(run("/bin/true", {"true"}), status_of_failure);
-	};
-	EXPECT_EQ(run_logged(body).err, "execute: execv failed");
-	EXPECT_EQ(kernel_log_of(body), "<3>daemon: execute: execv failed");
-}
-
-TEST_F(execute_test, leaves_the_parents_output_and_exit_handlers_to_the_parent)
-{
-	child_result result = run_logged([] {
-		atexit([] { write_all(2, "handler\n"); });
-		printf("held");
-		EXPECT_EQ(run("/no/such/program", {"program"}), status_of_failure);
-	});
-	EXPECT_EQ(result.out, "held");
-	EXPECT_EQ(result.err, "execute: execv: No such file or directory\n");
-}
-
-TEST_F(execute_test, starts_a_quiet_program_without_standard_error)
-{
-	const char *has_standard_error = "[ -h /proc/$$/fd/2 ]";
-	EXPECT_EQ(run_shell(has_standard_error, 0), 0);
-	EXPECT_EQ(run_shell(has_standard_error, 1), 256);
-	EXPECT_EQ(run_shell(has_standard_error, -1), 256);
-	EXPECT_EQ(run_shell("[ -h /proc/$$/fd/0 ] && [ -h /proc/$$/fd/1 ]", 1), 0);
-}
-
-TEST_F(execute_test, leaves_the_parents_standard_error_open)
-{
-	child_result result = run_child([] {
-		EXPECT_EQ(run_shell("echo lost >&2; echo out", 1), 0);
-		write_all(2, "parent\n");
-		EXPECT_EQ(run_shell("echo loud >&2", 0), 0);
-	});
-	EXPECT_TRUE(result.exited_with(0)) << result.report();
-	EXPECT_EQ(result.out, "out\n");
-	EXPECT_EQ(result.err, "parent\nloud\n");
-}
-
-TEST_F(execute_test, logs_a_quiet_failure_elsewhere_than_on_standard_error)
-{
-	auto body = [] { EXPECT_EQ(run("/no/such/program", {"program"}, 1), status_of_failure); };
-	EXPECT_EQ(run_logged(body).err, "");
-	EXPECT_EQ(kernel_log_of(body), "<3>daemon: execute: execv: No such file or directory\n");
-}
-
-TEST_F(execute_test, is_negative_when_no_process_can_be_made)
-{
-	expect_in_child([] {
-		pid_t other = exited_child(3);
-		rlimit none{0, 0};
-		ASSERT_EQ(setrlimit(RLIMIT_NPROC, &none), 0);
-		uid_t nobody_else = 100'000 + static_cast<uid_t>(getpid());
-		ASSERT_EQ(setresuid(nobody_else, nobody_else, nobody_else), 0);
-		EXPECT_EQ(run("/bin/true", {"true"}), -EAGAIN);
-		EXPECT_EQ(run("/no/such/program", {"program"}, 1), -EAGAIN);
-		EXPECT_THAT(messages, IsEmpty());
-		expect_exited(other, 3);
-	});
-}
-
-TEST_F(execute_test, works_with_the_standard_descriptors_closed)
-{
-	expect_in_child([] {
-		standard_descriptors_aside aside;
-		for (int fd = 0; fd < 3; ++fd)
-			close(fd);
-		int loud = run_shell("exit 7"), quiet = run_shell("exit 8", 1);
-		int missing = run("/no/such/program", {"program"});
-		bool reopened = is_open(0) || is_open(1) || is_open(2);
-		aside.restore();
-		EXPECT_EQ(loud, 7 * 256);
-		EXPECT_EQ(quiet, 8 * 256);
-		EXPECT_EQ(missing, status_of_failure);
-		EXPECT_FALSE(reopened);
-	});
-}
-
-TEST_F(execute_test, waits_though_the_daemon_ignores_its_children)
-{
-	child_result result = run_child([] {
-		signal(SIGCHLD, SIG_IGN);
-		EXPECT_EQ(
-			run_shell("i=0; while [ $i -lt 5000 ]; do i=$((i + 1)); done; echo program; exit 3"),
-			-ECHILD);
-		write_all(1, "parent\n");
-	});
-	EXPECT_TRUE(result.exited_with(0)) << result.report();
-	EXPECT_EQ(result.out, "program\nparent\n");
-}
-
-TEST_F(execute_test, goes_on_waiting_when_a_signal_is_handled)
-{
-	expect_in_child([] {
-		pipe_pair input;
-		dup2(input.read_end.get(), 0);
-		struct sigaction action = {};
-		action.sa_handler = [](int) {};
-		sigaction(SIGUSR1, &action, nullptr); // which does not restart system calls
-		pid_t nuisance = fork();
-		if (nuisance == 0) {
-			prctl(PR_SET_PDEATHSIG, SIGKILL);
-			for (;;) {
-				kill(getppid(), SIGUSR1);
-				poll(nullptr, 0, 1);
-			}
-		}
-		int interruptions = 0;
-		auto waiting = system_calls::waitpid.replace([&](pid_t pid, int *status, int options) {
-			pid_t result = system_calls::waitpid.next(pid, status, options);
-			if (result < 0 && errno == EINTR) {
-				if (++interruptions == 3)
-					write_all(input.write_end.get(), "end\n");
-				errno = EINTR;
-			}
-			return result;
-		});
-		EXPECT_EQ(run_shell("read line; [ \"$line\" = end ] && exit 5"), 5 * 256);
-		EXPECT_GE(interruptions, 3);
-		kill(nuisance, SIGKILL);
-		while (waitpid(nuisance, nullptr, 0) != nuisance)
-			;
-	});
-}
-
-TEST_F(execute_test, leaves_other_children_to_the_parent)
-{
-	pid_t before = exited_child(3), running = fork();
-	if (running == 0) {
-		prctl(PR_SET_PDEATHSIG, SIGKILL);
-		for (;;)
-			pause();
-	}
-	EXPECT_EQ(run_shell("exit 5"), 5 * 256);
-	EXPECT_EQ(run("/no/such/program", {"program"}), status_of_failure);
-	expect_exited(before, 3);
-	EXPECT_EQ(waitpid(running, nullptr, WNOHANG), 0);
-	kill(running, SIGKILL);
-	EXPECT_EQ(waitpid(running, nullptr, 0), running);
-}
-
-TEST_F(execute_test, can_be_repeated)
-{
-	for (int round = 0; round < 50; ++round)
-		ASSERT_EQ(run("/bin/true", {"true"}, round % 2), 0);
-}
-
 // ---- Processes ----
+
+using kill_children_test = utils_test;
 
 namespace
 {
@@ -544,7 +167,7 @@ logged kill_report(pid_t pid, int error)
 const logged failure_report = {3, "error killing children of $d.\n"};
 
 // Nobody may be signalled for an entry of this name with this file `stat`, nor anything be logged, and the
-// scan goes on behind it.
+// scan goes on after it.
 void expect_passed_over(const std::string &name, const std::string &stat)
 {
 	pid_t bystander = start_child(), child = start_child();
@@ -1044,7 +667,7 @@ TEST_F(kill_children_test, passes_no_descriptor_to_other_programs)
 			const std::string path = "/proc/" + text_of(child) + "/stat";
 			ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
 			std::thread writer([&] {
-				owned_fd fifo = open_behind_reader(path);
+				owned_fd fifo = open_with_reader(path);
 				EXPECT_EQ(kept_on_exec(), before) << "with /proc and this file open";
 				write_all(fifo.get(), stat_of(child));
 			});
@@ -1056,6 +679,8 @@ TEST_F(kill_children_test, passes_no_descriptor_to_other_programs)
 }
 
 // ---- The console ----
+
+using get_tty_test = utils_test;
 
 namespace
 {
@@ -1222,7 +847,7 @@ TEST_F(get_tty_test, passes_the_file_to_no_other_program)
 		made_up_proc proc;
 		ASSERT_EQ(mkfifo("/proc/cmdline", 0600), 0);
 		std::thread writer([&] {
-			owned_fd fifo = open_behind_reader("/proc/cmdline");
+			owned_fd fifo = open_with_reader("/proc/cmdline");
 			EXPECT_EQ(kept_on_exec(), before);
 			write_all(fifo.get(), "console=ttyS0,115200\n");
 		});
@@ -1230,369 +855,4 @@ TEST_F(get_tty_test, passes_the_file_to_no_other_program)
 		EXPECT_STREQ(tty.get(), "ttyS0");
 		writer.join();
 	});
-}
-
-// ---- Standard descriptors ----
-
-namespace
-{
-
-// Calls redir_to_devnull with those standard descriptors closed that have a bit in `closed`, and tells what
-// is not as it should be then, the result included.
-std::string faults_of_redirection(unsigned closed, int out, int err, int expected_result)
-{
-	standard_descriptors_aside aside;
-	pipe_pair files; // so that what is open is not /dev/null before
-	for (int fd = 0; fd < 3; ++fd)
-		if (closed & 1U << fd)
-			close(fd);
-		else
-			dup2(fd == 0 ? files.read_end.get() : files.write_end.get(), fd);
-	std::set<int> expected = open_descriptors();
-	const std::string before = descriptor_target(files.read_end.get());
-	int result = redir_to_devnull(out, err);
-	int error = errno;
-
-	std::string faults;
-	if (result != expected_result)
-		faults += "result " + std::to_string(result) + " " + strerror(error) + "; ";
-	for (int fd = 0; fd < 3; ++fd) {
-		std::string name = "descriptor " + std::to_string(fd);
-		bool redirected = result == 0 && ((fd == 1 && out) || (fd == 2 && err));
-		if (redirected)
-			expected.insert(fd);
-		if (redirected && descriptor_target(fd) != "/dev/null")
-			faults += name + " is not redirected; ";
-		if (redirected && is_closed_on_exec(fd))
-			faults += name + " is closed on exec; ";
-		if (redirected && (fcntl(fd, F_GETFL) & O_ACCMODE) != O_WRONLY)
-			faults += name + " is not for writing only; ";
-		if (!redirected && is_open(fd) && descriptor_target(fd) != before)
-			faults += name + " has changed; ";
-	}
-	if (open_descriptors() != expected)
-		faults += "other descriptors are open than should be; ";
-	aside.restore();
-	return faults;
-}
-
-} // namespace
-
-TEST_F(redir_to_devnull_test, redirects_what_is_asked_for_whatever_is_closed)
-{
-	expect_in_child([] {
-		for (unsigned closed = 0; closed < 8; ++closed)
-			for (int out : {0, 1, -7})
-				for (int err : {0, 1, 256})
-					EXPECT_EQ(faults_of_redirection(closed, out, err, 0), "")
-						<< closed << " " << out << " " << err;
-	});
-}
-
-TEST_F(redir_to_devnull_test, changes_nothing_without_the_device)
-{
-	expect_in_child([] {
-		ASSERT_TRUE(enter_private_namespaces()) << strerror(errno);
-		ASSERT_EQ(mount("tmpfs", "/dev", "tmpfs", 0, nullptr), 0) << strerror(errno);
-		errno = 0;
-		EXPECT_EQ(redir_to_devnull(0, 0), -1);
-		EXPECT_EQ(errno, ENOENT);
-		for (unsigned closed = 0; closed < 8; ++closed)
-			for (int out : {0, 1})
-				for (int err : {0, 1})
-					EXPECT_EQ(faults_of_redirection(closed, out, err, -1), "")
-						<< closed << " " << out << " " << err;
-		EXPECT_THAT(messages, IsEmpty());
-	});
-}
-
-TEST_F(redir_to_devnull_test, fails_quietly_without_a_free_descriptor)
-{
-	child_result result = run_child([] {
-		{
-			no_descriptors while_it_lives;
-			EXPECT_EQ(redir_to_devnull(1, 1), -1);
-			EXPECT_EQ(errno, EMFILE);
-		}
-		write_all(1, "out");
-		write_all(2, "err");
-		EXPECT_THAT(messages, IsEmpty());
-	});
-	EXPECT_TRUE(result.exited_with(0)) << result.report();
-	EXPECT_EQ(result.out, "out");
-	EXPECT_EQ(result.err, "err");
-}
-
-TEST_F(redir_to_devnull_test, holds_for_programs_started_later)
-{
-	for (int out : {0, 1})
-		for (int err : {0, 1}) {
-			child_result result = run_child([&] {
-				EXPECT_EQ(redir_to_devnull(out, err), 0);
-				EXPECT_EQ(run_shell("echo out && echo err >&2"), 0);
-			});
-			EXPECT_TRUE(result.exited_with(0)) << result.report();
-			EXPECT_EQ(result.out, out ? "" : "out\n");
-			EXPECT_EQ(result.err, err ? "" : "err\n");
-		}
-}
-
-TEST_F(redir_to_devnull_test, passes_the_temporary_descriptor_to_no_other_program)
-{
-	for (bool closed : {false, true})
-		expect_in_child([&] {
-			standard_descriptors_aside aside;
-			if (closed)
-				close(0); // whose number the temporary descriptor then gets
-			int duplicated = -1;
-			bool is_closed = false;
-			{
-				auto watched = system_calls::dup2.replace([&](int from, int to) {
-					duplicated = from;
-					is_closed = is_closed_on_exec(from);
-					return system_calls::dup2.next(from, to);
-				});
-				redir_to_devnull(1, 0);
-			}
-			aside.restore();
-			EXPECT_EQ(duplicated == 0, closed);
-			EXPECT_TRUE(is_closed);
-		});
-}
-
-TEST_F(redir_to_devnull_test, can_be_repeated)
-{
-	expect_in_child([] {
-		std::set<int> before = open_descriptors();
-		standard_descriptors_aside aside;
-		int failures = 0;
-		for (int round = 0; round < 100; ++round)
-			failures += redir_to_devnull(1, round % 2) != 0;
-		aside.restore();
-		EXPECT_EQ(failures, 0);
-		EXPECT_EQ(open_descriptors().size(), before.size() + 3);
-	});
-}
-
-// ---- JSON ----
-
-namespace
-{
-
-using json_owner = std::unique_ptr<json_t, void (*)(json_t *)>;
-
-json_owner parsed(const std::string &text)
-{
-	json_t *value = json_loads(text.c_str(), JSON_DECODE_ANY, nullptr);
-	EXPECT_NE(value, nullptr) << text;
-	return json_owner(value, json_decref);
-}
-
-int check(const std::string &text, json_type type)
-{
-	return json_array_elements_type_check(parsed(text).get(), type);
-}
-
-const struct {
-	json_type type;
-	const char *text;
-} json_values[] = {{JSON_OBJECT, "{\"a\": [1]}"}, {JSON_ARRAY, "[1, \"a\"]"}, {JSON_STRING, "\"text\""},
-	{JSON_INTEGER, "1"}, {JSON_REAL, "1.0"}, {JSON_TRUE, "true"}, {JSON_FALSE, "false"},
-	{JSON_NULL, "null"}};
-
-using json_array_elements_type_check_test = testing::Test;
-
-} // namespace
-
-TEST_F(json_array_elements_type_check_test, holds_if_all_elements_have_the_type)
-{
-	EXPECT_EQ(check("[\"a\", \"b\"]", JSON_STRING), 1);
-	for (const auto &value : json_values)
-		for (const auto &asked : json_values) {
-			std::string one = value.text;
-			EXPECT_EQ(check("[" + one + "]", asked.type), value.type == asked.type) << one;
-			EXPECT_EQ(check("[" + one + "," + one + "," + one + "]", asked.type),
-				value.type == asked.type)
-				<< one;
-		}
-}
-
-TEST_F(json_array_elements_type_check_test, fails_for_one_other_element_anywhere)
-{
-	EXPECT_EQ(check("[\"a\", 1]", JSON_STRING), 0);
-	for (const auto &value : json_values)
-		for (const auto &other : json_values)
-			for (int place = 0; place < 4 && value.type != other.type; ++place) {
-				std::string text;
-				for (int index = 0; index < 4; ++index)
-					text += std::string(index ? "," : "[") +
-						(index == place ? other.text : value.text);
-				EXPECT_EQ(check(text + "]", value.type), 0) << text;
-			}
-}
-
-TEST_F(json_array_elements_type_check_test, holds_for_an_empty_array)
-{
-	for (const auto &asked : json_values)
-		EXPECT_EQ(check("[]", asked.type), 1);
-}
-
-TEST_F(json_array_elements_type_check_test, fails_for_what_is_no_array)
-{
-	for (const auto &asked : json_values) {
-		for (const auto &value : json_values)
-			if (value.type != JSON_ARRAY) {
-				EXPECT_EQ(check(value.text, asked.type), 0) << value.text;
-			}
-		EXPECT_EQ(check("{}", asked.type), 0);
-		EXPECT_EQ(check("{\"0\": \"a\"}", asked.type), 0);
-		EXPECT_EQ(json_array_elements_type_check(nullptr, asked.type), 0);
-	}
-}
-
-TEST_F(json_array_elements_type_check_test, does_not_look_into_elements)
-{
-	EXPECT_EQ(check("[[1], [\"a\"], []]", JSON_ARRAY), 1);
-	EXPECT_EQ(check("[[\"a\"], [\"b\"]]", JSON_STRING), 0);
-}
-
-TEST_F(json_array_elements_type_check_test, ends_well_where_no_element_can_be_fetched)
-{
-	json_owner array = parsed("[\"a\", \"b\", 3]");
-	size_t left = 2; // elements that can be fetched
-	auto fetched = fetched_element.replace([&](const json_t *from, size_t index) {
-		return left == 0 ? nullptr : (left--, fetched_element.next(from, index));
-	});
-	EXPECT_EQ(json_array_elements_type_check(array.get(), JSON_STRING), 1);
-	left = 3;
-	EXPECT_EQ(json_array_elements_type_check(array.get(), JSON_STRING), 0);
-}
-
-TEST_F(json_array_elements_type_check_test, takes_no_reference)
-{
-	json_owner array = parsed("[\"a\", \"b\"]");
-	json_t *element = json_array_get(array.get(), 0);
-	json_array_elements_type_check(array.get(), JSON_STRING);
-	json_array_elements_type_check(array.get(), JSON_TRUE);
-	EXPECT_EQ(array->refcount, 1U);
-	EXPECT_EQ(element->refcount, 1U);
-}
-
-TEST_F(json_array_elements_type_check_test, takes_arrays_of_any_length)
-{
-	json_owner array(json_array(), json_decref);
-	for (int index = 0; index < 10'000; ++index)
-		json_array_append_new(array.get(), json_integer(index));
-	EXPECT_EQ(json_array_elements_type_check(array.get(), JSON_INTEGER), 1);
-	json_array_append_new(array.get(), json_real(1));
-	EXPECT_EQ(json_array_elements_type_check(array.get(), JSON_INTEGER), 0);
-}
-
-// ---- Hex text ----
-
-namespace
-{
-
-std::string hex_of(const std::vector<unsigned char> &bytes, const char *digits = "0123456789abcdef")
-{
-	std::string text;
-	for (unsigned char byte : bytes)
-		text += {digits[byte / 16], digits[byte % 16]};
-	return text;
-}
-
-int spells(const std::string &hex, const std::vector<unsigned char> &bytes)
-{
-	return hex_bin_equal(hex.c_str(), bytes.data(), static_cast<int>(bytes.size()));
-}
-
-} // namespace
-
-TEST(hex_bin_equal_test, holds_for_exactly_the_byte_that_is_spelt)
-{
-	for (unsigned spelt = 0; spelt < 256; ++spelt)
-		for (unsigned byte = 0; byte < 256; ++byte)
-			ASSERT_EQ(spells(hex_of({static_cast<unsigned char>(spelt)}),
-					  {static_cast<unsigned char>(byte)}),
-				spelt == byte)
-				<< spelt << " " << byte;
-}
-
-TEST(hex_bin_equal_test, takes_lower_case_only)
-{
-	EXPECT_EQ(spells("0a", {0x0a}), 1);
-	EXPECT_EQ(spells("0A", {0x0a}), 0);
-	EXPECT_EQ(spells("aB", {0xab}), 0);
-	EXPECT_EQ(spells("00FF", {0x00, 0xff}), 0);
-	for (unsigned byte = 0; byte < 256; ++byte) {
-		std::vector<unsigned char> bytes = {static_cast<unsigned char>(byte)};
-		bool has_letters = byte % 16 > 9 || byte / 16 > 9;
-		EXPECT_EQ(spells(hex_of(bytes, "0123456789ABCDEF"), bytes), !has_letters) << byte;
-	}
-}
-
-TEST(hex_bin_equal_test, holds_for_no_bytes_and_an_empty_text)
-{
-	const unsigned char bin[] = {1};
-	EXPECT_EQ(hex_bin_equal("", bin, 0), 1);
-	EXPECT_EQ(hex_bin_equal("", nullptr, 0), 1);
-	EXPECT_EQ(hex_bin_equal("0", bin, 0), 0);
-	EXPECT_EQ(hex_bin_equal("01", bin, 0), 0);
-}
-
-TEST(hex_bin_equal_test, fails_for_every_other_length_of_the_text)
-{
-	const unsigned char bin[] = {0x12, 0x34, 0x56};
-	for (const char *hex : {"", "1", "12", "123", "1234", "12345", "1234567", "12345678", "123456123456"})
-		EXPECT_EQ(hex_bin_equal(hex, bin, 3), 0) << hex;
-	EXPECT_EQ(hex_bin_equal("123456", bin, 3), 1);
-	EXPECT_EQ(hex_bin_equal("123456", bin, 2), 0);
-}
-
-TEST(hex_bin_equal_test, fails_for_a_negative_length)
-{
-	const unsigned char bin[] = {0x12};
-	for (int length : {-1, -2, INT_MIN, INT_MIN + 1, INT_MIN / 2})
-		for (const char *hex : {"", "1", "12", "1234"})
-			EXPECT_EQ(hex_bin_equal(hex, bin, length), 0) << length << " " << hex;
-}
-
-TEST(hex_bin_equal_test, is_exact_at_the_end_of_the_range_of_lengths)
-{
-	const unsigned char bin[] = {0x12};
-	for (int length : {INT_MAX, INT_MAX - 1, 0x40000000, 0x40000001})
-		for (const char *hex : {"", "1", "12", "1234"})
-			EXPECT_EQ(hex_bin_equal(hex, bin, length), 0) << length << " " << hex;
-}
-
-TEST(hex_bin_equal_test, takes_no_blanks_separators_or_signs)
-{
-	for (const char *hex :
-		{" 1", "1 ", "0x", "+1", "-1", "\n1", "1\n", ":1", "%1", "g1", "1g", "\xb1\xb1", "/1", "`1"})
-		EXPECT_EQ(spells(hex, {0x01}), 0) << hex;
-	EXPECT_EQ(spells("12:34", {0x12, 0x34}), 0);
-	EXPECT_EQ(spells("0x1234", {0x12, 0x34}), 0);
-	EXPECT_EQ(spells("12 34 ", {0x12, 0x34, 0x00}), 0);
-}
-
-TEST(hex_bin_equal_test, finds_a_difference_in_any_digit)
-{
-	std::vector<unsigned char> bytes(64);
-	for (unsigned char &byte : bytes)
-		byte = static_cast<unsigned char>(numbers());
-	const std::string text = hex_of(bytes);
-	EXPECT_EQ(spells(text, bytes), 1);
-	for (size_t place = 0; place < text.size(); ++place)
-		for (int value = 1; value < 256; ++value) {
-			std::string other = text;
-			other[place] = static_cast<char>(value);
-			ASSERT_EQ(spells(other, bytes), other == text) << place << " " << value;
-		}
-}
-
-TEST(hex_bin_equal_test, takes_zero_bytes_as_any_other)
-{
-	EXPECT_EQ(spells("000000", {0, 0, 0}), 1);
-	EXPECT_EQ(spells("000001", {0, 0, 0}), 0);
-	EXPECT_EQ(spells("610062", {'a', 0, 'b'}), 1);
 }
