@@ -144,8 +144,9 @@ struct httpd_conn {
 void httpd_ctx_init(struct httpd_ctx *ctx, httpd_handler handler);
 
 /*
- * Ends all connections at once, not the listening socket. A deferred one is logged as LOG_CRIT ("BUG:
- * deferred connections around") and marked HTTPD_CLOSE_PENDING; it lives until its httpd_defer_complete.
+ * Ends all connections at once, not the listening socket. A deferred one is logged as LOG_CRIT
+ * ("BUG: deferred connections around") and marked HTTPD_CLOSE_PENDING; it lives until its
+ * httpd_defer_complete.
  *
  * Ownership: `ctx` may be released when no deferred connection is left.
  */
@@ -195,8 +196,8 @@ const char *httpd_header_table_get(struct httpd_conn *conn, const char *name);
 const char *http_code_to_string(int code);
 
 /*
- * Append a line to a head: "HTTP/1.1 <code> <reason>" ("HTTP/1.0" if `version` is 0), or "<name>:
- * <value>".
+ * Append a line to a head: "HTTP/1.1 <code> <reason>" ("HTTP/1.0" if `version` is 0), or
+ * "<name>: <value>".
  *
  * Returns:   0.
  * Errors:    negative, as buffer_printf: -ENOMEM without space. A failed header's name stays in the

@@ -68,8 +68,8 @@ struct ratelimit_state {
 };
 
 /*
- * Asks whether to write a message. The first call after a period with refusals logs "<name>: <count>
- * callbacks suppressed" as LOG_WARNING.
+ * Asks whether to write a message. The first call after a period with refusals logs
+ * "<name>: <count> callbacks suppressed" as LOG_WARNING.
  *
  * Returns:   1: write it; 0: keep silent.
  */

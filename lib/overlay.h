@@ -40,8 +40,8 @@ void mount_overlayfs(void);
 int pivot(const char *new_root, const char *put_old);
 
 /*
- * Erases a flash device, as find_mtd names it ("mtd5"), for JFFS2: runs `/usr/sbin/flash_eraseall -jq
- * /dev/<mtd>` to its end without a standard error. A failure is logged.
+ * Erases a flash device, as find_mtd names it ("mtd5"), for JFFS2: runs
+ * `/usr/sbin/flash_eraseall -jq /dev/<mtd>` to its end without a standard error. A failure is logged.
  */
 void erase_flash(const char *mtd);
 

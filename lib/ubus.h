@@ -2,8 +2,8 @@
  * ubus - helpers for daemons on the message bus: JSON in messages, calls that nobody waits for, calls
  * repeated until they succeed, and subscriptions that outlive the object they are about.
  *
- * They work on a libubus context that the daemon connects, serves and frees: docs/recipes.md, "Live on
- * the message bus". examples/common/bus.c does it on the library's loop. One thread.
+ * They work on a libubus context that the daemon connects, serves and frees: docs/recipes.md,
+ * "Live on the message bus". examples/common/bus.c does it on the library's loop. One thread.
  *
  * "Synchronous" means that libubus blocks until the bus daemon answers (for ever, if it drops the answer
  * because this daemon does not keep up), and serves the context meanwhile: handlers of calls,
