@@ -1,15 +1,17 @@
-// All that libubus keeps of a call is its request record, linked into the context until the answer, an
-// abort, or the loss of the connection. Two things can go wrong with that, and each has one answer
-// here.
+// Calls, repeated calls and subscriptions over libubus. Contexts and records may go away at any time: a record is
+// released once, and nothing is written to a freed context.
 //
-// A context may be freed with requests linked, and nobody is told. Unlinking writes to the neighbours,
-// so before it is done there is proof that they exist: the request is found in the list of a context
-// that is known to live (the caller has just handed it over), or the socket that it was sent on is
-// still open under its number.
+// libubus keeps of a call only its request record, linked into the context until the answer, an abort, or the
+// loss of the connection. Two things can go wrong, and each has one answer here.
 //
-// Synchronous calls serve the context, so anything can happen inside them, the end of the record they
-// are made for included. A `call_guard` around them notices, and afterwards the record is looked at
-// only if nothing did.
+// A context may be freed with requests linked, and nobody is told. Unlinking a request writes to its
+// neighbours, so there must be proof first that they exist. Either the caller has just handed over the
+// context, and the request is found in its list; or the socket that carried the call is still open under its
+// number.
+//
+// A synchronous call serves the context, so any callback can run inside it, even one that releases the
+// record the call is made for. A `call_guard` on the stack learns of that. After the call, the record is
+// touched only if no later call has superseded this one.
 
 #include "ubus.h"
 
@@ -18,53 +20,62 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <syslog.h>
 
 #include "internal/intrusive.h"
+#include "internal/invariant.h"
 #include "log.h"
 
-// ---- What all of them need ----
+// ---- Shared by calls and subscriptions ----
 
-// Stands on the stack while libubus or the daemon is called for `record`, and learns of calls made
-// inside.
+// Stands on the stack while libubus or the daemon is called for `record`. Calls made inside find it there.
 class call_guard
 {
 	static inline constinit call_guard *innermost = nullptr;
 
 	call_guard *const outer_ = innermost;
 	const void *const record_;
-	bool overtaken_ = false;
-	bool held_ = false;
+	bool superseded_ = false;
+	bool pinned_ = false;
 
 public:
 	explicit call_guard(const void *record) : record_(record)
 	{
-		overtake(record);
+		supersede(record);
 		innermost = this;
 	}
 	call_guard(const call_guard &) = delete;
 	call_guard &operator=(const call_guard &) = delete;
-	~call_guard() { innermost = outer_; }
+	~call_guard()
+	{
+		invariant(innermost == this); // the guard taken last is released first
+		innermost = outer_;
+	}
 
-	// A later call has decided what becomes of the record; unless it was held, it may not even exist.
-	bool overtaken() const { return overtaken_; }
+	// A later call for the record was made inside. Unless the record was pinned, it may not even exist.
+	bool superseded() const { return superseded_; }
 
-	// While held, the record is in use by who was called, and must neither be used anew nor released.
-	void hold() { held_ = true; }
-	void let_go() { held_ = false; }
+	// While pinned, the record is in use by the code that was called: nobody may reuse or release it.
+	void pin() { pinned_ = true; }
+	void unpin()
+	{
+		invariant(pinned_); // pins and unpins are balanced
+		pinned_ = false;
+	}
 
 	static bool any() { return innermost; }
-	static bool holds(const void *record)
+	static bool is_pinned(const void *record)
 	{
 		for (const call_guard *guard = innermost; guard; guard = guard->outer_)
-			if (guard->record_ == record && guard->held_)
+			if (guard->record_ == record && guard->pinned_)
 				return true;
 		return false;
 	}
-	static void overtake(const void *record)
+	static void supersede(const void *record)
 	{
 		for (call_guard *guard = innermost; guard; guard = guard->outer_)
 			if (guard->record_ == record)
-				guard->overtaken_ = true;
+				guard->superseded_ = true;
 	}
 };
 
@@ -76,19 +87,20 @@ static bool is_in_list(const list_head *list, const list_head *item)
 	return false;
 }
 
-// Aborts the request if it is linked in `ctx`, which lives; if not, the list it was in may be gone.
-static void abort_in(ubus_context *ctx, ubus_request *req)
+// Aborts the request if it is linked in `ctx`, a context that lives. A request that is not linked there may be
+// in the list of a freed context, and stays as it is.
+static void abort_if_linked(ubus_context *ctx, ubus_request *req)
 {
 	if (is_in_list(&ctx->requests, &req->list))
 		ubus_abort_request(ctx, req);
 }
 
-// Returns 0 and the object's id, never 0, or a status.
-static int look_up(ubus_context *ctx, const char *path, uint32_t *id)
+// Returns 0 and the object's id, which is not 0; or a status.
+static int look_up_id(ubus_context *ctx, const char *path, uint32_t *id)
 {
 	*id = 0;
 	int status = ubus_lookup_id(ctx, path, id);
-	// The bus says yes without naming the object if that has no methods, or none that we may know of.
+	// For an object without methods, or without any that we may see, the bus reports success and no id.
 	return status == 0 && *id == 0 ? UBUS_STATUS_NOT_FOUND : status;
 }
 
@@ -102,6 +114,7 @@ int ubus_pack_json_msg(struct blob_buf *b, json_t *json)
 	char *text = static_cast<char *>(xmalloc(size));
 	size_t length = json_dumpb(json, text, size, JSON_COMPACT);
 	// Not a STRING, which would have a terminating zero: compatibility, raw json
+	invariant(length <= size); // the text fits its memory
 	if (length > INT_MAX || blobmsg_add_field(b, BLOBMSG_TYPE_UNSPEC, "json", text,
 					static_cast<unsigned int>(length)) != 0)
 		out_of_memory();
@@ -109,8 +122,7 @@ int ubus_pack_json_msg(struct blob_buf *b, json_t *json)
 	return 0;
 }
 
-// A message as a call carries it has no name. One that says it has, which nobody else checks, must have
-// room for it.
+// The message of a call has no name. If it claims one, the name must fit: libubus does not check that.
 static bool is_well_formed(const blob_attr *msg)
 {
 	if (blob_raw_len(msg) < sizeof *msg)
@@ -133,7 +145,7 @@ int ubus_parse_json_msg(struct blob_attr *msg, json_t **out)
 		return UBUS_STATUS_INVALID_ARGUMENT;
 	const char *text = static_cast<const char *>(blobmsg_data(attribute));
 	size_t length = blobmsg_data_len(attribute);
-	if (memchr(text, '\0', length)) // jansson passes over one that follows a number
+	if (memchr(text, '\0', length)) // jansson ignores one after a number
 		return UBUS_STATUS_INVALID_ARGUMENT;
 	json_t *json = json_loadb(text, length, 0, nullptr);
 	if (!json)
@@ -144,15 +156,15 @@ int ubus_parse_json_msg(struct blob_attr *msg, json_t **out)
 
 // ---- Calls that nobody waits for ----
 
-// What a descriptor refers to. It stays the same until the descriptor is closed, and is another
+// The file that a descriptor refers to: the same until the descriptor is closed, and another one
 // afterwards, even if the number is in use again.
 struct open_file {
 	int fd;
 	dev_t device;
-	ino_t inode; // 0: nothing
+	ino_t inode; // 0: none
 };
 
-static open_file file_behind(int fd)
+static open_file file_of(int fd)
 {
 	struct stat status;
 	if (fstat(fd, &status) < 0)
@@ -162,83 +174,85 @@ static open_file file_behind(int fd)
 
 static bool is_still_open(const open_file *file)
 {
-	open_file now = file_behind(file->fd);
+	open_file now = file_of(file->fd);
 	return now.inode != 0 && now.inode == file->inode && now.device == file->device;
 }
 
-struct ubus_async_request {
+struct async_call {
 	ubus_context *ctx;
 	ubus_request req;
 	evloop_timeout timeout;
 	open_file socket;
-	ubus_async_request *next, *prev; // of `forsaken`
+	async_call *next, *prev; // of `orphaned`
 };
 
-// Calls whose time is over, and whose context has been freed or reconnected since: in the one case
-// nothing must be unlinked, in the other nothing released. Who is right shows when a context of that
-// address is used again.
-constinit static ring<ubus_async_request> forsaken;
+// Calls that timed out after their context was freed or reconnected. After a free, the request must not be
+// unlinked; after a reconnection, it is linked and must not be released. Which of the two it was shows when a
+// context of that address is used again.
+constinit static ring<async_call> orphaned;
 
-static void resolve_forsaken(ubus_context *ctx)
+static void resolve_orphaned(ubus_context *ctx)
 {
-	ubus_async_request *following = nullptr;
-	for (ubus_async_request *r = forsaken.first(); r; r = following) {
-		following = forsaken.after(r);
-		if (r->ctx != ctx)
+	async_call *following = nullptr;
+	for (async_call *call = orphaned.first(); call; call = following) {
+		following = orphaned.after(call);
+		if (call->ctx != ctx)
 			continue;
-		abort_in(ctx, &r->req);
-		forsaken.remove(r);
-		free(r);
+		invariant(!call->timeout.pending); // an orphaned call has timed out, so no timer leads to it
+		abort_if_linked(ctx, &call->req);
+		orphaned.remove(call);
+		free(call);
 	}
 }
 
-// It was linked in a context that has been reconnected, and that has lost its connection once more.
-static void on_forsaken_complete(ubus_request *req, int)
+// The context was reconnected with the request linked, and has lost its connection again.
+static void on_orphaned_complete(ubus_request *req, int)
 {
-	ubus_async_request *r = owner_of(req, &ubus_async_request::req);
-	forsaken.remove(r);
-	free(r);
+	async_call *call = owner_of(req, &async_call::req);
+	orphaned.remove(call);
+	free(call);
 }
 
 static void on_async_complete(ubus_request *req, int status)
 {
-	ubus_async_request *r = owner_of(req, &ubus_async_request::req);
+	async_call *call = owner_of(req, &async_call::req);
+	invariant(call->timeout.pending); // a call that is not orphaned waits for its answer or its timeout
 	if (status != 0)
-		_log(3, "ubus-ureq-async: error: %d\n", status);
-	evloop_timeout_cancel(&r->timeout);
-	free(r);
+		_log(LOG_ERR, "ubus-ureq-async: error: %d\n", status);
+	evloop_timeout_cancel(&call->timeout);
+	free(call);
 }
 
 static void on_async_timeout(evloop_timeout *timeout)
 {
-	ubus_async_request *r = owner_of(timeout, &ubus_async_request::timeout);
-	_log(3, "ubus-ureq-async: timeout\n");
-	if (!is_still_open(&r->socket)) {
-		r->req.complete_cb = on_forsaken_complete;
-		forsaken.insert_before(nullptr, r);
+	async_call *call = owner_of(timeout, &async_call::timeout);
+	_log(LOG_ERR, "ubus-ureq-async: timeout\n");
+	if (!is_still_open(&call->socket)) {
+		call->req.complete_cb = on_orphaned_complete;
+		orphaned.insert_before(nullptr, call);
 		return;
 	}
-	ubus_abort_request(r->ctx, &r->req);
-	free(r);
+	ubus_abort_request(call->ctx, &call->req);
+	free(call);
 }
 
 int ubus_req_async_to(
 	struct ubus_context *ctx, uint32_t obj, const char *method, struct blob_buf *b, uint32_t timeout_ms)
 {
-	resolve_forsaken(ctx);
-	ubus_async_request *r = static_cast<ubus_async_request *>(xzalloc(sizeof *r));
-	int error = ubus_invoke_async_fd(ctx, obj, method, b->head, &r->req, -1);
+	resolve_orphaned(ctx);
+	async_call *call = static_cast<async_call *>(xzalloc(sizeof *call));
+	int error = ubus_invoke_async_fd(ctx, obj, method, b->head, &call->req, -1);
 	if (error != 0) {
-		_log(3, "ubus-ureq-async: error invoking %s: %d\n", method, error);
-		free(r);
+		_log(LOG_ERR, "ubus-ureq-async: error invoking %s: %d\n", method, error);
+		free(call);
 		return -1;
 	}
-	r->ctx = ctx;
-	r->socket = file_behind(ctx->sock.fd);
-	r->req.complete_cb = on_async_complete;
-	r->timeout.cb = on_async_timeout;
-	evloop_timeout_set(&r->timeout, timeout_ms);
-	ubus_complete_request_async(ctx, &r->req);
+	call->ctx = ctx;
+	call->socket = file_of(ctx->sock.fd);
+	call->req.complete_cb = on_async_complete;
+	call->timeout.cb = on_async_timeout;
+	evloop_timeout_set(&call->timeout, timeout_ms);
+	ubus_complete_request_async(ctx, &call->req);
 	return 0;
 }
 
@@ -263,20 +277,20 @@ static ubus_context *context_of(const ubus_retry_request *rr)
 
 static void ignore_data(ubus_request *, int, blob_attr *) {}
 
-// Nothing more comes of the call, if there is one. With no context there is no list either that it
-// could be in. Inside `data_cb`, data and a status may have been read that libubus hands over after it:
-// not any more.
+// Ends the call in flight, if there is one: no callback follows. Without a context there is no list to unlink
+// the request from. Inside `data_cb`, libubus may have read more data and a status already; neither is
+// delivered any more.
 static void end_call(ubus_retry_request *rr)
 {
 	evloop_timeout_cancel(&rr->reply_timer);
 	rr->req.data_cb = ignore_data;
 	rr->req.complete_cb = nullptr;
 	if (ubus_context *ctx = context_of(rr))
-		abort_in(ctx, &rr->req);
+		abort_if_linked(ctx, &rr->req);
 }
 
-// At once, unless this is inside another synchronous call of this module: many answers that have come
-// meanwhile would make as many nested look-ups.
+// At once; but on the next pass inside another synchronous call of this module. There, many answers that have
+// arrived would nest as many look-ups.
 static void invoke_again(ubus_retry_request *rr)
 {
 	if (call_guard::any())
@@ -288,6 +302,7 @@ static void invoke_again(ubus_retry_request *rr)
 static void on_retry_complete(ubus_request *req, int status)
 {
 	ubus_retry_request *rr = ubus_req_to_retry_request(req);
+	invariant(rr->reply_timer.pending); // a call in flight has its limit
 	evloop_timeout_cancel(&rr->reply_timer);
 	rr->pending = false;
 	if (status != 0)
@@ -296,29 +311,36 @@ static void on_retry_complete(ubus_request *req, int status)
 
 static void on_retry_timer(evloop_timeout *timer)
 {
-	ubus_retry_request_invoke(owner_of(timer, &ubus_retry_request::retry_timer));
+	ubus_retry_request *rr = owner_of(timer, &ubus_retry_request::retry_timer);
+	invariant(!rr->pending); // a request that waits for its next attempt has no call in flight
+	ubus_retry_request_invoke(rr);
 }
 
 static void on_reply_timer(evloop_timeout *timer)
 {
-	ubus_retry_request_invoke(owner_of(timer, &ubus_retry_request::reply_timer));
+	ubus_retry_request *rr = owner_of(timer, &ubus_retry_request::reply_timer);
+	invariant(rr->pending); // the limit is of a call in flight
+	ubus_retry_request_invoke(rr);
 }
 
-// Returns 0 with the message in `rr->buf`, or what `prepare_cb` failed with.
-static int prepare(ubus_retry_request *rr, call_guard *guard)
+// Returns 0 with the message in `rr->buf`, or the error of `prepare_cb`.
+static int fill_message(ubus_retry_request *rr, call_guard *guard)
 {
 	blob_buf_init(&rr->buf, 0);
-	guard->hold();
+	guard->pin();
 	int error = rr->prepare_cb ? rr->prepare_cb(&rr->buf) : 0;
-	guard->let_go();
+	guard->unpin();
 	return error;
 }
 
-static int send(ubus_retry_request *rr, ubus_context *ctx, uint32_t id)
+static int send_message(ubus_retry_request *rr, ubus_context *ctx, uint32_t id)
 {
+	invariant(context_of(rr) == ctx);    // the id was looked up in the context that carries the call
+	invariant(!rr->retry_timer.pending); // a call in flight and the next attempt exclude each other
 	int status = ubus_invoke_async_fd(ctx, id, rr->method, rr->buf.head, &rr->req, -1);
 	if (status != 0) {
-		_log(3, "ubus_retry_req %s.%s: invoke: %s\n", rr->object, rr->method, ubus_strerror(status));
+		_log(LOG_ERR, "ubus_retry_req %s.%s: invoke: %s\n", rr->object, rr->method,
+			ubus_strerror(status));
 		return retry_later(rr);
 	}
 	rr->req.data_cb = rr->data_cb;
@@ -333,42 +355,43 @@ static int send(ubus_retry_request *rr, ubus_context *ctx, uint32_t id)
 static int attempt(ubus_retry_request *rr, ubus_context *ctx, call_guard *guard)
 {
 	uint32_t id;
-	int status = look_up(ctx, rr->object, &id);
-	if (guard->overtaken())
+	int status = look_up_id(ctx, rr->object, &id);
+	if (guard->superseded())
 		return -ECANCELED;
 	if (status != 0) {
-		_log(3, "ubus_retry_req %s.%s: can't lookup object\n", rr->object, rr->method);
+		_log(LOG_ERR, "ubus_retry_req %s.%s: can't lookup object\n", rr->object, rr->method);
 		return retry_later(rr);
 	}
 	if (context_of(rr) != ctx)
 		return retry_on_next_pass(rr);
-	int error = prepare(rr, guard);
-	if (guard->overtaken()) {
+	int error = fill_message(rr, guard);
+	if (guard->superseded()) {
 		blob_buf_free(&rr->buf);
 		return -ECANCELED;
 	}
 	if (error != 0) {
-		_log(3, "ubus_retry_req %s.%s: message packing err: %d\n", rr->object, rr->method, error);
+		_log(LOG_ERR, "ubus_retry_req %s.%s: message packing err: %d\n", rr->object, rr->method,
+			error);
 		return retry_later(rr);
 	}
-	if (context_of(rr) != ctx) // it has been stored inside `prepare_cb`
+	if (context_of(rr) != ctx) // `prepare_cb` has stored another
 		return retry_on_next_pass(rr);
-	return send(rr, ctx, id);
+	return send_message(rr, ctx, id);
 }
 
 int ubus_retry_request_init(struct ubus_retry_request *rr, struct ubus_context **ctx, const char *method,
 	const char *object, int (*prepare_cb)(struct blob_buf *buf), ubus_data_handler_t data_cb)
 {
 	if (!ctx) {
-		_log(3, "ubus_init_retry_request: null ubus ctx\n");
+		_log(LOG_ERR, "ubus_init_retry_request: null ubus ctx\n");
 		return -EINVAL;
 	}
 	if (strlen(method) >= sizeof rr->method) {
-		_log(3, "ubus_init_retry_request: method too long\n");
+		_log(LOG_ERR, "ubus_init_retry_request: method too long\n");
 		return -EINVAL;
 	}
 	if (strlen(object) >= sizeof rr->object) {
-		_log(3, "ubus_init_retry_request: object too long\n");
+		_log(LOG_ERR, "ubus_init_retry_request: object too long\n");
 		return -EINVAL;
 	}
 	*rr = {};
@@ -384,11 +407,11 @@ int ubus_retry_request_init(struct ubus_retry_request *rr, struct ubus_context *
 
 int ubus_retry_request_invoke(struct ubus_retry_request *rr)
 {
-	if (call_guard::holds(rr))
+	if (call_guard::is_pinned(rr))
 		return -EALREADY;
 	evloop_timeout_cancel(&rr->retry_timer);
 	if (!rr->ctx) {
-		_log(3, "ubus_retry_req: %s.%s: invalid ctx ptr\n", rr->object, rr->method);
+		_log(LOG_ERR, "ubus_retry_req: %s.%s: invalid ctx ptr\n", rr->object, rr->method);
 		return -EINVAL;
 	}
 	call_guard guard{rr};
@@ -397,17 +420,17 @@ int ubus_retry_request_invoke(struct ubus_retry_request *rr)
 	ubus_context *ctx = context_of(rr);
 	if (!ctx)
 		return retry_later(rr);
-	if (rr->req.blocked) // libubus is in `data_cb` and will look at the request once more
+	if (rr->req.blocked) // inside `data_cb`, after which libubus reads the request again
 		return retry_on_next_pass(rr);
 	return attempt(rr, ctx, &guard);
 }
 
 int ubus_retry_request_abort(struct ubus_retry_request *rr)
 {
-	call_guard::overtake(rr);
+	call_guard::supersede(rr);
 	end_call(rr); // `pending` stays: compatibility, pending after abort
 	evloop_timeout_cancel(&rr->retry_timer);
-	if (!call_guard::holds(rr)) // it is being filled; whoever has that done frees it
+	if (!call_guard::is_pinned(rr)) // inside `prepare_cb` the buffer is in use, and freed afterwards
 		blob_buf_free(&rr->buf);
 	return 0;
 }
@@ -428,15 +451,15 @@ static int subscribe_later(ubus_subscription *s, int status)
 static int subscribe(ubus_subscription *s, ubus_context *ctx, const call_guard *guard)
 {
 	uint32_t id;
-	int status = look_up(ctx, s->path, &id);
-	if (guard->overtaken())
+	int status = look_up_id(ctx, s->path, &id);
+	if (guard->superseded())
 		return -ECANCELED;
 	if (status != 0)
 		return subscribe_later(s, status);
-	// What has been removed until now was an earlier target.
+	// A removal that was reported until now was about an earlier target.
 	evloop_timeout_cancel(&s->retry);
 	status = ubus_subscribe(ctx, &s->subscriber, id);
-	if (guard->overtaken())
+	if (guard->superseded())
 		return -ECANCELED;
 	if (status != 0)
 		return subscribe_later(s, status);
@@ -464,8 +487,8 @@ static bool is_registered(const ubus_context *ctx, const ubus_subscription *s)
 	return is_in_list(&ctx->objects.list_head, &s->subscriber.obj.avl.list);
 }
 
-// Ends the registration and every subscription made by it, whether the bus can be told or not. In a
-// context that does not know the object, because it is another than last time, there is nothing to end.
+// Ends the registration and all its subscriptions, whether or not the bus can be told. A context that does
+// not know the object is another one than last time: there is nothing to end.
 static void unregister(ubus_context *ctx, ubus_subscription *s)
 {
 	if (!is_registered(ctx, s))
@@ -475,21 +498,21 @@ static void unregister(ubus_context *ctx, ubus_subscription *s)
 	s->subscriber.obj.id = 0;
 }
 
-// Returns 0, or what libubus could not register it for. The record is in libubus's hands meanwhile.
+// Returns 0, or libubus's status. libubus uses the record meanwhile, so it is pinned.
 static int register_anew(ubus_context *ctx, ubus_subscription *s, call_guard *guard)
 {
-	guard->hold();
+	guard->pin();
 	unregister(ctx, s);
 	int status = ubus_register_subscriber(ctx, &s->subscriber);
-	if (guard->overtaken())
+	if (guard->superseded())
 		unregister(ctx, s);
-	guard->let_go();
+	guard->unpin();
 	return status;
 }
 
 int mox_ubus_subscribe(struct ubus_subscription *s, ubus_handler_t cb)
 {
-	if (call_guard::holds(s))
+	if (call_guard::is_pinned(s))
 		return -EALREADY;
 	call_guard guard{s};
 	evloop_timeout_cancel(&s->retry);
@@ -500,7 +523,7 @@ int mox_ubus_subscribe(struct ubus_subscription *s, ubus_handler_t cb)
 	s->subscriber.remove_cb = on_target_removed;
 	s->retry.cb = on_subscribe_timer;
 	int status = register_anew(ctx, s, &guard);
-	if (guard.overtaken())
+	if (guard.superseded())
 		return -ECANCELED;
 	if (status != 0)
 		return -EAGAIN; // compatibility, one refusal
@@ -509,13 +532,13 @@ int mox_ubus_subscribe(struct ubus_subscription *s, ubus_handler_t cb)
 
 int mox_ubus_unsubscribe(struct ubus_subscription *s)
 {
-	bool held = call_guard::holds(s); // then the call that holds it sees to the rest
+	bool pinned = call_guard::is_pinned(s); // then register_anew, further up the stack, unregisters it
 	call_guard guard{s};
-	guard.hold();
+	guard.pin();
 	evloop_timeout_cancel(&s->retry);
-	if (s->ctx && !held)
+	if (s->ctx && !pinned)
 		unregister(s->ctx, s);
-	// A removal that libubus reported meanwhile is not the beginning of another attempt.
+	// libubus may have reported a removal meanwhile, which set the timer again.
 	evloop_timeout_cancel(&s->retry);
 	return 0;
 }
