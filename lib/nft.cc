@@ -1,11 +1,12 @@
-// Many functions that differ in a few words: the put_ functions say how an expression is made, append() how a message
-// is put into a batch, transact() how one is sent alone. What stands in the functions themselves is what
-// differs.
+// Expressions, sets, tables and rules for the kernel's nftables, and batches of changes. A message is written only
+// where it fits: neither libnftnl nor libmnl is told how much memory there is.
 //
-// libnftnl and libmnl write where they are told, as much as there is. So nothing longer than a kernel register
-// set is given to libnftnl, whose records have space for just that, and before a message is built an upper bound
-// of its length is taken from the object (`extent`). The bound decides only where the message is built; whether
-// it fits the batch is libmnl's decision, by the true length.
+// So libnftnl gets no value that is longer than the kernel's registers, which its records have space for. And an
+// upper bound of a message's length decides where the message is built: in the batch, or in memory of its own.
+// Whether it then fits the batch is decided by its true length.
+//
+// The functions differ in a few words only. The put_ functions set one attribute of an expression, append() adds
+// a message to a batch, and transact() sends one change alone.
 
 #include "nft.h"
 
@@ -24,27 +25,29 @@
 #include <string.h>
 #include <sys/select.h>
 
+#include "internal/invariant.h"
 #include "internal/owned.h"
 #include "log.h"
 
 // The kernel's registers together (NFT_REG_SIZE * 4), and libnftnl's room for a value.
 constexpr uint32_t DATA_BYTES_MAX = 64;
 
-// What is received at once.
+// The most that one datagram of answers is read into.
 constexpr size_t ANSWER_BYTES_MAX = 4096;
 
-// The shortest change that the kernel answers: two headers, and a name of up to three bytes. For an acknowledgement
-// the kernel counts 832 bytes of the receive queue on a 64-bit machine, and more where memory is dealt out in
-// larger pieces.
+// The shortest change that the kernel answers: two headers, and a name of up to three bytes.
 constexpr size_t CHANGE_BYTES_MIN = 28;
+
+// The share of the receive queue for one acknowledgement. A 64-bit kernel counts 832 bytes, and more where it
+// allocates memory in larger pieces.
 constexpr size_t ANSWER_QUEUE_BYTES = 2048;
 
-// The answers to so many bytes fit the queue of 163840 bytes or more that a socket has from the start.
+// The answers to a batch of this length fit the queue that a socket starts with, 163840 bytes or more.
 constexpr size_t ANSWERS_FIT_BYTES = 4096;
 
 // ---- Expressions ----
 
-// Each puts a value into an expression being made, if there still is one.
+// Each sets an attribute of the expression. Null stays null, so builders check once, at their end.
 
 static void put_u8(nftnl_expr *e, uint16_t attribute, uint8_t value)
 {
@@ -70,7 +73,7 @@ static void put_u64(nftnl_expr *e, uint16_t attribute, uint64_t value)
 		nftnl_expr_set_u64(e, attribute, value);
 }
 
-// The result is the expression, or null if the value does not fit: then there is none any more.
+// These two release the expression and return null if the value cannot be set.
 static nftnl_expr *put_text(nftnl_expr *e, uint16_t attribute, const char *value)
 {
 	if (!e || nftnl_expr_set_str(e, attribute, value) == 0)
@@ -87,7 +90,7 @@ static nftnl_expr *put_data(nftnl_expr *e, uint16_t attribute, const void *value
 	return nullptr;
 }
 
-static nftnl_expr *kvnft_payload_expr(uint32_t reg, uint32_t base, uint32_t offset, uint32_t len, bool is_set)
+static nftnl_expr *build_payload(uint32_t reg, uint32_t base, uint32_t offset, uint32_t len, bool is_set)
 {
 	nftnl_expr *e = nftnl_expr_alloc("payload");
 	put_u32(e, is_set ? NFTNL_EXPR_PAYLOAD_SREG : NFTNL_EXPR_PAYLOAD_DREG, reg);
@@ -143,8 +146,7 @@ struct nftnl_expr *kvnft_build_expr_limit(uint64_t rate, uint64_t burst)
 	put_u64(e, NFTNL_EXPR_LIMIT_RATE, rate);
 	put_u32(e, NFTNL_EXPR_LIMIT_TYPE, NFT_LIMIT_PKT_BYTES);
 	put_u64(e, NFTNL_EXPR_LIMIT_UNIT, 1);
-	// Always: compatibility, over the rate
-	put_u32(e, NFTNL_EXPR_LIMIT_FLAGS, NFT_LIMIT_F_INV);
+	put_u32(e, NFTNL_EXPR_LIMIT_FLAGS, NFT_LIMIT_F_INV); // compatibility, over the rate
 	if (burst)
 		put_u32(e, NFTNL_EXPR_LIMIT_BURST, static_cast<uint32_t>(burst));
 	return e;
@@ -162,19 +164,19 @@ struct nftnl_expr *kvnft_build_expr_dynset(uint32_t sreg_key, const char *set_na
 		put_u64(e, NFTNL_EXPR_DYNSET_TIMEOUT, static_cast<uint64_t>(timeout_ms));
 	e = put_text(e, NFTNL_EXPR_DYNSET_SET_NAME, set_name);
 	put_u32(e, NFTNL_EXPR_DYNSET_SET_ID, set_id);
-	if (e) // which takes over the other only now
+	if (e) // ownership of `inner` passes here
 		nftnl_expr_set(e, NFTNL_EXPR_DYNSET_EXPR, inner, 0);
 	return e;
 }
 
 struct nftnl_expr *kvnft_build_expr_payload(uint32_t dreg, uint32_t base, uint32_t offset, uint32_t len)
 {
-	return kvnft_payload_expr(dreg, base, offset, len, false);
+	return build_payload(dreg, base, offset, len, false);
 }
 
 struct nftnl_expr *kvnft_build_expr_payload_set(uint32_t sreg, uint32_t base, uint32_t offset, uint32_t len)
 {
-	return kvnft_payload_expr(sreg, base, offset, len, true);
+	return build_payload(sreg, base, offset, len, true);
 }
 
 struct nftnl_expr *kvnft_build_expr_log(uint16_t group)
@@ -301,7 +303,7 @@ using owned_chain = owned<nftnl_chain *, nullptr, nftnl_chain_free>;
 using owned_rule = owned<nftnl_rule *, nullptr, nftnl_rule_free>;
 using owned_memory = owned<void *, nullptr, free>;
 
-constinit static uint32_t kvnft_set_id_counter = 1;
+constinit static uint32_t last_set_id = 1;
 
 struct nftnl_set *kvnft_build_set(
 	const char *table, const char *name, uint32_t family, uint32_t flags, uint32_t key_len)
@@ -318,7 +320,7 @@ struct nftnl_set *kvnft_build_set(
 		nftnl_set_set_u32(set.get(), NFTNL_SET_FLAGS, flags);
 	if (key_len)
 		nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, key_len);
-	nftnl_set_set_u32(set.get(), NFTNL_SET_ID, ++kvnft_set_id_counter);
+	nftnl_set_set_u32(set.get(), NFTNL_SET_ID, ++last_set_id);
 	return set.give();
 }
 
@@ -357,8 +359,8 @@ struct nftnl_rule *kvnft_build_rule(uint32_t family, const char *table, const ch
 	return rule.give();
 }
 
-// Gives an expression just built, or not, to the rule.
-static int add_expr(nftnl_rule *rule, nftnl_expr *e)
+// Appends the expression, which passes to the rule. Null: it could not be built.
+static int append_expr(nftnl_rule *rule, nftnl_expr *e)
 {
 	if (!e)
 		return -ENOMEM;
@@ -368,43 +370,81 @@ static int add_expr(nftnl_rule *rule, nftnl_expr *e)
 
 int kvnft_rule_set_mark(struct nftnl_rule *rule, uint32_t mark)
 {
-	int error = add_expr(rule, kvnft_build_expr_imm(NFT_REG_1, &mark, sizeof mark));
-	return error ? error : add_expr(rule, kvnft_build_expr_meta_set(NFT_META_MARK, NFT_REG_1));
+	int error = append_expr(rule, kvnft_build_expr_imm(NFT_REG_1, &mark, sizeof mark));
+	return error ? error : append_expr(rule, kvnft_build_expr_meta_set(NFT_META_MARK, NFT_REG_1));
 }
 
 int kvnft_rule_reject(struct nftnl_rule *rule, uint32_t type, uint8_t code)
 {
-	return add_expr(rule, kvnft_build_expr_reject(type, code));
+	return append_expr(rule, kvnft_build_expr_reject(type, code));
 }
 
 int kvnft_rule_verdict(struct nftnl_rule *rule, uint8_t verdict)
 {
-	return add_expr(rule, kvnft_build_expr_verdict(verdict));
+	return append_expr(rule, kvnft_build_expr_verdict(verdict));
 }
 
 // ---- How long a message can become ----
 
-// The most that the 16-bit length of one attribute leaves for its value; and for the device of a chain, which
-// shares an attribute with the hook's two numbers, and is aligned to 4 there.
+// An object that is sent. A set is sent in two ways: by itself, or as the list of its elements.
+struct nft_object {
+	enum object_kind { TABLE, CHAIN, RULE, SET, ELEMENTS } kind;
+	union {
+		nftnl_table *table;
+		nftnl_chain *chain;
+		nftnl_rule *rule;
+		nftnl_set *set;
+	};
+
+	explicit nft_object(nftnl_table *t) : kind(TABLE), table(t) {}
+	explicit nft_object(nftnl_chain *c) : kind(CHAIN), chain(c) {}
+	explicit nft_object(nftnl_rule *r) : kind(RULE), rule(r) {}
+	explicit nft_object(nftnl_set *s, object_kind k = SET) : kind(k), set(s) {}
+};
+
+static void write_object(nlmsghdr *header, const nft_object &object)
+{
+	switch (object.kind) {
+	case nft_object::TABLE:
+		return nftnl_table_nlmsg_build_payload(header, object.table);
+	case nft_object::CHAIN:
+		return nftnl_chain_nlmsg_build_payload(header, object.chain);
+	case nft_object::RULE:
+		return nftnl_rule_nlmsg_build_payload(header, object.rule);
+	case nft_object::SET:
+		return nftnl_set_nlmsg_build_payload(header, object.set);
+	case nft_object::ELEMENTS:
+		return nftnl_set_elems_nlmsg_build_payload(header, object.set);
+	}
+}
+
+// Calls `expr` or `elem` for each part of the object's list, until one returns a negative number, the result.
+static int for_each_part(const nft_object &object, int (*expr)(nftnl_expr *, void *),
+	int (*elem)(nftnl_set_elem *, void *), void *data)
+{
+	switch (object.kind) {
+	case nft_object::RULE:
+		return nftnl_expr_foreach(object.rule, expr, data);
+	case nft_object::SET:
+		return nftnl_set_expr_foreach(object.set, expr, data);
+	case nft_object::ELEMENTS:
+		return nftnl_set_elem_foreach(object.set, elem, data);
+	default:
+		return 0;
+	}
+}
+
+constexpr size_t MESSAGE_BYTES = 384; // see length_bound_of
+constexpr size_t EXPR_BYTES = 272;
+
+// The longest value of an attribute, whose length has 16 bits. The name of a device lies deeper: it shares an
+// attribute with the two numbers of the hook, and is padded to 4 bytes there.
 constexpr size_t VALUE_BYTES_MAX = UINT16_MAX - MNL_ATTR_HDRLEN;
 constexpr size_t DEVICE_BYTES_MAX = VALUE_BYTES_MAX - MNL_ATTR_HDRLEN - 16 - 3;
 
-// The bytes that an object takes in a message: never less than libnftnl writes, and often more. The rule, checked
-// against every build function of libnftnl:
-//
-// - MESSAGE_BYTES for the headers and all numbers of a table, chain, rule or set. A set has the most: netlink's
-//   and netfilter's header (20), handle and time-out (24), nine numbers of 32 bits (72), the fields of a
-//   concatenation (208), and the header of the list (4).
-// - A value that has a length of its own is one attribute, in two others at the most: the chain in the verdict in
-//   the data of an element or an "immediate". That makes three headers.
-// - An element is an attribute of the list; so is the list of its own expressions.
-// - EXPR_BYTES for an expression without what has a length of its own outside of the record. "bitwise" has the
-//   most: the attribute of the list and that around its own (8), the name (12), four numbers (32), and three
-//   values that fill their place in the record (3 * 72). A "dynset" has a list in place of values, and a "match"
-//   or "target" may have empty information.
-struct extent {
-	uint64_t bytes; // so wide that no number of parts makes it wrap
-	bool refused = false;
+struct length_bound {
+	uint64_t bytes = MESSAGE_BYTES; // 64 bits: no number of parts makes it wrap
+	bool refused = false;           // the message cannot be sent: a length does not fit its 16 bits
 
 	void add_value(uint64_t length, size_t length_max = VALUE_BYTES_MAX)
 	{
@@ -416,23 +456,19 @@ struct extent {
 		if (text)
 			add_value(strlen(text) + 1, length_max);
 	}
+	template <auto get, typename T>
+	void add_attribute(T *object, uint16_t attribute)
+	{
+		uint32_t length = 0;
+		if (get(object, attribute, &length))
+			add_value(length);
+	}
 };
 
-constexpr size_t MESSAGE_BYTES = 384;
-constexpr size_t EXPR_BYTES = 272;
-
-// Of libnftnl's attributes, which are bits of a word.
+// libnftnl's attributes are bits of a word.
 constexpr uint16_t ATTRIBUTES_END = 32;
 
-template <auto get, typename T>
-static void add_attribute(extent *sum, T *object, uint16_t attribute)
-{
-	uint32_t length = 0;
-	if (get(object, attribute, &length))
-		sum->add_value(length);
-}
-
-// The expressions that rules are mostly made of, and which attribute of theirs is not in the record; 0: none.
+// The common expressions, each with the attribute that lies outside of its record; 0: none.
 struct expr_kind {
 	char name[12] = {};
 	uint8_t name_size; // with the terminator
@@ -451,7 +487,7 @@ static constexpr expr_kind expr_kinds[] = {{"cmp"}, {"payload"}, {"meta"},
 	{"immediate", NFTNL_EXPR_IMM_CHAIN}, {"lookup", NFTNL_EXPR_LOOKUP_SET}, {"ct"}, {"bitwise"},
 	{"limit"}, {"reject"}, {"redir"}, {"masq"}, {"queue"}};
 
-// Null for the others. Unrolled, so that a name is compared as the word or two that it is.
+// Null for other expressions. Unrolled, so that a name is compared as one word or two.
 [[gnu::always_inline]] static inline const expr_kind *kind_of(const nftnl_expr *e)
 {
 	uint32_t name_size = 0;
@@ -463,180 +499,152 @@ static constexpr expr_kind expr_kinds[] = {{"cmp"}, {"payload"}, {"meta"},
 	return nullptr;
 }
 
-static int add_expr(nftnl_expr *e, void *data);
-
-static void add_other_expr(extent *sum, nftnl_expr *e)
+// Adds an expression of any kind, and those in its own list.
+static int add_expr_length(nftnl_expr *e, void *data)
 {
+	length_bound *bound = static_cast<length_bound *>(data);
+	bound->bytes += EXPR_BYTES;
+	if (const expr_kind *kind = kind_of(e)) {
+		// An "immediate" with data sends no chain: the data lies where the pointer to its name would be.
+		bool has_text = kind->text && !(kind->text == NFTNL_EXPR_IMM_CHAIN &&
+						      nftnl_expr_is_set(e, NFTNL_EXPR_IMM_DATA));
+		if (has_text)
+			bound->add_attribute<nftnl_expr_get>(e, kind->text);
+		return 0;
+	}
 	for (uint16_t attribute = NFTNL_EXPR_BASE; attribute < ATTRIBUTES_END; attribute++)
-		add_attribute<nftnl_expr_get>(sum, e, attribute);
+		bound->add_attribute<nftnl_expr_get>(e, attribute);
 	if (strcmp(nftnl_expr_get_str(e, NFTNL_EXPR_NAME), "dynset") == 0)
-		nftnl_expr_expr_foreach(e, add_expr, sum);
-}
-
-static int add_expr(nftnl_expr *e, void *data)
-{
-	extent *sum = static_cast<extent *>(data);
-	sum->bytes += EXPR_BYTES;
-	const expr_kind *kind = kind_of(e);
-	if (!kind)
-		add_other_expr(sum, e);
-	else if (kind->text == NFTNL_EXPR_IMM_CHAIN && nftnl_expr_is_set(e, NFTNL_EXPR_IMM_DATA))
-		return 0; // the data lies where the pointer to the name would be, and is sent in place of it
-	else if (kind->text)
-		add_attribute<nftnl_expr_get>(sum, e, kind->text);
+		nftnl_expr_expr_foreach(e, add_expr_length, bound);
 	return 0;
 }
 
-static int add_elem(nftnl_set_elem *elem, void *data)
+static int add_elem_length(nftnl_set_elem *elem, void *data)
 {
-	extent *sum = static_cast<extent *>(data);
-	sum->bytes += 2 * MNL_ATTR_HDRLEN;
-	bool has_chain = nftnl_set_elem_is_set(elem, NFTNL_SET_ELEM_VERDICT); // without one, none is sent
+	length_bound *bound = static_cast<length_bound *>(data);
+	bound->bytes += 2 * MNL_ATTR_HDRLEN;
+	bool has_verdict =
+		nftnl_set_elem_is_set(elem, NFTNL_SET_ELEM_VERDICT); // without one, no chain is sent
 	for (uint16_t attribute = 0; attribute <= NFTNL_SET_ELEM_MAX; attribute++)
-		if (has_chain || attribute != NFTNL_SET_ELEM_CHAIN)
-			add_attribute<nftnl_set_elem_get>(sum, elem, attribute);
-	return nftnl_set_elem_expr_foreach(elem, add_expr, sum);
+		if (has_verdict || attribute != NFTNL_SET_ELEM_CHAIN)
+			bound->add_attribute<nftnl_set_elem_get>(elem, attribute);
+	return nftnl_set_elem_expr_foreach(elem, add_expr_length, bound);
 }
 
-// The true length of a list, from each part built alone in one place.
+// The true length of a list: each part is built alone, all in the same place.
 struct list_length {
-	nlmsghdr *part;
+	nlmsghdr *place;
+	uint64_t place_bytes;
 	size_t bytes = MNL_ATTR_HDRLEN;
 };
 
 template <auto build, typename T>
 static int measure(T *part, void *data)
 {
-	list_length *sum = static_cast<list_length *>(data);
-	sum->part->nlmsg_len = MNL_NLMSG_HDRLEN;
-	build(sum->part, part);
-	sum->bytes += MNL_ATTR_HDRLEN + sum->part->nlmsg_len - MNL_NLMSG_HDRLEN;
-	return sum->bytes <= UINT16_MAX ? 0 : -1;
+	list_length *list = static_cast<list_length *>(data);
+	list->place->nlmsg_len = MNL_NLMSG_HDRLEN;
+	build(list->place, part);
+	invariant(list->place->nlmsg_len <= list->place_bytes); // a part keeps to the bound of the whole
+	list->bytes += MNL_ATTR_HDRLEN + list->place->nlmsg_len - MNL_NLMSG_HDRLEN;
+	return list->bytes <= UINT16_MAX ? 0 : -1;
 }
 
-static bool is_too_long(uint64_t bytes)
+// Whether the list's length fits its 16 bits. libnftnl would write the low bits, and the kernel take the shorter
+// message that they make.
+static bool list_fits(const nft_object &object, uint64_t bytes_max)
 {
-	return bytes > PTRDIFF_MAX;
+	owned_memory place{bytes_max > PTRDIFF_MAX ? nullptr : malloc(static_cast<size_t>(bytes_max))};
+	list_length list{static_cast<nlmsghdr *>(place.get()), bytes_max};
+	return place.ok() && for_each_part(object, measure<nftnl_expr_build_payload>,
+				     measure<nftnl_set_elem_nlmsg_build_payload>, &list) == 0;
 }
 
-// Refuses a list that is longer than its 16-bit length can say. libnftnl would write the length's low bits, and the
-// kernel take the shorter message that they make. `measure_all` gives each part of `object` to measure().
-static extent with_list(extent sum, void *object, int (*measure_all)(void *object, list_length *sum))
+// An upper bound of the length of the message that write_object makes. libnftnl never writes more, and often less:
+//
+// - MESSAGE_BYTES holds the headers and all numbers of a table, chain, rule or set. A set has the most: the headers
+//   of netlink and netfilter (20), handle and timeout (24), nine numbers of 32 bits (72), the fields of a
+//   concatenation (208), and the header of the list (4).
+// - A value with a length of its own is one attribute, within two others at most: the chain in the verdict in the
+//   data of an element or of an "immediate". That makes three headers.
+// - An element is an attribute of the list, and so is the list of its own expressions: two headers.
+// - EXPR_BYTES holds an expression, but for values outside of its record. "bitwise" has the most: the attribute of
+//   the list and the one around its own attributes (8), the name (12), four numbers (32), and three values that
+//   fill their place in the record (3 * 72). A "dynset" has a list in place of values. A "match" or "target" may
+//   have empty information.
+// - All other values are added with their lengths.
+//
+// This was checked against each function of libnftnl that builds a message; append() asserts it of each message.
+static length_bound length_bound_of(const nft_object &object)
 {
-	if (sum.refused || sum.bytes <= UINT16_MAX)
-		return sum;
-	owned_memory place{is_too_long(sum.bytes) ? nullptr : malloc(static_cast<size_t>(sum.bytes))};
-	list_length length{static_cast<nlmsghdr *>(place.get())};
-	sum.refused = !place.ok() || measure_all(object, &length) != 0;
-	return sum;
-}
-
-static int measure_exprs(void *rule, list_length *sum)
-{
-	return nftnl_expr_foreach(static_cast<nftnl_rule *>(rule), measure<nftnl_expr_build_payload>, sum);
-}
-
-static int measure_exprs_of_set(void *set, list_length *sum)
-{
-	return nftnl_set_expr_foreach(static_cast<nftnl_set *>(set), measure<nftnl_expr_build_payload>, sum);
-}
-
-static int measure_elems(void *set, list_length *sum)
-{
-	return nftnl_set_elem_foreach(
-		static_cast<nftnl_set *>(set), measure<nftnl_set_elem_nlmsg_build_payload>, sum);
-}
-
-static extent extent_of(nftnl_table *table)
-{
-	extent sum{MESSAGE_BYTES};
-	sum.add_text(nftnl_table_get_str(table, NFTNL_TABLE_NAME));
-	return sum;
-}
-
-static extent extent_of(nftnl_chain *chain)
-{
-	extent sum{MESSAGE_BYTES};
-	for (uint16_t attribute : {NFTNL_CHAIN_NAME, NFTNL_CHAIN_TABLE, NFTNL_CHAIN_TYPE})
-		sum.add_text(nftnl_chain_get_str(chain, attribute));
-	if (nftnl_chain_is_set(chain, NFTNL_CHAIN_HOOKNUM)) // without one, no device is sent
-		sum.add_text(nftnl_chain_get_str(chain, NFTNL_CHAIN_DEV), DEVICE_BYTES_MAX);
-	return sum;
-}
-
-static extent extent_of(nftnl_rule *rule)
-{
-	extent sum{MESSAGE_BYTES};
-	for (uint16_t attribute : {NFTNL_RULE_TABLE, NFTNL_RULE_CHAIN, NFTNL_RULE_USERDATA})
-		add_attribute<nftnl_rule_get_data>(&sum, rule, attribute);
-	nftnl_expr_foreach(rule, add_expr, &sum);
-	return with_list(sum, rule, measure_exprs);
-}
-
-static extent extent_of(nftnl_set *set)
-{
-	extent sum{MESSAGE_BYTES};
-	for (uint16_t attribute : {NFTNL_SET_TABLE, NFTNL_SET_NAME, NFTNL_SET_USERDATA})
-		add_attribute<nftnl_set_get_data>(&sum, set, attribute);
-	nftnl_set_expr_foreach(set, add_expr, &sum);
-	return with_list(sum, set, measure_exprs_of_set);
-}
-
-static extent extent_of_elems(nftnl_set *set)
-{
-	extent sum{MESSAGE_BYTES};
-	for (uint16_t attribute : {NFTNL_SET_TABLE, NFTNL_SET_NAME})
-		add_attribute<nftnl_set_get_data>(&sum, set, attribute);
-	nftnl_set_elem_foreach(set, add_elem, &sum);
-	return with_list(sum, set, measure_elems);
+	length_bound bound;
+	switch (object.kind) {
+	case nft_object::TABLE:
+		bound.add_text(nftnl_table_get_str(object.table, NFTNL_TABLE_NAME));
+		break;
+	case nft_object::CHAIN:
+		for (uint16_t attribute : {NFTNL_CHAIN_NAME, NFTNL_CHAIN_TABLE, NFTNL_CHAIN_TYPE})
+			bound.add_text(nftnl_chain_get_str(object.chain, attribute));
+		if (nftnl_chain_is_set(object.chain, NFTNL_CHAIN_HOOKNUM)) // without one, no device is sent
+			bound.add_text(nftnl_chain_get_str(object.chain, NFTNL_CHAIN_DEV), DEVICE_BYTES_MAX);
+		break;
+	case nft_object::RULE:
+		for (uint16_t attribute : {NFTNL_RULE_TABLE, NFTNL_RULE_CHAIN, NFTNL_RULE_USERDATA})
+			bound.add_attribute<nftnl_rule_get_data>(object.rule, attribute);
+		break;
+	case nft_object::SET:
+		bound.add_attribute<nftnl_set_get_data>(object.set, NFTNL_SET_USERDATA);
+		[[fallthrough]];
+	case nft_object::ELEMENTS:
+		for (uint16_t attribute : {NFTNL_SET_TABLE, NFTNL_SET_NAME})
+			bound.add_attribute<nftnl_set_get_data>(object.set, attribute);
+		break;
+	}
+	for_each_part(object, add_expr_length, add_elem_length, &bound);
+	if (!bound.refused && bound.bytes > UINT16_MAX)
+		bound.refused = !list_fits(object, bound.bytes);
+	return bound;
 }
 
 // ---- Batches ----
 
-// What is sure behind a batch's limit: no page is smaller than that.
+// The space after a batch's limit: a page, and none is smaller.
 constexpr size_t PAGE_BYTES_MIN = 4096;
 
-static nlmsghdr *current(mnl_nlmsg_batch *batch)
+// Where the next message goes.
+static nlmsghdr *batch_end(mnl_nlmsg_batch *batch)
 {
 	return static_cast<nlmsghdr *>(mnl_nlmsg_batch_current(batch));
 }
 
-// Takes up the message that has been written at the batch's end, if it is within the limit.
+// Takes the message written at the batch's end into the batch, if it is within the limit.
 //
-// If it is not, libmnl's next mnl_nlmsg_batch_reset moves what is at the end then to the front, by the length in
-// its header, and the batch goes on after it. That may be far beyond the limit, or bytes that never were a
-// message. So there is always a length of 0 at the end.
+// If it is not, the next mnl_nlmsg_batch_reset moves the message at the end to the front, as long as its header
+// says. That may reach far beyond the limit, or be bytes that never were a message. So there is always a length
+// of 0 at the end.
 static int advance(mnl_nlmsg_batch *batch)
 {
 	bool fits = mnl_nlmsg_batch_next(batch);
-	current(batch)->nlmsg_len = 0;
+	batch_end(batch)->nlmsg_len = 0;
 	return fits ? 0 : -ENOMEM;
 }
 
 struct message {
 	uint16_t type;  // NFT_MSG_...
-	uint16_t flags; // NLM_F_REQUEST comes along
+	uint16_t flags; // besides NLM_F_REQUEST
 };
 
-// One of libnftnl's functions that write an object into a message.
-template <auto build, typename T>
-static void put_object(nlmsghdr *header, void *object)
+// Appends the object's message. It is built at the batch's end, or in memory of its own if it may be longer than
+// the space there. libmnl reads only the header to see whether a message fits; the rest is copied once it does.
+static int append(mnl_nlmsg_batch *batch, message m, uint32_t family, uint32_t seq, const nft_object &object)
 {
-	build(header, static_cast<T *>(object));
-}
-
-// Appends the message that `write_object` makes of the object: built at the batch's end, or where it might be longer than
-// what is sure there, in memory of its own. libmnl looks at nothing but the header to see if a message fits, and from
-// then on there is space for the rest.
-static int append(mnl_nlmsg_batch *batch, message m, uint32_t family, uint32_t seq, const extent &sum,
-	void (*write_object)(nlmsghdr *header, void *object), void *object)
-{
-	if (sum.refused || is_too_long(sum.bytes))
+	length_bound bound = length_bound_of(object);
+	if (bound.refused)
 		return -ENOMEM;
-	nlmsghdr *place = current(batch), *header = place;
+	nlmsghdr *place = batch_end(batch), *header = place;
 	owned_memory own;
-	if (sum.bytes > PAGE_BYTES_MIN) {
-		own.take(calloc(1, static_cast<size_t>(sum.bytes))); // zeros: libmnl leaves gaps as they are
+	if (bound.bytes > PAGE_BYTES_MIN) {
+		own.take(
+			calloc(1, static_cast<size_t>(bound.bytes))); // zeros: libmnl leaves gaps as they are
 		header = static_cast<nlmsghdr *>(own.get());
 	}
 	if (!header)
@@ -644,30 +652,28 @@ static int append(mnl_nlmsg_batch *batch, message m, uint32_t family, uint32_t s
 	nftnl_nlmsg_build_hdr(
 		reinterpret_cast<char *>(header), m.type, static_cast<uint16_t>(family), m.flags, seq);
 	write_object(header, object);
+	size_t length = header->nlmsg_len;
+	invariant(length <= bound.bytes); // nothing was written beyond the memory
 	*place = *header;
 	int error = advance(batch);
-	if (!error && own.ok())
-		memcpy(place + 1, header + 1, header->nlmsg_len - sizeof *header);
-	return error;
+	if (error)
+		return error;
+	const char *end = reinterpret_cast<char *>(place) + length;
+	invariant(reinterpret_cast<char *>(batch_end(batch)) == end); // the batch has taken the whole message
+	if (own.ok())
+		memcpy(place + 1, header + 1, length - sizeof *header);
+	return 0;
 }
 
 static int append_set(mnl_nlmsg_batch *batch, message m, nftnl_set *set, uint32_t seq)
 {
-	return append(batch, m, nftnl_set_get_u32(set, NFTNL_SET_FAMILY), seq, extent_of(set),
-		put_object<nftnl_set_nlmsg_build_payload, nftnl_set>, set);
+	return append(batch, m, nftnl_set_get_u32(set, NFTNL_SET_FAMILY), seq, nft_object{set});
 }
 
 static int append_set_elems(mnl_nlmsg_batch *batch, message m, nftnl_set *set, uint32_t seq)
 {
-	return append(batch, m, nftnl_set_get_u32(set, NFTNL_SET_FAMILY), seq, extent_of_elems(set),
-		put_object<nftnl_set_elems_nlmsg_build_payload, nftnl_set>, set);
-}
-
-static int kvnft_batch_rule_msg(mnl_nlmsg_batch *batch, nftnl_rule *rule, uint16_t type, uint32_t family,
-	uint16_t flags, uint32_t seq)
-{
-	return append(batch, {type, flags}, family, seq, extent_of(rule),
-		put_object<nftnl_rule_nlmsg_build_payload, nftnl_rule>, rule);
+	uint32_t family = nftnl_set_get_u32(set, NFTNL_SET_FAMILY);
+	return append(batch, m, family, seq, nft_object{set, nft_object::ELEMENTS});
 }
 
 constexpr uint16_t CREATE = NLM_F_CREATE | NLM_F_ACK;
@@ -708,7 +714,7 @@ int kvnft_batch_del_set_elem(struct mnl_nlmsg_batch *batch, struct nftnl_set *se
 int kvnft_batch_add_rule(struct mnl_nlmsg_batch *batch, struct nftnl_rule *rule, uint32_t seq)
 {
 	uint32_t family = nftnl_rule_get_u32(rule, NFTNL_RULE_FAMILY);
-	return kvnft_batch_rule_msg(batch, rule, NFT_MSG_NEWRULE, family, NLM_F_APPEND | CREATE, seq);
+	return append(batch, {NFT_MSG_NEWRULE, NLM_F_APPEND | CREATE}, family, seq, nft_object{rule});
 }
 
 int kvnft_batch_finish(struct mnl_nlmsg_batch *batch, uint32_t seq)
@@ -731,9 +737,8 @@ void kvnft_batch_free(struct mnl_nlmsg_batch *batch)
 
 using owned_socket = owned<mnl_socket *, nullptr, quietly<mnl_socket *, mnl_socket_close>>;
 
-// Whether an answer is there already: 1, 0, or -1 with errno set. A set of descriptors is an array of words, in which
-// the kernel looks at as many bits as it is told; fd_set is one of 1024. Never inlined, so that the words are gone
-// from the stack before the next call.
+// Whether an answer has arrived: 1, 0, or -1 with errno set. The set of descriptors is an array of words as long as
+// `fd` needs, since an fd_set ends at 1024. Never inlined, so that the array leaves the stack before the next call.
 [[gnu::noinline]] static int is_readable(int fd)
 {
 	constexpr size_t WORD_BITS = 8 * sizeof(unsigned long);
@@ -745,8 +750,7 @@ using owned_socket = owned<mnl_socket *, nullptr, quietly<mnl_socket *, mnl_sock
 	return select(fd + 1, reinterpret_cast<fd_set *>(readable), nullptr, nullptr, &no_time);
 }
 
-// Takes one datagram of answers. Returns -1 with errno set for an error of the socket's, the kernel's
-// or `cb`'s.
+// Takes one datagram of answers. Returns -1 with errno set for an error of the socket, of the kernel, or of `cb`.
 static int take_answers(mnl_socket *nl, mnl_cb_t cb, void *data)
 {
 	alignas(nlmsghdr) char answers[ANSWER_BYTES_MAX];
@@ -756,9 +760,9 @@ static int take_answers(mnl_socket *nl, mnl_cb_t cb, void *data)
 	return mnl_cb_run(answers, static_cast<size_t>(length), 0, mnl_socket_get_portid(nl), cb, data);
 }
 
-// Makes the receive queue long enough for the answers to `len` bytes of messages, as far as the process may: all wait
-// there by the time that the messages have been sent. Without it they are as before, so no failure counts.
-static void provide_for_answers(int fd, size_t len)
+// Makes the receive queue long enough for the answers to `len` bytes of messages, as far as the process may: when the
+// messages have been sent, all answers wait there. A failure leaves the queue as it is.
+static void lengthen_receive_queue(int fd, size_t len)
 {
 	size_t answers = len / CHANGE_BYTES_MIN;
 	int wanted = answers < INT_MAX / ANSWER_QUEUE_BYTES ? static_cast<int>(answers * ANSWER_QUEUE_BYTES)
@@ -778,10 +782,10 @@ int kvnft_send_msg_cb(const void *buf, size_t len, mnl_cb_t cb, void *data)
 	if (!nl.ok() || mnl_socket_bind(nl.get(), 0, MNL_SOCKET_AUTOPID) < 0)
 		return -errno;
 	int fd = mnl_socket_get_fd(nl.get()), yes = 1;
-	// A refusal then repeats the message's header only, and is never too long to be received.
+	// A refusal then repeats only the message's header, and is never too long to be received.
 	mnl_socket_setsockopt(nl.get(), NETLINK_CAP_ACK, &yes, sizeof yes);
 	if (len > ANSWERS_FIT_BYTES)
-		provide_for_answers(fd, len);
+		lengthen_receive_queue(fd, len);
 	if (mnl_socket_sendto(nl.get(), buf, len) < 0)
 		return -errno;
 	int ready;
@@ -798,8 +802,7 @@ static int append_table(mnl_nlmsg_batch *batch, message m, const char *name, uin
 	owned_table table{kvnft_build_table(name, family)};
 	if (!table.ok())
 		return -ENOMEM;
-	return append(batch, m, family, seq, extent_of(table.get()),
-		put_object<nftnl_table_nlmsg_build_payload, nftnl_table>, table.get());
+	return append(batch, m, family, seq, nft_object{table.get()});
 }
 
 // Deletes the rules of a chain, or of the whole table.
@@ -809,7 +812,7 @@ static int append_flush(
 	owned_rule rule{kvnft_build_rule(family, table, chain)};
 	if (!rule.ok())
 		return -ENOMEM;
-	return kvnft_batch_rule_msg(batch, rule.get(), NFT_MSG_DELRULE, family, NLM_F_ACK, seq);
+	return append(batch, {NFT_MSG_DELRULE, NLM_F_ACK}, family, seq, nft_object{rule.get()});
 }
 
 static nftnl_chain *build_chain(const char *table, const char *name, const char *type, int32_t hooknum,
@@ -830,12 +833,6 @@ static nftnl_chain *build_chain(const char *table, const char *name, const char 
 	return chain.give();
 }
 
-static int append_chain(mnl_nlmsg_batch *batch, message m, uint32_t family, uint32_t seq, nftnl_chain *chain)
-{
-	return append(batch, m, family, seq, extent_of(chain),
-		put_object<nftnl_chain_nlmsg_build_payload, nftnl_chain>, chain);
-}
-
 int kvnft_batch_add_table_simple(
 	struct mnl_nlmsg_batch *batch, const char *name, uint32_t family, uint32_t seq)
 {
@@ -854,7 +851,7 @@ int kvnft_batch_add_chain_simple(struct mnl_nlmsg_batch *batch, const char *name
 	owned_chain chain{build_chain(table, name, type, hooknum, prio, dev, family)};
 	if (!chain.ok())
 		return -ENOMEM;
-	return append_chain(batch, {NFT_MSG_NEWCHAIN, CREATE}, family, seq, chain.get());
+	return append(batch, {NFT_MSG_NEWCHAIN, CREATE}, family, seq, nft_object{chain.get()});
 }
 
 int kvnft_batch_flush_chain_simple(
@@ -869,14 +866,15 @@ int kvnft_batch_flush_table_simple(
 	return append_flush(batch, family, table, nullptr, seq);
 }
 
-static int kvnft_batch_accept_mark_rule(mnl_nlmsg_batch *batch, uint32_t family, const char *table,
-	const char *chain, uint32_t mark, uint32_t seq, bool equal)
+// A rule that accepts packets with this mark, or with any other.
+static int append_accept_mark(mnl_nlmsg_batch *batch, uint32_t family, const char *table, const char *chain,
+	uint32_t mark, uint32_t seq, bool equal)
 {
 	owned_rule rule{kvnft_build_rule(family, table, chain)};
 	uint32_t op = equal ? NFT_CMP_EQ : NFT_CMP_NEQ;
-	if (!rule.ok() || add_expr(rule.get(), kvnft_build_expr_meta(NFT_META_MARK, NFT_REG_1)) != 0 ||
-		add_expr(rule.get(), kvnft_build_expr_cmp(NFT_REG_1, op, &mark, sizeof mark)) != 0 ||
-		add_expr(rule.get(), kvnft_build_expr_verdict(NF_ACCEPT)) != 0)
+	if (!rule.ok() || append_expr(rule.get(), kvnft_build_expr_meta(NFT_META_MARK, NFT_REG_1)) != 0 ||
+		append_expr(rule.get(), kvnft_build_expr_cmp(NFT_REG_1, op, &mark, sizeof mark)) != 0 ||
+		append_expr(rule.get(), kvnft_build_expr_verdict(NF_ACCEPT)) != 0)
 		return -ENOMEM;
 	return kvnft_batch_add_rule(batch, rule.get(), seq);
 }
@@ -884,28 +882,28 @@ static int kvnft_batch_accept_mark_rule(mnl_nlmsg_batch *batch, uint32_t family,
 int kvnft_batch_accept_mark(struct mnl_nlmsg_batch *batch, uint32_t family, const char *table,
 	const char *chain, uint32_t mark, uint32_t seq)
 {
-	return kvnft_batch_accept_mark_rule(batch, family, table, chain, mark, seq, true);
+	return append_accept_mark(batch, family, table, chain, mark, seq, true);
 }
 
 int kvnft_batch_accept_mark_neq(struct mnl_nlmsg_batch *batch, uint32_t family, const char *table,
 	const char *chain, uint32_t mark, uint32_t seq)
 {
-	return kvnft_batch_accept_mark_rule(batch, family, table, chain, mark, seq, false);
+	return append_accept_mark(batch, family, table, chain, mark, seq, false);
 }
 
 using owned_batch = owned<mnl_nlmsg_batch *, nullptr, mnl_nlmsg_batch_stop>;
 
-// Appends one change of a table, or of a chain in it. 0, or -ENOMEM.
-using change = int (*)(
+// Appends one change of a table, or of a chain in it. Returns 0 or -ENOMEM.
+using append_change = int (*)(
 	mnl_nlmsg_batch *batch, uint32_t family, const char *table, const char *chain, uint32_t seq);
 
-// One change as a transaction of its own.
-static int transact(change append_change, uint32_t family, const char *table, const char *chain)
+// Sends one change as a transaction of its own.
+static int transact(append_change append_one, uint32_t family, const char *table, const char *chain)
 {
 	size_t limit = static_cast<size_t>(MNL_SOCKET_BUFFER_SIZE);
 	owned_memory buf{xzalloc(KVNFT_BATCH_BUFFER_SIZE(limit))};
 	owned_batch batch{kvnft_batch_alloc_start(buf.get(), limit, 0)};
-	if (!batch.ok() || append_change(batch.get(), family, table, chain, 1) != 0 ||
+	if (!batch.ok() || append_one(batch.get(), family, table, chain, 1) != 0 ||
 		kvnft_batch_finish(batch.get(), 2) != 0)
 		return -ENOMEM;
 	return kvnft_batch_send(batch.get());
@@ -939,7 +937,7 @@ static int append_chain_deletion(
 	owned_chain named{build_chain(table, chain, nullptr, -1, -1, nullptr, family)};
 	if (!named.ok())
 		return -ENOMEM;
-	return append_chain(batch, {NFT_MSG_DELCHAIN, NLM_F_ACK}, family, seq, named.get());
+	return append(batch, {NFT_MSG_DELCHAIN, NLM_F_ACK}, family, seq, nft_object{named.get()});
 }
 
 int kvnft_del_chain_simple(const char *chain, const char *table, uint32_t family)
