@@ -1,5 +1,7 @@
-// An access point with a 2.4 GHz radio of the system-on-chip's own, a 5 GHz radio on PCI, one Ethernet
-// interface behind a switch, and a white and a blue LED in its dome.
+// An access point with a 2.4 GHz radio in its system-on-chip, a 5 GHz radio on PCI, one Ethernet interface with a
+// switch, and a white and a blue LED in its dome. It registers itself when the library is loaded.
+
+#include <syslog.h>
 
 #include "../lib/caldata.h"
 #include "../lib/device.h"
@@ -10,27 +12,27 @@
 static constexpr char WHITE[] = "ubnt:white:dome";
 static constexpr char BLUE[] = "ubnt:blue:dome";
 
-static void unifiacpro_led_off(const char *led)
+static void led_off(const char *led)
 {
 	_led_set_attr(led, "trigger", "none");
 	_led_set_attr(led, "brightness", "0");
 }
 
-static void light(const char *led)
+static void led_on(const char *led)
 {
 	_led_set_attr(led, "trigger", "none");
 	_led_set_attr(led, "brightness", "255");
 }
 
-static void blink(const char *led)
+static void led_blink(const char *led)
 {
 	_led_set_attr(led, "trigger", "timer");
 }
 
-// The kernel has the delays' files once the trigger is set.
-static void blink_every(const char *led, const char *delay_ms)
+// The kernel makes the files of the delays when the trigger is set.
+static void led_blink_every(const char *led, const char *delay_ms)
 {
-	blink(led);
+	led_blink(led);
 	_led_set_attr(led, "delay_on", delay_ms);
 	_led_set_attr(led, "delay_off", delay_ms);
 }
@@ -39,28 +41,28 @@ static int unifiacpro_led_set(unsigned int state)
 {
 	switch (state) {
 	case DEV_LED_OFF:
-		unifiacpro_led_off(WHITE);
-		unifiacpro_led_off(BLUE);
+		led_off(WHITE);
+		led_off(BLUE);
 		break;
 	case DEV_LED_WHITE_BLINK:
-		unifiacpro_led_off(BLUE);
-		blink(WHITE);
+		led_off(BLUE);
+		led_blink(WHITE);
 		break;
 	case DEV_LED_BLUE_ON:
-		unifiacpro_led_off(WHITE);
-		light(BLUE);
+		led_off(WHITE);
+		led_on(BLUE);
 		break;
 	case DEV_LED_WHITE_BLINK_FAST:
-		unifiacpro_led_off(BLUE);
-		blink_every(WHITE, "100");
+		led_off(BLUE);
+		led_blink_every(WHITE, "100");
 		break;
 	case DEV_LED_WHITE_BLINK_SLOW:
-		unifiacpro_led_off(BLUE);
-		blink_every(WHITE, "1000");
+		led_off(BLUE);
+		led_blink_every(WHITE, "1000");
 		break;
 	case DEV_LED_BLUE_BLINK:
-		unifiacpro_led_off(WHITE);
-		blink(BLUE);
+		led_off(WHITE);
+		led_blink(BLUE);
 		break;
 	default:
 		break;
@@ -84,8 +86,8 @@ static int unifiacpro_init(void)
 {
 	for (const calibration &radio : RADIOS)
 		if (caldata_export(radio.file, "EEPROM", radio.offset, radio.length) < 0)
-			_log(3, "unable to export the %s\n", radio.file);
-	return 0; // a radio less is no reason not to come up
+			_log(LOG_ERR, "unable to export the %s\n", radio.file);
+	return 0; // the board starts without that radio
 }
 
 // ---- The board ----
@@ -114,7 +116,7 @@ static constexpr device unifiacpro_board = {
 	.post_upgrade = nullptr,
 };
 
-// When the library is loaded, and so before the constructors of whatever links it.
+// Runs when the library is loaded, before the constructors of programs that link it.
 __attribute__((constructor)) static void install_board(void)
 {
 	device_set(&unifiacpro_board);

@@ -1,6 +1,8 @@
-// A copy gets its name when it is whole: it is made under another name in the same folder, flushed to the
-// medium and renamed. Whoever makes one locks it, so a copy without a lock was left by a process that has ended.
-// Copies are written without stdio in between, so that a full disk fails the write.
+// Calibration data, copied from flash memory to a file. The file appears whole, or not at all.
+//
+// The copy is written under the name "_" in the same folder, flushed to the medium, and renamed. Its process locks
+// it, so a copy without a lock was left by a process that has ended. It is written without stdio, so that a full disk
+// fails the write.
 
 #include "caldata.h"
 
@@ -11,8 +13,10 @@
 #include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
+#include "internal/invariant.h"
 #include "internal/owned.h"
 #include "internal/path.h"
 #include "log.h"
@@ -20,13 +24,13 @@
 constexpr size_t CHUNK_BYTES_MAX = 512;
 constexpr size_t MAC_BYTES = 6;
 constexpr off_t MAC_OFFSET = 6;
-constexpr char UNFINISHED[] = "_"; // a copy in the making; its path is never longer than the file's own
+constexpr char UNFINISHED[] = "_"; // one character: its path is never longer than that of the file
 constexpr int LINKS_MAX = 40;      // the kernel follows no more
 
 // ---- Partitions ----
 
-// Whether a line of /proc/mtd, `mtd5: 00010000 00010000 "EEPROM"`, is about the partition. What stands
-// before the name does not matter: compatibility, partition names
+// Whether a line of /proc/mtd, `mtd5: 00010000 00010000 "EEPROM"`, names the partition, or another one whose name
+// ends in this name: compatibility, partition names
 static bool names_partition(const char *line, const char *name)
 {
 	const char *found = strstr(line, name);
@@ -37,7 +41,7 @@ char *find_mtd(const char *name)
 {
 	owned_file file{fopen("/proc/mtd", "re")};
 	if (!file.ok()) {
-		_log(3, "unable to read /proc/mtd\n");
+		_log(LOG_ERR, "unable to read /proc/mtd\n");
 		return nullptr;
 	}
 	char line[256];
@@ -55,17 +59,17 @@ char *find_mtd(const char *name)
 static int not_opened(const char *path)
 {
 	int error = errno;
-	_log(3, "caldata: unable to open %s: err=-%d\n", path, error);
+	_log(LOG_ERR, "caldata: unable to open %s: err=-%d\n", path, error);
 	return -error;
 }
 
-// All of the bytes: a file system that runs full may take a part of them first. False with errno set.
+// Writes all bytes; a file system that fills up may first take a part of them. False with errno set.
 static bool write_all(int fd, const unsigned char *bytes, size_t count)
 {
 	while (count > 0) {
 		ssize_t written = write(fd, bytes, count);
 		if (written == 0)
-			errno = ENOSPC; // it takes no more, and does not say why
+			errno = ENOSPC; // it takes no more, but reports no error
 		if (written <= 0)
 			return false;
 		bytes += written;
@@ -78,17 +82,18 @@ static bool write_all(int fd, const unsigned char *bytes, size_t count)
 static int failed(const char *step)
 {
 	int error = errno;
-	_log(3, "caldata: %s error: err=-%d\n", step, error);
+	_log(LOG_ERR, "caldata: %s error: err=-%d\n", step, error);
 	return -error;
 }
 
 static int copy(int device, int target, size_t left)
 {
 	unsigned char chunk[CHUNK_BYTES_MAX];
-	while (left > 0) { // for ever where it ends too early: compatibility, short partition
+	while (left > 0) { // for ever, if the device ends before that: compatibility, short partition
 		ssize_t count = read(device, chunk, left < sizeof chunk ? left : sizeof chunk);
 		if (count < 0)
 			return failed("read");
+		invariant(static_cast<size_t>(count) <= left); // no more is read than is left to copy
 		if (!write_all(target, chunk, static_cast<size_t>(count)))
 			return failed("write");
 		left -= static_cast<size_t>(count);
@@ -96,7 +101,7 @@ static int copy(int device, int target, size_t left)
 	return 0;
 }
 
-static_assert(sizeof(off_t) > sizeof(unsigned)); // every offset is one
+static_assert(sizeof(off_t) > sizeof(unsigned)); // so every `offset` is a valid off_t
 
 static int copy_slice(int device, int target, unsigned offset, unsigned length)
 {
@@ -113,13 +118,15 @@ struct place {
 	char unfinished[PATH_BYTES];
 };
 
-// Where the name begins. Every path here is absolute.
+// The last name in the path; empty after a final "/".
 static char *name_in(char *path)
 {
-	return strrchr(path, '/') + 1;
+	char *slash = strrchr(path, '/');
+	invariant(slash); // paths stay absolute, whatever links they have been replaced by
+	return slash + 1;
 }
 
-// Of an error with a path: nothing is there, which is no reason yet why a file could not be made.
+// Whether the error says only that nothing is there: a file may still be made.
 static bool is_missing(int error)
 {
 	return error == ENOENT || error == ENOTDIR;
@@ -131,7 +138,7 @@ static bool exists(const char *path)
 	return stat(path, &about) == 0;
 }
 
-// Makes `path` the path of what the link there points to. False with errno set; EINVAL: it is no link.
+// Replaces `path`, a link, by the path it points to. False with errno set; EINVAL: it is no link.
 static bool follow_link(char (&path)[PATH_BYTES])
 {
 	char link[PATH_BYTES];
@@ -148,7 +155,7 @@ static bool follow_link(char (&path)[PATH_BYTES])
 	return true;
 }
 
-// Follows a link to a file that is not there, which may be another link. False with errno set.
+// Follows links to the file, which need not exist. False with errno set.
 static bool follow_links(char (&path)[PATH_BYTES])
 {
 	for (int links = 0; links <= LINKS_MAX; links++)
@@ -158,7 +165,7 @@ static bool follow_links(char (&path)[PATH_BYTES])
 	return false;
 }
 
-// Finds where the file is to be made. False with errno set: the error that making it at `path` would meet.
+// Finds where the file is to be made. False with errno set, to the error of making it at `path`.
 static bool find_place(place *p, const char *path)
 {
 	if (!exists(path) && !is_missing(errno))
@@ -168,13 +175,14 @@ static bool find_place(place *p, const char *path)
 		return false;
 	const char *name = name_in(p->target);
 	int folder_length = static_cast<int>(name - p->target);
-	// Without a name there can be no file: the kernel says why, when it is opened.
-	snprintf(p->unfinished, sizeof p->unfinished, "%.*s%s", folder_length, p->target,
+	// A path that ends in "/" stays as it is: opening it fails, with the kernel's reason.
+	int length = snprintf(p->unfinished, sizeof p->unfinished, "%.*s%s", folder_length, p->target,
 		*name ? UNFINISHED : "");
+	invariant(length < PATH_BYTES); // it was not cut off, and so is no other file
 	return true;
 }
 
-// Waits for the lock of an open file, as long as another process makes the copy in it.
+// Locks an open file, and waits while another process makes its copy there.
 static void lock(int fd)
 {
 	while (flock(fd, LOCK_EX) < 0 && errno == EINTR) {}
@@ -187,8 +195,8 @@ static bool is_at(int fd, const char *path)
 	       mine.st_ino == there.st_ino;
 }
 
-// Removes what stands in the way of an unfinished copy, except for a copy that another process finishes
-// meanwhile. False with errno set.
+// Removes a leftover. If another process is making its copy there, waits for it, and removes nothing that has been
+// renamed meanwhile. False with errno set.
 static bool remove_unfinished(const char *path)
 {
 	owned_fd file{open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)};
@@ -200,14 +208,14 @@ static bool remove_unfinished(const char *path)
 	return unlink(path) == 0 || errno == ENOENT;
 }
 
-// A new file with a lock of ours. -1 with errno set.
+// Makes a file and locks it. Returns -1 with errno set.
 static int create_unfinished(const char *path)
 {
 	while (true) {
 		owned_fd file{open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666)};
 		if (file.ok()) {
 			lock(file.get());
-			if (is_at(file.get(), path)) // else another process took it for a leftover
+			if (is_at(file.get(), path)) // else another process has taken it for a leftover
 				return file.give();
 		} else if (errno != EEXIST || !remove_unfinished(path)) {
 			return -1;
@@ -217,11 +225,11 @@ static int create_unfinished(const char *path)
 
 static bool flush(int fd)
 {
-	return fsync(fd) == 0 || errno == EINVAL; // a file system that has nothing to flush to
+	return fsync(fd) == 0 || errno == EINVAL; // EINVAL: this file system has no medium
 }
 
-// Flushes the folder of `path`, which is cut off there. If that fails, the worst is that the next start finds
-// no file, and makes it again.
+// Flushes the folder of `path`, and cuts `path` off there. A failure does no harm: if the file is lost, the next
+// start makes it again.
 static void flush_folder(char *path)
 {
 	*name_in(path) = '\0';
@@ -230,7 +238,7 @@ static void flush_folder(char *path)
 		flush(folder.get());
 }
 
-// Extends a file that is too short. An error is about `path`, the file's name to be.
+// Extends a file that is too short. Errors are logged with `path`, the name it will have.
 static int write_mac(const char *unfinished, const char *path, const unsigned char *mac)
 {
 	owned_fd file{open(unfinished, O_WRONLY | O_CLOEXEC)};
@@ -241,7 +249,7 @@ static int write_mac(const char *unfinished, const char *path, const unsigned ch
 	return 0;
 }
 
-// Gives the copy its name, with the bytes on the medium.
+// Flushes the copy to the medium, then gives it its name.
 static int publish(int fd, const place *p, const char *path)
 {
 	if (!flush(fd))
@@ -267,7 +275,7 @@ static int make_copy(
 	}
 	int error = copy_slice(device.get(), copy.get(), offset, length);
 	device.reset();
-	// The file appears, too, if only the address could not be written: compatibility, copy without address
+	// The file also appears if only the address could not be written: compatibility, copy without address
 	int mac_error = !error && mac ? write_mac(p.unfinished, path, mac) : 0;
 	if (!error)
 		error = publish(copy.get(), &p, path);
@@ -279,18 +287,18 @@ static int make_copy(
 	return mac_error;
 }
 
-// 0, -ENOENT without such a partition, which is logged, or -1 if the path is too long.
+// Returns 0; -ENOENT, which is logged, if there is no such partition; or -1 if the path is too long.
 static int find_device(char (&path)[PATH_BYTES], const char *partition)
 {
 	owned_text mtd{find_mtd(partition)};
 	if (!mtd.ok()) {
-		_log(3, "caldata: not found '%s' mtd partition\n", partition);
+		_log(LOG_ERR, "caldata: not found '%s' mtd partition\n", partition);
 		return -ENOENT;
 	}
 	return format_path(path, "/dev/%s", mtd.get()) ? 0 : -1;
 }
 
-// Without a `mac` the copy stays as it is.
+// A null `mac` leaves the address of the partition in the copy.
 static int export_slice(
 	const char *file, const char *partition, unsigned offset, unsigned length, const unsigned char *mac)
 {
@@ -314,7 +322,7 @@ int ath10k_caldata_patch(
 	const char *file, const char *partition, const unsigned char *mac, unsigned offset, unsigned length)
 {
 	if (!mac) {
-		_log(3, "caldata: the MAC address is not valid\n");
+		_log(LOG_ERR, "caldata: the MAC address is not valid\n");
 		return -EINVAL;
 	}
 	return export_slice(file, partition, offset, length, mac);

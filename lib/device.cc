@@ -1,12 +1,12 @@
-// A pointer to the description, and a function for each of its members. The report of a missing description
-// names places in the file "lib/device.c": it is what people search their logs for, and does not follow the
-// lines of this file.
+// One pointer to the board's description, and an accessor for each member. Without a description the process ends. That
+// report names lines of "lib/device.c", not of this file: people search their logs for them.
 
 #include "device.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include "internal/owned.h"
@@ -21,7 +21,7 @@ void device_set(const struct device *dev)
 	current = dev;
 }
 
-// The description, which there has to be.
+// The description; without one the process ends.
 static const device *described(const char *location, const char *function)
 {
 	if (!current)
@@ -148,7 +148,7 @@ int dev_post_upgrade(void)
 
 using owned_json = owned<json_t *, nullptr, json_decref>;
 
-// Appends an address that has been read, or not; it is freed.
+// Appends the address and frees it. Null: it could not be read.
 static int append_mac(json_t *array, char *mac)
 {
 	owned_text text{mac};
@@ -183,12 +183,12 @@ void _led_set_attr(const char *led, const char *attribute, const char *value)
 {
 	char path[PATH_BYTES];
 	if (!format_path(path, "/sys/class/leds/%s/%s", led, attribute)) {
-		_log(3, "led: error while generating the path\n");
+		_log(LOG_ERR, "led: error while generating the path\n");
 		return;
 	}
 	owned_fd file{open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)};
 	if (!file.ok()) {
-		_log(3, "led: unable to open %s: err=-%d\n", path, errno);
+		_log(LOG_ERR, "led: unable to open %s: err=-%d\n", path, errno);
 		return;
 	}
 	// The result is not looked at: compatibility, LED writes

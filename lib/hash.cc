@@ -1,4 +1,4 @@
-// Digests by mbedtls, in one update over a mapping of the file's part, however long that is.
+// Digests by mbedtls. The part of a file is mapped and digested in one update, so that no buffer bounds its length.
 
 #include "hash.h"
 
@@ -12,16 +12,17 @@
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include "log.h"
 
 // ---- One digest ----
 
-// What is logged before the code, by the step that failed.
+// The text that each step logs before the error code when it fails.
 struct step_texts {
 	const char *setup, *start, *update, *finish;
-	const char *end; // of the lines of all steps but the first
+	const char *end; // ends the lines of all steps but the first
 };
 
 // "md5" for every digest of a file, a line feed in the first line only: compatibility, texts of digests
@@ -32,7 +33,7 @@ static constexpr step_texts STRING_TEXTS = {"md: fail to setup digest", "md: fai
 
 static int failed(const char *text, int code, const char *end)
 {
-	_log(3, "%s: %d%s", text, code, end);
+	_log(LOG_ERR, "%s: %d%s", text, code, end);
 	return code;
 }
 
@@ -62,13 +63,13 @@ static int make_digest(mbedtls_md_type_t type, const unsigned char *bytes, size_
 		failed(texts.setup, code, "\n");
 	else
 		code = run_steps(&context, bytes, length, digest, texts);
-	mbedtls_md_free(&context); // always, whatever a setup that fails has left in it
+	mbedtls_md_free(&context); // also after a failed setup, which may have allocated
 	return code;
 }
 
 // ---- A part of a file ----
 
-// The size of what has one, else the largest.
+// The size of a regular file or a block device; of anything else, UINT64_MAX.
 static uint64_t size_of(int fd)
 {
 	struct stat about;
@@ -77,12 +78,12 @@ static uint64_t size_of(int fd)
 		return UINT64_MAX;
 	if (S_ISREG(about.st_mode))
 		return static_cast<uint64_t>(about.st_size);
-	// An int in one C library, an unsigned long in another; the kernel looks at 32 bits.
+	// ioctl takes an int in one C library and an unsigned long in another; the kernel uses 32 bits.
 	constexpr int request = static_cast<int>(BLKGETSIZE64);
 	return S_ISBLK(about.st_mode) && ioctl(fd, request, &size) == 0 ? size : UINT64_MAX;
 }
 
-// A part of a file in memory, from the beginning of its page on.
+// A part of a file, mapped from the start of its page on: `skip_` bytes earlier.
 class mapping
 {
 	void *start_ = MAP_FAILED;
@@ -101,11 +102,11 @@ public:
 	{
 		skip_ = offset % static_cast<unsigned>(sysconf(_SC_PAGESIZE));
 		if (__builtin_add_overflow(skip_, length, &size_)) {
-			errno = ENOMEM; // as for any other size that has no place
+			errno = ENOMEM; // as mmap fails with a size that is too large
 			return;
 		}
 		start_ = mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd, static_cast<off_t>(offset - skip_));
-		// Past the end the last page would read as zeros, and those behind it fault.
+		// Past the end of the file its last page reads as zeros, and the pages after it fault.
 		if (ok() && uint64_t{offset} + length > size_of(fd)) {
 			drop();
 			errno = ENXIO;
@@ -123,7 +124,7 @@ static int digest_fd(mbedtls_md_type_t type, int fd, unsigned offset, unsigned l
 	mapping part{fd, offset, length};
 	if (!part.ok()) {
 		int error = errno;
-		_log(3, "md5: fail to mmap fd: err=-%d\n", error);
+		_log(LOG_ERR, "md5: fail to mmap fd: err=-%d\n", error);
 		return -error;
 	}
 	return make_digest(type, part.bytes(), length, digest, FILE_TEXTS);

@@ -1,5 +1,5 @@
-// Addresses: asked of the kernel by ioctl on a socket that lives as long as the question, read from sysfs,
-// and turned from one form into another in two buffers of the process's own.
+// Addresses of interfaces and radios, and their texts. Each query opens its socket or file and closes it again. The
+// conversions to and from text return static buffers, which the next call overwrites.
 
 #include "net.h"
 
@@ -13,6 +13,7 @@
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <syslog.h>
 
 #include "internal/owned.h"
 #include "internal/path.h"
@@ -23,7 +24,7 @@ constexpr size_t MAC_TEXT_SIZE = 18; // with its terminator
 
 // ---- Interfaces and radios ----
 
-// The name up to the 15 characters that the kernel takes; `request` is zeroed.
+// Copies at most the 15 characters that the kernel takes. `request` is zeroed.
 static void set_name(ifreq *request, const char *ifname)
 {
 	memcpy(request->ifr_name, ifname, strnlen(ifname, sizeof request->ifr_name - 1));
@@ -77,20 +78,20 @@ char *get_radio_mac(const char *phy)
 {
 	char path[PATH_BYTES];
 	if (!format_path(path, "/sys/class/ieee80211/%s/addresses", phy)) {
-		_log(3, "cannot create the %s path\n", phy);
+		_log(LOG_ERR, "cannot create the %s path\n", phy);
 		return nullptr;
 	}
 	owned_file file{fopen(path, "re")};
 	if (!file.ok()) {
-		_log(3, "cannot open file %s (%s)\n", path, strerror(errno));
+		_log(LOG_ERR, "cannot open file %s (%s)\n", path, strerror(errno));
 		return nullptr;
 	}
 	owned_text line = first_line(file.get());
 	if (!line.ok()) {
-		_log(3, "cannot read line of file %s\n", path);
+		_log(LOG_ERR, "cannot read line of file %s\n", path);
 		return nullptr;
 	}
-	return xstrdup(line.get()); // no longer than it has to be
+	return xstrdup(line.get()); // getline allocates more than the line
 }
 
 uint32_t get_iface_ip(const char *ifname)
@@ -133,7 +134,7 @@ char *mac_ntoa(const unsigned char *mac)
 	return text;
 }
 
-// The address `n` steps from that in `text`, with `first_byte_bits` set.
+// The address `n` after the one in `text`, with `first_byte_bits` set.
 static char *derive_mac(const char *text, int n, unsigned char first_byte_bits)
 {
 	unsigned char *mac = mac_aton(text);

@@ -1,5 +1,5 @@
-// From a read-only root to a writable one. Whatever goes wrong on the way, the end is an attempt at an
-// overlay: a device that does not come up cannot be repaired over the network.
+// Makes a read-only root writable. Whatever fails on the way, an overlay is tried at the end, in memory if flash memory
+// fails: a device that does not start cannot be repaired over the network.
 
 #include "overlay.h"
 
@@ -9,6 +9,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include "caldata.h"
@@ -16,7 +17,7 @@
 #include "log.h"
 #include "utils.h"
 
-// Two pieces of a path, joined. What does not fit is cut off: compatibility, cut paths
+// Two parts of a path, joined. A longer path is cut: compatibility, cut paths
 struct joined_path {
 	char text[64];
 
@@ -34,15 +35,15 @@ static int mount_move(const char *prefix_from, const char *prefix_to, const char
 	if (mount(source.text, target.text, nullptr, MS_MOVE | MS_NOATIME, nullptr) == 0)
 		return 0;
 	int error = errno;
-	_log(3, "mount_move err %s %s %s: err=-%d\n", prefix_from, prefix_to, dir, error);
+	_log(LOG_ERR, "mount_move err %s %s %s: err=-%d\n", prefix_from, prefix_to, dir, error);
 	return -error;
 }
 
-static int pivot_root(const char *new_root, const char *put_old)
+static int swap_roots(const char *new_root, const char *put_old)
 {
 	int result = static_cast<int>(syscall(SYS_pivot_root, new_root, put_old));
 	if (result < 0)
-		_log(3, "root pivoting failed: err=-%d\n", errno);
+		_log(LOG_ERR, "root pivoting failed: err=-%d\n", errno);
 	return result;
 }
 
@@ -51,7 +52,7 @@ int pivot(const char *new_root, const char *put_old)
 	int error = mount_move("", new_root, "/proc");
 	if (error)
 		return error;
-	error = pivot_root(new_root, joined_path{new_root, put_old}.text);
+	error = swap_roots(new_root, joined_path{new_root, put_old}.text);
 	if (error < 0)
 		return error;
 	for (const char *dir : {"/dev", "/tmp", "/sys", "/data"})
@@ -61,7 +62,8 @@ int pivot(const char *new_root, const char *put_old)
 
 // ---- The overlay ----
 
-static int mount_overlay(const char *dir)
+// Mounts the overlay at /mnt: the root below, `dir` above it.
+static int mount_layers(const char *dir)
 {
 	char label[64], options[256];
 	joined_path upper{dir, "/upper"}, work{dir, "/work"};
@@ -72,15 +74,15 @@ static int mount_overlay(const char *dir)
 	return mount(label, "/mnt", "overlay", MS_NOATIME, options);
 }
 
-// Makes an overlay whose upper layer lies in `dir` the root: 0 or -1.
+// Makes an overlay with its upper layer in `dir` the root. Returns 0 or -1.
 static int set_up_overlay(const char *dir)
 {
-	if (mount_overlay(dir) != 0) {
-		_log(3, "overlayfs mount failed: err=-%d\n", errno);
+	if (mount_layers(dir) != 0) {
+		_log(LOG_ERR, "overlayfs mount failed: err=-%d\n", errno);
 		return -1;
 	}
 	if (pivot("/mnt", "/system") != 0) {
-		_log(3, "overlayfs switch failed\n");
+		_log(LOG_ERR, "overlayfs switch failed\n");
 		return -1;
 	}
 	return 0;
@@ -91,7 +93,7 @@ static int mount_data(const char *mtd)
 	return mount(mtd, "/data", "jffs2", 0, nullptr);
 }
 
-// Flash memory that does not mount is erased once, and then has to.
+// Mounts flash memory. If that fails, erases it and tries once more.
 static bool mount_or_erase_data(const char *mtd)
 {
 	if (mount_data(mtd) == 0)
@@ -99,7 +101,7 @@ static bool mount_or_erase_data(const char *mtd)
 	erase_flash(mtd);
 	if (mount_data(mtd) == 0)
 		return true;
-	_log(3, "data partition mount failed: err=-%d\n", errno);
+	_log(LOG_ERR, "data partition mount failed: err=-%d\n", errno);
 	return false;
 }
 
@@ -107,7 +109,7 @@ static bool set_up_flash_overlay(void)
 {
 	owned_text mtd{find_mtd("rootfs_data")};
 	if (!mtd.ok()) {
-		_log(3, "not found a valid overlay filesystem\n");
+		_log(LOG_ERR, "not found a valid overlay filesystem\n");
 		return false;
 	}
 	if (!mount_or_erase_data(mtd.get()))
@@ -120,7 +122,7 @@ static bool set_up_flash_overlay(void)
 
 static void set_up_ram_overlay(void)
 {
-	_log(6, "fallback to ramoverlay\n");
+	_log(LOG_INFO, "fallback to ramoverlay\n");
 	mkdir("/tmp/root", 0755);
 	mount("tmpfs", "/tmp/root", "tmpfs", MS_NOATIME, "mode=0755");
 	set_up_overlay("/tmp/root");
@@ -137,15 +139,15 @@ void mount_overlayfs(void)
 void erase_flash(const char *mtd)
 {
 	char tool[] = "/usr/sbin/flash_eraseall";
-	char options[] = "-jq"; // with JFFS2's marks, and quietly
+	char options[] = "-jq"; // formatted for JFFS2, without progress messages
 	char *path;
 	if (asprintf(&path, "/dev/%s", mtd) < 0) {
-		_log(3, "overlay: asprintf has failed\n");
+		_log(LOG_ERR, "overlay: asprintf has failed\n");
 		return;
 	}
 	owned_text device{path};
 	char *const argv[] = {tool, options, device.get(), nullptr};
 	int status = execute(tool, argv, 1);
 	if (status != 0)
-		_log(3, "overlay: flash_eraseall has failed: err=%d\n", status);
+		_log(LOG_ERR, "overlay: flash_eraseall has failed: err=%d\n", status);
 }

@@ -1,5 +1,5 @@
-// Small helpers around processes and terminals, and two checks of input. What the kernel tells of processes
-// is read from /proc, where any entry may vanish between two looks at it.
+// Processes, the console, and checks of JSON and hex. Processes are found in /proc, where an entry may vanish between
+// two reads; one that does is skipped.
 
 #include "utils.h"
 
@@ -13,6 +13,7 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include "internal/owned.h"
@@ -27,10 +28,10 @@ using owned_directory = owned<DIR *, nullptr, quietly<DIR *, closedir>>;
 	if (quiet)
 		close(STDERR_FILENO);
 	if (execv(path, argv) == -1)
-		_log(3, "execute: execv: %s\n", strerror(errno));
+		_log(LOG_ERR, "execute: execv: %s\n", strerror(errno));
 	else
-		_log(3, "execute: execv failed");
-	_exit(1); // what stdio holds is the parent's to write
+		_log(LOG_ERR, "execute: execv failed");
+	_exit(1); // not exit: the parent writes what stdio has buffered
 }
 
 int execute(const char *path, char *const argv[], int quiet)
@@ -49,8 +50,7 @@ int execute(const char *path, char *const argv[], int quiet)
 
 // ---- Processes ----
 
-// The process that an entry of /proc stands for, or 0. Numbers below 1 are none, though they may be
-// written like one: to kill they mean groups of processes.
+// The process of an entry of /proc, or 0. Numbers below 1 are refused: to kill they mean groups of processes.
 static pid_t pid_of(const char *name)
 {
 	char *end;
@@ -61,7 +61,7 @@ static pid_t pid_of(const char *name)
 	return static_cast<pid_t>(number);
 }
 
-// Whether /proc/<name>/stat, if it can be read, says that this is process `pid`, and a child of `parent`.
+// Whether the file can be read and describes process `pid`, a child of `parent`.
 static bool is_child(const char *stat_path, pid_t pid, pid_t parent)
 {
 	owned_file file{fopen(stat_path, "re")};
@@ -76,7 +76,7 @@ static bool is_directory(const char *path)
 	struct stat about;
 	if (lstat(path, &about) == 0)
 		return S_ISDIR(about.st_mode);
-	_log(3, "error stat %s: err=-%d\n", path, errno);
+	_log(LOG_ERR, "error stat %s: err=-%d\n", path, errno);
 	return false;
 }
 
@@ -91,13 +91,13 @@ static bool is_child_entry(const char *name, pid_t pid, pid_t parent)
 	return is_child(path, pid, parent);
 }
 
-// Calls `action` for each child of `parent`, until it returns another value than 0, which is then the result.
+// Calls `action` for each child of `parent`. A result other than 0 ends the scan and is returned.
 template <typename F>
 static int scan_children(pid_t parent, F action)
 {
 	owned_directory directory{opendir("/proc")};
 	if (!directory.ok()) {
-		_log(3, "cannot open %s: err=-%d\n", "/proc", errno);
+		_log(LOG_ERR, "cannot open %s: err=-%d\n", "/proc", errno);
 		return -1;
 	}
 	for (;;) {
@@ -114,22 +114,22 @@ static int scan_children(pid_t parent, F action)
 	}
 	if (!errno)
 		return 0;
-	_log(3, "error scanning proc: err=-%d\n", errno);
+	_log(LOG_ERR, "error scanning proc: err=-%d\n", errno);
 	return -1;
 }
 
 static int terminate(pid_t pid)
 {
 	if (kill(pid, SIGTERM) != 0)
-		_log(3, "error killing %d: err=-%d\n", pid, errno);
-	return 0; // one that cannot be signalled does not stop the scan
+		_log(LOG_ERR, "error killing %d: err=-%d\n", pid, errno);
+	return 0; // a failure does not end the scan
 }
 
 int kill_children(pid_t parent)
 {
 	int result = scan_children(parent, terminate);
 	if (result)
-		_log(3, "error killing children of $d.\n"); // compatibility, no number in the log
+		_log(LOG_ERR, "error killing children of $d.\n"); // compatibility, no number in the log
 	return result;
 }
 
@@ -164,7 +164,7 @@ int redir_to_devnull(int out, int err)
 		dup2(fd, STDOUT_FILENO);
 	if (err)
 		dup2(fd, STDERR_FILENO);
-	// Where a standard descriptor is closed, its number is given out: then it is there already, and stays.
+	// If a standard descriptor was closed, open may have returned its number: that one stays open.
 	if ((out && fd == STDOUT_FILENO) || (err && fd == STDERR_FILENO))
 		return fcntl(fd, F_SETFD, 0);
 	return close(fd);
