@@ -58,7 +58,7 @@ void by_piece(benchmark::State &state)
 
 } // namespace
 
-// What is compared runs one after the other, size by size.
+// The implementations take turns, size by size, so that all meet the same state of the machine.
 int main(int argc, char **argv)
 {
 	benchmark::Initialize(&argc, argv);

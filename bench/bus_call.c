@@ -1,14 +1,14 @@
 /*
- * Calls with JSON both ways between two processes on the message bus, one after the other, in forms that put
- * the very same bytes on the wire:
- *	plain   libubus alone; the text is ready-made, and nobody looks at what comes
+ * Calls with JSON in both directions between two processes on the message bus, one at a time, in forms that put
+ * the same bytes on the wire:
+ *	plain   libubus alone; the text is ready-made, and received text is not parsed
  *	bare    libubus alone; jansson writes and reads by hand
  *	loop    the same on this library's loop
  *	apbase  lib/ubus on this library's loop
  *
  * usage: bus_call SOCKET FORM serve
  *        bus_call SOCKET FORM async|retry COUNT
- *	serve: is called, until SIGTERM; prints a line when it is ready
+ *	serve: answers calls until SIGTERM; prints a line when it is ready
  *	async: calls an object by its id; nobody reads the reply (ubus_req_async_to)
  *	retry: looks the object up for every call, and reads the reply (ubus_retry_request_invoke)
  * The calling side prints the nanoseconds that the calls took, and those of CPU time that it used for them.
@@ -184,7 +184,7 @@ static void serve(void)
 {
 	if (ubus_add_object(ctx, &object) != 0)
 		errx(1, "the bus does not take " OBJECT);
-	signal(SIGTERM, SIG_DFL); /* libubox took it for its own loop */
+	signal(SIGTERM, SIG_DFL); /* libubox handles it for its own loop */
 	puts("ready");
 	fflush(stdout);
 	run();
@@ -264,7 +264,7 @@ static void call_retry(void)
 
 static void (*next_call)(void);
 
-/* Nothing else is ever under way, so with no request linked the last one has been answered. */
+/* One call at a time is in flight: when no request is linked, it has been answered. */
 static void call_when_answered(void)
 {
 	if (!list_empty(&ctx->requests))

@@ -1,15 +1,15 @@
 /*
- * Two daemons on a message bus that somebody keeps restarting, and between them every kind of traffic that
- * lib/ubus knows: batches of asynchronous calls with a retry request among them, and a subscription.
+ * Two daemons on a message bus that is restarted again and again. Between them is every kind of traffic of
+ * lib/ubus: batches of asynchronous calls with a retry request among them, and a subscription.
  *
  * usage: bus_soak SOCKET serve
  *        bus_soak SOCKET call COUNT EVERY
  * The called side prints a line when it is ready, and ends on SIGTERM. The calling side ends when COUNT calls
- * have been answered; with N of them answered it prints
- *	at N      each time that another EVERY have been, but the last ones: the moment to restart the bus
+ * have been answered. It prints, with N as the number of calls answered so far,
+ *	at N      after every EVERY calls, except the last: the moment to restart the bus
  *	back N    at the start and after each restart, when a retry request, an asynchronous call and a
- *	          notification have got through
- *	end N     when it has done
+ *	          notification have succeeded
+ *	end N     at the end
  */
 #define _GNU_SOURCE
 #include <err.h>
@@ -31,7 +31,7 @@
 #define BATCH          8 /* asynchronous calls; and one retry request */
 #define TIMEOUT_MS     10000
 #define SERVE_DELAY_MS 20
-#define CALL_DELAY_MS  100 /* so that the called side is mostly there first */
+#define CALL_DELAY_MS  100 /* so that the called side is usually connected first */
 
 static const char *socket_path;
 static struct ubus_context *ctx;
@@ -83,7 +83,7 @@ static void run(int (*on_connected)(void), int delay_ms)
 	init_stable_connection(&bus, delay_ms);
 	if (start_stable_connection(&bus) != 0 && !ctx)
 		errx(1, "no bus at %s", socket_path);
-	signal(SIGTERM, SIG_DFL); /* libubox took it for its own loop */
+	signal(SIGTERM, SIG_DFL); /* libubox handles it for its own loop */
 	evloop_run();
 }
 
@@ -93,7 +93,7 @@ static void say(const char *word, long number)
 	fflush(stdout);
 }
 
-/* A message that carries `json`, which it takes; until the next one. */
+/* A message with `json`, whose reference it drops; valid until the next call. */
 static struct blob_buf *message_of(json_t *json)
 {
 	static struct blob_buf buf;
@@ -132,7 +132,7 @@ static const struct ubus_method methods[] = {
 static struct ubus_object_type type = UBUS_OBJECT_TYPE(OBJECT, methods);
 static struct ubus_object object = {.name = OBJECT, .type = &type, .methods = methods, .n_methods = 2};
 
-/* Later connections add it again by themselves. */
+/* On later connections libubus adds it again. */
 static int serve_on_connected(void)
 {
 	if (object.id != 0)
@@ -152,7 +152,7 @@ static long wanted, every; /* of answered calls */
 static long answered, restart_at;
 static bool batch_under_way, retry_answered;
 
-/* What has got through since the connection was lost. */
+/* The kinds of traffic that have succeeded since the connection was lost. */
 static struct {
 	bool all, retry, notification;
 } through;
@@ -185,7 +185,7 @@ static void on_reply(struct ubus_request *req, int kind, struct blob_attr *messa
 	retry_answered = through.retry = true;
 }
 
-/* It comes of an asynchronous call, made as soon as the subscription stands. */
+/* Sent for an asynchronous call that is made once the subscription is. */
 static int on_notification(struct ubus_context *context, struct ubus_object *subscriber,
 	struct ubus_request_data *request, const char *name, struct blob_attr *message)
 {

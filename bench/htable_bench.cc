@@ -1,4 +1,4 @@
-// The hash table against GLib's, with the very same hash and equality functions, keys and order.
+// The hash table against GLib's, with the same functions for hash and equality, keys and order.
 // Names are group/implementation/number of entries.
 #include <algorithm>
 #include <cstdint>
@@ -17,9 +17,9 @@
 namespace
 {
 
-constexpr int operations_min = 2000; // of one measured stretch, so that reading the clock does not count
+constexpr int operations_min = 2000; // in one measurement, so that reading the clock does not count
 
-// Two kinds of keys. Texts as header names are, whose hash and comparison are most of the work:
+// Keys like names of headers: hashing and comparing them is most of the work.
 struct text {
 	std::string characters;
 
@@ -32,7 +32,7 @@ struct text {
 	}
 };
 
-// And numbers, with which the table's own work shows.
+// Keys that are numbers: they show the work of the table itself.
 struct number {
 	uint32_t value;
 
@@ -45,7 +45,7 @@ struct number {
 	}
 };
 
-// `stored` and `asked` are equal, but are not the same memory and come in different orders.
+// `stored` and `asked` are equal, in different memory and in different orders.
 template <typename Key>
 struct keys {
 	std::vector<Key> stored, asked;
@@ -90,7 +90,7 @@ struct glib_table {
 	void remove(const void *key) { g_hash_table_remove(table, key); }
 };
 
-// A value that is not its key, so that the table is a map.
+// The value is not the key, so the table is a map.
 int value_of_all;
 
 template <typename Table>
@@ -123,7 +123,7 @@ double cpu_seconds()
 	return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-// Measures `work` on so many tables at once that the clock is read rarely; they come and go unmeasured.
+// Measures `work` on many tables at once, so that the clock is read rarely. Making and freeing them is not measured.
 template <typename Table, auto work>
 void measured(benchmark::State &state)
 {
@@ -165,7 +165,7 @@ void add_groups(const std::string &kind)
 
 } // namespace
 
-// What is compared runs one after the other, size by size.
+// The implementations take turns, size by size, so that all meet the same state of the machine.
 int main(int argc, char **argv)
 {
 	benchmark::Initialize(&argc, argv);

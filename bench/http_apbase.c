@@ -1,6 +1,6 @@
 /*
- * The HTTP server of this library with the plainest handler there is: a head and a body, composed and
- * written in one piece.
+ * The HTTP server of this library with the simplest handler: a head and a body, composed and written in one
+ * piece.
  *
  * usage: http_apbase PORT BODY_BYTES
  */

@@ -1,7 +1,7 @@
 /*
- * The limit for one thread: an epoll loop that does no more than any server has to. One read of what is
- * there, a search for the blank lines that end requests, and one write of as many ready-made answers.
- * It does not look at the requests, keeps no timers and cannot wait for a slow reader.
+ * The limit for one thread: an epoll loop with only the work that any server has. One read, a search for the
+ * blank lines that end requests, and one write of as many ready-made answers. It does not parse requests, has no
+ * timers and cannot wait for a slow reader.
  *
  * usage: http_bare PORT ANSWER_FILE [close]
  *	close: end each connection after the first write
@@ -23,13 +23,13 @@
 #define READ_BYTES      16384
 #define ANSWER_BYTES    1024
 #define ANSWERS_A_WRITE 64
-#define TAIL_BYTES      3 /* of a blank line cut off by the end of a read */
+#define TAIL_BYTES      3 /* of a blank line that the end of a read cuts */
 
 static char answers[ANSWER_BYTES * ANSWERS_A_WRITE];
 static size_t answer_bytes;
 static int close_after_write;
 
-/* What a read ended with that may be the beginning of a blank line, per descriptor. */
+/* By descriptor: the last bytes of a read, if they may begin a blank line. */
 static struct tail {
 	unsigned char length;
 	char bytes[TAIL_BYTES];
@@ -82,7 +82,7 @@ static void accept_one(int epoll_fd, int listen_fd)
 	watch(epoll_fd, fd);
 }
 
-/* Counts the blank lines, and keeps in `tail` what follows the last one. */
+/* Counts the blank lines, and keeps the bytes after the last one in `tail`. */
 static size_t count_requests(const char *bytes, size_t length, struct tail *tail)
 {
 	size_t count = 0;

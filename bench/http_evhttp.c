@@ -16,7 +16,7 @@
 #include <sys/socket.h>
 
 #define BODY_BYTES_MAX 1024
-#define IDLE_TIMEOUT_S 60 /* as the others have */
+#define IDLE_TIMEOUT_S 60 /* like the other servers */
 
 static char body[BODY_BYTES_MAX];
 static size_t body_bytes;
@@ -24,7 +24,7 @@ static size_t body_bytes;
 static void answer(struct evhttp_request *request, void *user)
 {
 	(void)user;
-	/* Straight into the output buffer: the way with the fewest copies that the interface offers. */
+	/* Straight into the output buffer: no way of the interface copies less. */
 	evbuffer_add(evhttp_request_get_output_buffer(request), body, body_bytes);
 	evhttp_send_reply(request, 200, "OK", NULL);
 }

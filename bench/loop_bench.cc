@@ -16,7 +16,7 @@
 namespace
 {
 
-// A multiple of what one wait fetches, so that no fetched event is left over when the watchers go.
+// A multiple of the events that one wait fetches, so that none is left when the watchers are deleted.
 constexpr int64_t events_a_run = 100 * EVLOOP_MAX_EVENTS;
 int64_t left;
 
@@ -41,7 +41,7 @@ struct pair {
 	}
 };
 
-// What a callback does: nothing, so that the descriptor stays ready; or takes the byte and sends the next.
+// The work of a callback: none, so that the descriptor stays ready; or it takes the byte and sends the next.
 void turn(int near, int far, bool ping)
 {
 	char byte;
@@ -167,7 +167,7 @@ void libevent_loop(benchmark::State &state, bool ping)
 
 } // namespace
 
-// What is compared runs one after the other, size by size.
+// The implementations take turns, size by size, so that all meet the same state of the machine.
 int main(int argc, char **argv)
 {
 	benchmark::Initialize(&argc, argv);

@@ -1,4 +1,4 @@
-/* The rules by means of lib/nft. */
+/* The rules, built by lib/nft. */
 #include "nft_rules.h"
 
 #include <libnftnl/expr.h>

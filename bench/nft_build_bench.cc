@@ -1,4 +1,4 @@
-// Rules built into a batch, by means of lib/nft and with the calls of libnftnl written out.
+// Rules built into a batch, by lib/nft and by direct calls of libnftnl.
 // Names are group/implementation/number of rules.
 #include <benchmark/benchmark.h>
 
@@ -34,7 +34,7 @@ void build(benchmark::State &state, nft_build *how, bool are_short)
 
 } // namespace
 
-// What is compared runs one after the other, size by size.
+// The implementations take turns, size by size, so that all meet the same state of the machine.
 int main(int argc, char **argv)
 {
 	benchmark::Initialize(&argc, argv);

@@ -1,23 +1,22 @@
 /*
- * Rules built and sent, in three ways: by lib/nft, by direct calls of libnftnl and libmnl, and by `nft -f`
- * with the same rules as text.
+ * Rules built and sent in three ways: by lib/nft, by direct calls of libnftnl and libmnl, and by `nft -f` with
+ * the same rules as text.
  *
  * usage: nft_commit text KIND FIRST COUNT
  *        nft_commit build apbase|direct KIND COUNT
  *        nft_commit send apbase|direct KIND COUNT
  *        nft_commit rounds ROUNDS KIND COUNT NFT FILE...
  *	text:   prints the rules for `nft -f`
- *	build:  builds one transaction, and leaves it at that
- *	send:   sends it, too
- *	rounds: measures; each way makes COUNT rules in as many transactions as there are FILEs, which are the
- *	        texts of an equal number of rules each and are given to NFT, the program, one after the other.
- *	        Prints the nanoseconds of the three, a round a line; who comes first changes from round to
- *	        round.
+ *	build:  builds one transaction
+ *	send:   builds and sends one
+ *	rounds: measures. Each way makes COUNT rules in one transaction for each FILE. The files have equal numbers
+ *	        of rules as text, for the program NFT. Prints the nanoseconds of the three ways, a round a line; the
+ *	        order changes from round to round.
  * KIND is one of
  *	long, short  rules of ten expressions, or of three
  *	replace      long rules in place of those that the chain has
- * The chain is there already, except that `rounds` makes it anew, outside of the measured time: empty, or
- * for `replace` with the same rules. To be run in a network namespace of its own.
+ * The chain must exist; `rounds` makes it itself, outside of the measured time: empty, or for `replace` with the
+ * same rules. Run this in a network namespace of its own.
  */
 #define _GNU_SOURCE
 #include "nft_rules.h" /* before the kernel's headers, which else define the same things */
@@ -38,7 +37,7 @@
 
 #define LIMIT (1 << 20)
 #define WAYS  3
-/* The kernel releases what a transaction has deleted some time after it. */
+/* The kernel releases deleted rules some time after the transaction. */
 #define SETTLE_US 50000
 
 static char *buffer; /* of a transaction */

@@ -1,4 +1,4 @@
-/* The rules with the calls of libnftnl and libmnl written out. */
+/* The rules, built by direct calls of libnftnl and libmnl. */
 #include "nft_rules.h"
 
 #include <errno.h>
@@ -123,7 +123,7 @@ static struct nftnl_rule *build_rule(uint32_t number, bool is_short)
 	return NULL;
 }
 
-/* Takes the rule, which may be null. */
+/* Ownership of the rule passes here; it may be null. */
 static bool add_message(
 	struct mnl_nlmsg_batch *batch, struct nftnl_rule *rule, uint16_t type, uint16_t flags, uint32_t seq)
 {
@@ -174,7 +174,7 @@ struct mnl_nlmsg_batch *nft_build_direct(void *buf, size_t limit, const struct n
 	return batch;
 }
 
-/* The kernel has answered by the time that it has taken the batch. */
+/* When the send returns, the answers have arrived. */
 static int take_answers(struct mnl_socket *nl)
 {
 	char answers[4096] __attribute__((aligned(8)));

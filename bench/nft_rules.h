@@ -1,7 +1,6 @@
 /*
- * The rules that are measured, numbered from 0, and the two ways in which a C program puts them into a batch
- * and sends it: by means of lib/nft, and with the same calls of libnftnl and libmnl written out. Both give
- * the same bytes.
+ * The measured rules, numbered from 0, and two ways to put them into a batch and send it: by lib/nft, and by
+ * direct calls of libnftnl and libmnl. Both build the same bytes.
  *
  * A long rule has ten expressions, a short one three; in the words of `nft`
  *	ip saddr 10.x.y.0/20 meta mark NUMBER tcp dport NUMBER accept
@@ -26,12 +25,12 @@ extern "C" {
 
 struct nft_rules {
 	bool are_short;
-	bool replace; /* all that the chain has; by the transaction that has rule 0 */
+	bool replace; /* the transaction with rule 0 first deletes all rules of the chain */
 	uint32_t first;
 	uint32_t count; /* first + count <= 4096, the number of networks */
 };
 
-/* What differs from rule to rule; addresses and ports in network order. */
+/* The values of one rule; addresses and ports in network order. */
 struct nft_values {
 	uint32_t network, mask;
 	uint32_t mark;

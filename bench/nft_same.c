@@ -1,4 +1,4 @@
-/* That what is compared is the same. */
+/* Checks that lib/nft and the direct calls build the same bytes. */
 #include "nft_rules.h"
 
 #include <err.h>

@@ -1,4 +1,4 @@
-// Timers as idle connections use them: many of one delay, each set again when its connection stirs, and
+// Timers as idle connections use them: many of one delay, each set again when its connection has input, and
 // immediate ones in between. Names are group/implementation/number of timers.
 #include <algorithm>
 #include <random>
@@ -16,7 +16,7 @@ namespace
 
 constexpr int64_t idle_ms = 60000;
 
-// The order in which timers are set again: always the oldest, or any.
+// Which timer is set again: always the oldest, or any.
 std::vector<int> visiting_order(int count, bool shuffled)
 {
 	std::vector<int> order(static_cast<size_t>(count));
@@ -88,7 +88,7 @@ void apbase_immediate(benchmark::State &state)
 
 } // namespace
 
-// What is compared runs one after the other, size by size.
+// The implementations take turns, size by size, so that all meet the same state of the machine.
 int main(int argc, char **argv)
 {
 	benchmark::Initialize(&argc, argv);
