@@ -1,6 +1,6 @@
 /*
  * apctl - the daemon that looks after access points, and an example to copy from: an object on the message
- * bus that other daemons announce themselves to, a subscription to each of them, and calls that nobody waits
+ * bus to which other daemons announce themselves, a subscription to each of them, and calls that nobody waits
  * for.
  *
  * On the bus it is the object "apctl", whose messages are JSON (ubus.h):
@@ -15,14 +15,14 @@
  *	GET  /aps         [{"name": "hall", "object": "apstat.hall", "url": "http://192.0.2.1/",
  *	                   "leds": {"power": true}, "reachable": true, "last_seen_s": 4}]
  *	POST /led         {"name": "hall", "led": "power", "on": false} has that access point change an
- *	                  LED. {"sent": true} comes at once; what became of it shows in GET /aps.
+ *	                  LED. {"sent": true} comes at once; GET /aps shows the outcome.
  *
- * What it knows is a table of fixed size in `struct apctl`. Handlers of the bus only write into that table:
- * they may run inside any synchronous call of libubus, one for the same access point included. Subscribing,
- * which takes such calls, is left to one timer, `subscribe_due`.
+ * `struct apctl` has a table of fixed size. Handlers of the bus only write into that table: they may run
+ * inside any synchronous call of libubus, even one for the same access point. Subscribing takes such calls, so
+ * one timer does it, `subscribe_due`.
  *
- * Announcements may come from anybody whom the bus lets call us. One more than fits takes the place of the
- * access point that has been out of reach the longest; those that are there stay.
+ * Anybody whom the bus lets call us may announce. When the table is full, a new access point replaces the one
+ * that has been out of reach the longest; those within reach stay.
  */
 #define _POSIX_C_SOURCE 200809L
 
@@ -31,6 +31,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <syslog.h>
 
 #include "examples/common/daemon.h"
 #include "examples/common/http.h"
@@ -46,8 +47,8 @@
 
 /* An access point. */
 struct ap {
-	struct announcement said; /* its latest announcement, with the LEDs as last heard of */
-	int64_t seen;             /* when it last said something, microseconds of the monotonic clock */
+	struct announcement said; /* its latest announcement; its LEDs follow the notifications */
+	int64_t seen;             /* when its last message came; microseconds of the monotonic clock */
 	struct ubus_subscription subscription;
 	bool due; /* the subscription is still to be made, or is to another object */
 };
@@ -68,7 +69,7 @@ static struct apctl *apctl_of(const struct httpd_conn *conn)
 
 /* ---- The table ---- */
 
-/* libubus does not say that an object has gone, but the subscription is then due to be made again. */
+/* When its object goes away, the subscription waits for the next attempt. */
 static bool is_reachable(const struct apctl *apctl, const struct ap *ap)
 {
 	return apctl->daemon.bus.online && !ap->due && !ap->subscription.retry.pending;
@@ -82,7 +83,7 @@ static struct ap *ap_find(struct apctl *apctl, const char *name)
 	return NULL;
 }
 
-/* Null if all are within reach. One that is still to be subscribed to has a right to its chance. */
+/* Null if all are within reach. One that is due to be subscribed to counts as within reach. */
 static struct ap *ap_longest_gone(struct apctl *apctl)
 {
 	struct ap *longest = NULL;
@@ -95,7 +96,7 @@ static struct ap *ap_longest_gone(struct apctl *apctl)
 	return longest;
 }
 
-/* The place for what is known of an access point of this name; null if there is none. */
+/* The entry for an access point of this name, new or not; null if the table is full. */
 static struct ap *ap_place(struct apctl *apctl, const char *name)
 {
 	struct ap *ap = ap_find(apctl, name);
@@ -116,7 +117,7 @@ static int ap_notifies(struct ubus_context *ctx, struct ubus_object *object, str
 	struct led led;
 	(void)ctx, (void)req;
 
-	if (ap->due) /* it comes from the object that was here before */
+	if (ap->due) /* it is from the entry's former object */
 		return UBUS_STATUS_OK;
 	if (strcmp(type, "led") != 0)
 		return UBUS_STATUS_OK;
@@ -130,10 +131,7 @@ static int ap_notifies(struct ubus_context *ctx, struct ubus_object *object, str
 	return UBUS_STATUS_OK;
 }
 
-/*
- * What is announced inside makes it due once more. Where the bus refuses or is lost, the next connection is
- * next.
- */
+/* An announcement inside makes it due again. If the bus refuses or is lost, the next connection tries again. */
 static void ap_subscribe(struct ap *ap, struct ubus_context *ctx)
 {
 	ap->due = false;
@@ -161,7 +159,7 @@ static json_t *names_json(const struct apctl *apctl)
 	return json_pack("{s:o}", "names", names);
 }
 
-/* Writes it into the table. Returns whether there was a place for it. */
+/* Writes it into the table. Returns false if the table is full. */
 static bool take_announcement(struct apctl *apctl, const struct announcement *announcement)
 {
 	struct ap *ap = ap_place(apctl, announcement->name);
@@ -195,7 +193,7 @@ static const struct ubus_method bus_methods[] = {
 	UBUS_METHOD("announce", bus_announce, ubus_json_attrs),
 };
 
-/* On every connection to the bus: the object, if it is not there yet, and one call for each subscription. */
+/* On every connection to the bus: adds the object, unless it was added before, and subscribes to each. */
 static void join(struct bus *bus)
 {
 	struct apctl *apctl = container_of(bus, struct apctl, daemon.bus);
@@ -226,8 +224,8 @@ static int32_t get_aps(struct httpd_conn *conn)
 /* ---- POST /led ---- */
 
 /*
- * Has the access point change the LED, without waiting for it. Its object's id is asked for now: it is
- * another one after every restart. Returns the code of an HTTP answer.
+ * Has the access point change the LED, without waiting for it. It looks up the object's id each time: a restart changes
+ * it. Returns the code of an HTTP answer.
  */
 static int push_led(struct apctl *apctl, struct ap *ap, const struct led *led)
 {
@@ -250,7 +248,7 @@ static void notify_led(struct apctl *apctl, const char *name, const struct led *
 	bus_notify(&apctl->daemon.bus, &apctl->object, "led", json);
 }
 
-/* Returns the code of an HTTP answer to the request that `json` is. */
+/* Returns the code of the HTTP answer to the request `json`. */
 static int change_led(struct apctl *apctl, json_t *json)
 {
 	struct led led;
@@ -302,7 +300,7 @@ static int apctl_run(const struct daemon_options *options)
 	if (daemon_start(&apctl.daemon, options, handle_request))
 		return EXIT_FAILURE;
 	evloop_run();
-	_log(6, "stopping\n");
+	_log(LOG_INFO, "stopping\n");
 	for (int index = 0; index < apctl.ap_count; index++)
 		mox_ubus_unsubscribe(&apctl.aps[index].subscription);
 	daemon_stop(&apctl.daemon);

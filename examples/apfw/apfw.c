@@ -8,22 +8,22 @@
  *	apfw block MAC       lets a guest get no further than the portal
  *	apfw unblock MAC     lets it on again
  *
- * In the network of process 1, which is the machine's, it changes something only if it is told to by
- * --change-this-machine: whoever tries it on a workstation does so in a network namespace.
+ * In the network of process 1, which is the machine's, it changes nothing without --change-this-machine. To try it on
+ * a workstation, use a network namespace.
  *
  * Each change is one transaction: the kernel makes all of it, or nothing, and no packet meets half of a
- * firewall. All of it is in the table "apfw" of the family inet, which sees IPv4 and IPv6:
+ * firewall. Everything is in the table "apfw" of the family inet, which sees IPv4 and IPv6:
  *
  *	set blocked       Ethernet addresses of guests that are blocked
- *	set clients       those of guests seen lately, each with its own measure of what it sends
- *	chain prerouting  drops what a guest sends beyond its rate, and marks what is left
+ *	set clients       those of guests seen lately, each with a limit of its own
+ *	chain prerouting  drops packets of a guest beyond its rate, and marks the rest
  *	chain portal      redirects HTTP of blocked guests to the portal on this machine
- *	chain forward     accepts what the mark lets on, and drops the rest of what guests send
+ *	chain forward     accepts packets of guests with the guests' mark, and drops their other packets
  *	chain input       guests reach DHCP, DNS, ICMP and the portal of this machine; the rest is rejected
  *
- * A guest is known by its Ethernet address, which it can change, and so get a fresh measure and no block;
- * with CLIENTS_MAX in the set, others are not measured at all. Expressions go to the kernel as they are,
- * so a packet's fields are compared in network order, a mark in the machine's.
+ * A guest is known by its Ethernet address. With another address it gets a new limit, and is not blocked. With
+ * CLIENTS_MAX in the set, further guests have no limit. Expressions go to the kernel as they are, so a packet's fields
+ * are compared in network order, a mark in the machine's.
  *
  * Exit status: 0; 1 if the kernel refused, which it also does when the firewall is not up; 2 if the command
  * line is wrong, or does not say that this machine is to be changed.
@@ -61,8 +61,7 @@
 #define MARK_GUEST        0x67 /* of packets that guests send */
 #define MARK_BLOCKED      0x62
 #define MAC_LEN           6
-#define NFT_TYPE_ETHER    9 /* what `nft` calls ether_addr; the kernel only keeps the number */
-#define EXIT_USAGE        2
+#define NFT_TYPE_ETHER    9 /* ether_addr of `nft`; the kernel only keeps the number */
 
 /* The command line. */
 struct options {
@@ -73,16 +72,16 @@ struct options {
 	bool change_this_machine;
 };
 
-/* ---- A transaction that is being built ---- */
+/* ---- A transaction ---- */
 
 struct change {
 	char *buf;
 	struct mnl_nlmsg_batch *batch;
-	struct nftnl_rule *rule; /* the one that is being built */
+	struct nftnl_rule *rule; /* the current one */
 	uint32_t seq;
 };
 
-/* Building fails for want of memory only, and there is nothing that a command could do then. */
+/* Building fails only when memory is exhausted; then the command ends. */
 static void must(bool done)
 {
 	if (done)
@@ -118,7 +117,7 @@ static struct nftnl_set *make_set(const char *name, uint32_t flags)
 	return set;
 }
 
-/* Returns the id by which rules of the same transaction find the set. */
+/* Returns the id by which rules of the same transaction refer to the set. */
 static uint32_t add_set(struct change *change, const char *name, uint32_t flags, uint32_t elements_max)
 {
 	struct nftnl_set *set = make_set(name, flags);
@@ -135,7 +134,7 @@ static void add_chain(struct change *change, const char *name, const char *type,
 		     NULL, ++change->seq) == 0);
 }
 
-/* ---- A rule: the chain, then matches, and at the end what happens to a packet that meets them ---- */
+/* ---- A rule: its chain, then matches, then the verdict ---- */
 
 static void rule_begin(struct change *change, const char *chain)
 {
@@ -143,20 +142,20 @@ static void rule_begin(struct change *change, const char *chain)
 	must(change->rule);
 }
 
-/* The rule takes over the expression. */
+/* Ownership of the expression passes to the rule. */
 static void rule_add(struct change *change, struct nftnl_expr *expr)
 {
 	must(expr);
 	nftnl_rule_add_expr(change->rule, expr);
 }
 
-/* What register 1 holds equals the data, or not. */
+/* Compares register 1 with the data. */
 static void rule_compare(struct change *change, uint32_t op, const void *data, uint32_t len)
 {
 	rule_add(change, kvnft_build_expr_cmp(NFT_REG_1, op, data, len));
 }
 
-/* The kernel compares the whole field, with the zeros behind the name. */
+/* The kernel compares the whole field, and so the zeros after the name. */
 static void rule_match_interface(struct change *change, uint32_t op, const char *name)
 {
 	char field[IF_NAMESIZE] = "";
@@ -174,7 +173,7 @@ static void rule_load_source(struct change *change)
 	rule_add(change, kvnft_build_expr_ether_saddr(NFT_REG_1));
 }
 
-/* A protocol, with a port of TCP or UDP, or 0. */
+/* `port` is of TCP or UDP; 0: any. */
 static void rule_match_service(struct change *change, uint8_t protocol, uint16_t port)
 {
 	uint16_t field = htons(port);
@@ -186,7 +185,7 @@ static void rule_match_service(struct change *change, uint8_t protocol, uint16_t
 	rule_compare(change, NFT_CMP_EQ, &field, sizeof field);
 }
 
-/* `appended` is what appending the last expression has given. */
+/* `appended` is the result of appending the last expression. */
 static void rule_end(struct change *change, int appended)
 {
 	must(appended == 0);
@@ -206,7 +205,7 @@ static void add_prerouting(struct change *change, const struct options *options)
 	rule_match_interface(change, NFT_CMP_NEQ, options->guest);
 	rule_end(change, kvnft_rule_verdict(change->rule, NF_ACCEPT));
 
-	/* Each element gets a copy of the limit, which goes on to the verdict only beyond the rate. */
+	/* Each element gets a copy of the limit, which matches only beyond the rate. */
 	rule_begin(change, "prerouting");
 	rule_load_source(change);
 	struct nftnl_expr *limit = kvnft_build_expr_limit(options->rate, 0);
@@ -284,7 +283,7 @@ static void add_input(struct change *change, const struct options *options)
 		kvnft_rule_reject(change->rule, NFT_REJECT_ICMPX_UNREACH, NFT_REJECT_ICMPX_ADMIN_PROHIBITED));
 }
 
-/* Made, deleted, made again: to make a table that is there changes nothing, so there is one to delete. */
+/* Adds the table so that it can be deleted, whether or not it existed; then builds it anew. */
 static int up(const struct options *options)
 {
 	struct change change;
@@ -307,7 +306,7 @@ static int down(const struct options *options)
 	return kvnft_del_table_simple(TABLE, NFPROTO_INET);
 }
 
-/* Adds the address to the blocked ones, or deletes it from them, whichever `append` does. */
+/* Adds the address to the blocked ones, or deletes it from them, as `append` does. */
 static int change_blocked(
 	const uint8_t *mac, int (*append)(struct mnl_nlmsg_batch *, struct nftnl_set *, uint32_t))
 {
@@ -332,7 +331,7 @@ static int unblock(const struct options *options)
 
 /* ---- status ---- */
 
-/* A set comes in as many messages as it takes; the elements of each are added to `set`. */
+/* A set comes in one message or more; this adds the elements of each to `set`. */
 static int take_elements(const struct nlmsghdr *answer, void *set)
 {
 	return nftnl_set_elems_nlmsg_parse(answer, set) < 0 ? MNL_CB_ERROR : MNL_CB_OK;
@@ -348,12 +347,12 @@ static int print_element(struct nftnl_set_elem *elem, void *unused)
 	return 0;
 }
 
-/* Reads a set from the kernel, and prints it if that has gone well. */
+/* Reads a set from the kernel and prints it. */
 static int print_set(const char *title, const char *name)
 {
 	union {
 		struct nlmsghdr header;
-		char bytes[256]; /* far more than two short names take */
+		char bytes[256]; /* two short names take far less */
 	} request;
 	struct nftnl_set *set = make_set(name, 0);
 	nftnl_nlmsg_build_hdr(request.bytes, NFT_MSG_GETSETELEM, NFPROTO_INET, NLM_F_DUMP, 0);
@@ -367,7 +366,7 @@ static int print_set(const char *title, const char *name)
 	return error;
 }
 
-/* A change of the ruleset that comes in between ends the reading with -EINTR. */
+/* A change of the ruleset meanwhile ends the reading with -EINTR. */
 static int print_set_patiently(const char *title, const char *name)
 {
 	int error = -EINTR;
@@ -402,8 +401,8 @@ static const struct command {
 	const char *name;
 	int (*run)(const struct options *options); /* returns 0, or the kernel's refusal */
 	bool only_reads;
-	const char *object;  /* of the refusal */
-	const char *missing; /* what -ENOENT means */
+	const char *object;  /* what the kernel refused */
+	const char *missing; /* the meaning of -ENOENT */
 } commands[] = {
 	{"up", up, false, "the firewall", " (this kernel lacks a part of nftables)"},
 	{"down", down, false, "to delete it", " (the firewall is not up)"},
@@ -421,20 +420,19 @@ static const struct command *command_find(const char *name)
 	return NULL;
 }
 
-/* Says what is wrong with a word of the command line, and ends. */
-static _Noreturn void refuse(const char *before, const char *word, const char *behind)
+/* Prints what is wrong with a word of the command line, and ends. */
+static _Noreturn void refuse(const char *before, const char *word, const char *after)
 {
-	fprintf(stderr, "apfw: %s '%s'%s\n", before, word, behind);
-	exit(EXIT_USAGE);
+	exit(usage_error("apfw", before, word, after));
 }
 
-/* A number from 1 to `max` in decimal digits; 0 if it is none. */
-static uint32_t parse_number(const char *text, uint32_t max)
+/* Reads a number from 1 to `max`; ends if it is none. */
+static uint32_t parse_positive(const char *text, uint32_t max, const char *before, const char *after)
 {
-	uint64_t value = 0;
-	for (; *text >= '0' && *text <= '9' && value <= max; text++)
-		value = value * 10 + (uint64_t)(*text - '0');
-	return *text == '\0' && value <= max ? (uint32_t)value : 0;
+	int64_t value = parse_number(text, max);
+	if (value < 1)
+		refuse(before, text, after);
+	return (uint32_t)value;
 }
 
 /* Six bytes of two hexadecimal digits, with colons between them and nothing else. */
@@ -464,17 +462,15 @@ static void option_set(struct options *options, const char *name, const char *va
 			refuse("bad interface", value, ": not 1 to 15 characters");
 		options->guest = value;
 	} else if (is_portal) {
-		options->portal = parse_number(value, UINT16_MAX);
-		if (options->portal == 0)
-			refuse("bad port", value, ": not a number from 1 to 65535");
+		options->portal =
+			parse_positive(value, UINT16_MAX, "bad port", ": not a number from 1 to 65535");
 	} else {
-		options->rate = parse_number(value, UINT32_MAX);
-		if (options->rate == 0)
-			refuse("bad rate", value, ": not a number from 1 to 4294967295");
+		options->rate =
+			parse_positive(value, UINT32_MAX, "bad rate", ": not a number from 1 to 4294967295");
 	}
 }
 
-/* Takes what stands behind the command. */
+/* Reads the words after the command. */
 static void arguments_parse(struct options *options, const struct command *command, char **argument)
 {
 	if (command->run == up) {
@@ -489,16 +485,16 @@ static void arguments_parse(struct options *options, const struct command *comma
 		refuse("unexpected argument", *argument, ", see apfw --help");
 }
 
-/* Who may not look at process 1 is in a namespace of its own, or has no right to change what process 1 uses. */
+/* Without the right to look at process 1, this is in another namespace, or has no right to change that network. */
 static bool is_network_of_process_1(void)
 {
 	struct stat ours, its;
 	if (stat("/proc/self/ns/net", &ours))
-		return true; /* there is no telling */
+		return true; /* it cannot be told */
 	return stat("/proc/1/ns/net", &its) == 0 && its.st_ino == ours.st_ino && its.st_dev == ours.st_dev;
 }
 
-/* The reason that a user can do something about, or an empty text. */
+/* A hint for the user, or an empty text. */
 static const char *reason(const struct command *command, int error)
 {
 	switch (error) {

@@ -1,36 +1,33 @@
 /*
  * apinit - the program that an access point starts first, and an example to copy from.
  *
- * It says what it finds, has the LED blink, makes the root writable, exports the radios' calibration data,
- * has the LED shine, and starts a command with its own environment and standard streams. Nothing that fails
- * on the way keeps it from that: a device that does not come up cannot be repaired over the network. From
- * then on the loop reaps children; process 1 gets those of others as well.
+ * It logs the board, has the LED blink, makes the root writable, exports the radios' calibration data, lights the LED,
+ * and starts a command with its own environment and standard streams. A failure on the way does not keep it from that:
+ * a device that does not start cannot be repaired over the network. From then on the loop reaps children; process 1
+ * gets those of others as well.
  *
- * This moves mounts, so it is done by process 1 only, of the machine or of a pid namespace with a /proc of its
- * own, and by another process only if it is told to by --change-this-machine. Without the directories /system,
- * /mnt and /data the root stays as it is: the overlay would fail half-way, and without /data it would erase the
- * flash memory that it cannot mount there.
+ * It moves mounts. So it does its work only as process 1, of the machine or of a pid namespace with a /proc of its own;
+ * another process needs --change-this-machine. Without the directories /system, /mnt and /data the root stays as it is:
+ * the overlay would fail half-way, and without /data it would erase the flash memory that it cannot mount there.
  *
- * /proc, /sys, /dev and /tmp must be mounted before, /tmp for writing. What is not there is reported by what
- * misses it.
+ * /proc, /sys, /dev and /tmp must be mounted before, /tmp for writing. Each part that misses one of them logs it.
  *
- * The board's start-up work may never come to an end (device.h) and so has a process of its own. It is killed
- * after DEVICE_LIMIT_MS, and what it had begun to write stays.
+ * The board's start-up work may never end (device.h), so it has a process of its own. That process is killed after
+ * DEVICE_LIMIT_MS; a partly written file of its stays.
  *
- * SIGTERM and SIGINT are passed on to all its children as SIGTERM; a command that has not ended
- * STOP_PATIENCE_MS later is killed. Only the command is: it stays in apinit's process group, or it could not
- * read from a terminal. During the start they are heeded after the step that is running, and no command is
- * started then.
+ * SIGTERM and SIGINT are passed on to all its children, as SIGTERM. If the command has not ended STOP_PATIENCE_MS later,
+ * it is killed. The command's own children are not: it stays in apinit's process group, since outside of that it could
+ * not read from a terminal. A signal during the start takes effect after the current step; no command is started then.
  *
- * When the command has ended, the LED blinks fast, and apinit ends with its status: 0 if a signal has ended
- * it (evloop-process.h) or it was not wanted any more, 1 if it had to be killed, 127 if it could not be
- * started. Without an event loop it ends with 1 before anything is done. Process 1 goes on in each case,
- * since the kernel would panic without one: it reaps, also after a command line that makes no sense, and
- * without an event loop it still starts the command, but hears no signals. It ends only after --help, --version
- * and --show, and in a pid namespace that has no /proc of its own.
+ * When the command has ended, the LED blinks fast, and apinit ends. Its status is the command's; 0 if a signal ended the
+ * command (evloop-process.h), or came before it was started; 1 if the command had to be killed; 127 if it could not be
+ * started. Without an event loop it ends with 1 before it does anything.
  *
- * What it says goes to the standard streams; with --quiet, which points those at /dev/null, to the kernel
- * log.
+ * The kernel panics if process 1 ends, so process 1 goes on in all these cases, and after a wrong command line: it
+ * reaps. Without an event loop it still starts the command, but does not react to signals. It ends only after --help,
+ * --version and --show, and in a pid namespace without a /proc of its own.
+ *
+ * Messages go to the standard streams; with --quiet, which points those at /dev/null, to the kernel log.
  *
  * With --show it changes nothing and prints the board as JSON (show.h).
  */
@@ -40,7 +37,6 @@
 #include <fcntl.h>
 #include <getopt.h>
 #include <signal.h>
-#include <spawn.h>
 #include <stdbool.h>
 #include <stddef.h>
 #include <stdio.h>
@@ -52,6 +48,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include "examples/common/process.h"
 #include "examples/common/program.h"
 #include "lib/caldata.h"
 #include "lib/device.h"
@@ -62,11 +59,11 @@
 #include "lib/utils.h"
 #include "show.h"
 
-#define DEVICE_LIMIT_MS  5000 /* many times what a copy out of flash memory takes */
+#define DEVICE_LIMIT_MS  5000 /* a copy out of flash memory takes far less */
 #define STOP_PATIENCE_MS 5000
 
-/* Exit statuses, and what is none. */
-enum { RUN = -1, EXIT_USAGE = 2, EXIT_NOT_STARTED = 127 };
+/* An exit status; and the result of functions that return one, if there is none yet. */
+enum { EXIT_NOT_STARTED = 127, RUN = -1 };
 
 extern char **environ;
 
@@ -79,7 +76,7 @@ struct options {
 	char **command;
 };
 
-/* What is started, and what ends it. */
+/* The processes that it starts, and their limits. */
 struct init {
 	const struct options *options;
 	struct evloop_io signals; /* a signalfd */
@@ -92,9 +89,9 @@ struct init {
 	int status;    /* to exit with */
 };
 
-/* ---- What is there ---- */
+/* ---- The machine ---- */
 
-/* `found` is freed; null is nothing. A console that is the kernel's last parameter has its line feed. */
+/* Logs and frees `found`; null: nothing was found. The kernel's last parameter ends in a line feed. */
 static void say(const char *what, char *found)
 {
 	if (found)
@@ -103,7 +100,7 @@ static void say(const char *what, char *found)
 	free(found);
 }
 
-/* Whether the root has what the overlay is mounted on. Says what is missing. */
+/* Whether the root has the directories that the overlay needs. Logs the missing ones. */
 static bool has_overlay_directories(void)
 {
 	static const char *const paths[] = {"/system", "/mnt", "/data"};
@@ -129,7 +126,7 @@ static void make_ready(const struct options *options)
 	dev_led_set(DEV_LED_WHITE_BLINK);
 	if (!options->no_overlay && has_overlay_directories())
 		mount_overlayfs();
-	if (chdir("/")) /* it would still be where it was below the old root */
+	if (chdir("/")) /* it would still be below the old root */
 		_log(LOG_ERR, "cannot change to the root: %s\n", strerror(errno));
 }
 
@@ -141,41 +138,22 @@ static pid_t fork_device(void)
 	pid_t pid = fork();
 	if (pid != 0)
 		return pid;
-	alarm(2 * DEVICE_LIMIT_MS / 1000); /* should nobody be there to kill it */
+	alarm(2 * DEVICE_LIMIT_MS / 1000); /* in case nobody kills it */
 	_exit(dev_init() ? EXIT_FAILURE : EXIT_SUCCESS);
 }
 
-/* Starts a process with no signal blocked. Returns 0, or an errno value, also if only the program fails. */
-static int spawn(pid_t *pid, char **command)
-{
-	posix_spawnattr_t attributes;
-	sigset_t none, ignored;
-	sigemptyset(&none);
-	sigemptyset(&ignored);
-	sigaddset(&ignored, SIGPIPE);
-	int error = posix_spawnattr_init(&attributes);
-	if (error)
-		return error;
-	posix_spawnattr_setsigmask(&attributes, &none);
-	posix_spawnattr_setsigdefault(&attributes, &ignored);
-	posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-	error = posix_spawnp(pid, command[0], NULL, &attributes, command, environ);
-	posix_spawnattr_destroy(&attributes);
-	return error;
-}
-
-/* What the LED shows from now on is up to the command. Returns false if it cannot be started. */
+/* From now on the LED is the command's. Returns false if the command cannot be started. */
 static bool spawn_command(pid_t *pid, char **command)
 {
 	_log(LOG_INFO, "starting %s\n", command[0]);
 	dev_led_set(DEV_LED_BLUE_ON);
-	int error = spawn(pid, command);
+	int error = process_spawn(pid, command[0], command, environ, false);
 	if (error)
 		_log(LOG_ERR, "cannot start %s: %s\n", command[0], strerror(error));
 	return !error;
 }
 
-/* Whether kill_children finds this child of ours: not if its name holds a blank (utils.h). */
+/* Whether kill_children finds this child of ours. It does not if the name has a blank (utils.h). */
 static bool is_found(pid_t pid)
 {
 	char path[64];
@@ -188,17 +166,17 @@ static bool is_found(pid_t pid)
 	return found;
 }
 
-/* All that process 1 does when nothing else is left, or possible. */
+/* The rest of the life of a process 1 that has nothing else to do. */
 static void reap_for_ever(void)
 {
 	for (;;)
 		if (waitpid(-1, NULL, 0) < 0)
-			sleep(1); /* there are none now: an orphan may come */
+			sleep(1); /* there are none now; an orphan may come */
 }
 
 /* ---- The start, step by step, and the end ---- */
 
-/* There is nothing left to wait for, but for process 1. */
+/* Ends the loop, unless this is process 1. */
 static void finish(struct init *init, int status)
 {
 	dev_led_set(DEV_LED_WHITE_BLINK_FAST);
@@ -207,7 +185,7 @@ static void finish(struct init *init, int status)
 		evloop_end();
 }
 
-/* Takes the next step, unless we were told to stop during the last. */
+/* Takes the next step, unless a signal has arrived during the last. */
 static void go_on(struct init *init, void (*step)(struct init *))
 {
 	evloop_handle_ios(0); /* calls handle_signals if there is one */
@@ -228,7 +206,7 @@ static void start_command(struct init *init)
 static void device_ended(struct evloop_process *process, int exit_status)
 {
 	struct init *init = owner_of(process, struct init, device);
-	(void)exit_status; /* what failed has been logged there */
+	(void)exit_status; /* that process has logged its failures */
 	evloop_timeout_cancel(&init->device_limit);
 	go_on(init, start_command);
 }
@@ -277,7 +255,7 @@ static void lose_patience(struct evloop_timeout *timeout)
 	finish(init, EXIT_FAILURE);
 }
 
-/* The board's start-up work is a child, too, but has these signals blocked as we have. */
+/* The board's start-up work is a child, too. It ignores this, since it inherits our blocked signals. */
 static void stop(struct init *init)
 {
 	if (!init->stopping)
@@ -292,7 +270,7 @@ static void stop(struct init *init)
 		evloop_timeout_set(&init->patience, STOP_PATIENCE_MS);
 }
 
-/* One signal a call, so that timeouts are looked after however many come. SIGCHLD only wakes the loop. */
+/* One signal a call, so that timeouts are served however many signals come. SIGCHLD only wakes the loop. */
 static void handle_signals(struct evloop_io *io, unsigned int events)
 {
 	struct signalfd_siginfo info;
@@ -300,21 +278,6 @@ static void handle_signals(struct evloop_io *io, unsigned int events)
 
 	if (read(io->fd, &info, sizeof info) == (ssize_t)sizeof info && info.ssi_signo != SIGCHLD)
 		stop(owner_of(io, struct init, signals));
-}
-
-/* Blocks the signals that are then read from a descriptor. Returns 0, or -1 with errno set. */
-static int watch_signals(struct evloop_io *io)
-{
-	sigset_t set;
-	sigemptyset(&set);
-	sigaddset(&set, SIGTERM);
-	sigaddset(&set, SIGINT);
-	sigaddset(&set, SIGCHLD);
-	if (sigprocmask(SIG_SETMASK, &set, NULL))
-		return -1;
-	io->fd = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
-	io->cb = handle_signals;
-	return io->fd < 0 ? -1 : evloop_io_add(io, EVLOOP_READ);
 }
 
 /* Process 1 without an event loop: the same steps, one after the other. */
@@ -340,7 +303,7 @@ static int run(const struct options *options)
 		.patience.cb = lose_patience,
 	};
 
-	if (evloop_init() || watch_signals(&init.signals)) {
+	if (evloop_init() || process_watch_signals(&init.signals, SIG_SETMASK, handle_signals)) {
 		_log(LOG_ERR, "cannot set up the event loop: %s\n", strerror(errno));
 		if (getpid() == 1)
 			run_without_loop(options);
@@ -357,8 +320,8 @@ static int run(const struct options *options)
 /* ---- The process itself ---- */
 
 /*
- * Whether /proc numbers processes as our own pid namespace does, and so was mounted for it. If it does not, the
- * mounts are those of whoever made the namespace.
+ * Whether /proc is of our own pid namespace: then it has our number for us. If it is not, the mounts belong to the
+ * process that made the namespace.
  */
 static bool has_own_proc(void)
 {
@@ -384,17 +347,17 @@ static int check_process(const struct options *options)
 	return EXIT_USAGE;
 }
 
-/* What whoever started us has set is of no use here. */
+/* Undoes settings that our parent may have made. */
 static void set_up_signals(void)
 {
-	signal(SIGPIPE, SIG_IGN); /* a reader that is gone is no reason to end */
+	signal(SIGPIPE, SIG_IGN); /* a write to a reader that is gone then fails, and does not end us */
 	signal(SIGCHLD, SIG_DFL); /* if it was ignored, the kernel would reap, and forget the status */
 }
 
-/* Decides where what is said goes, and so what the command says. */
+/* Sets where our messages go, and the standard streams of the command. */
 static void set_up_output(bool quiet)
 {
-	setvbuf(stdout, NULL, _IOLBF, 0); /* in order with standard error, and with what the command says */
+	setvbuf(stdout, NULL, _IOLBF, 0); /* keeps the order with standard error, and with the command */
 	log_open(quiet ? LOG_DEST_KMSG : LOG_DEST_STDIO, LOG_DAEMON, "apinit");
 	if (quiet && redir_to_devnull(1, 1))
 		_log(LOG_ERR, "cannot open /dev/null: %s\n", strerror(errno));
@@ -420,13 +383,7 @@ static const char usage[] =
 	"  -h, --help             print this text\n"
 	"  --version              print the version\n";
 
-static int usage_error(const char *what, const char *word)
-{
-	fprintf(stderr, "apinit: %s '%s', see apinit --help\n", what, word);
-	return EXIT_USAGE;
-}
-
-/* Reads the command line. Returns RUN, or the status to exit with: all has been said then. */
+/* Reads the command line. Returns RUN; or the status to exit with, and everything has been printed. */
 static int parse(struct options *options, int argc, char **argv)
 {
 	int help = 0, version = 0;
@@ -447,15 +404,15 @@ static int parse(struct options *options, int argc, char **argv)
 		(found = getopt_long(argc, argv, "+:h", known, NULL)) == 0 || found == 'h')
 		help |= found == 'h';
 	if (found != -1)
-		return usage_error("bad option", word);
+		return usage_error_see_help("apinit", "bad option", word);
 	if (help)
 		return print_help("apinit", usage);
 	if (version)
 		return print_version("apinit");
 	if (options->show && argv[optind])
-		return usage_error("unexpected argument", argv[optind]);
+		return usage_error_see_help("apinit", "unexpected argument", argv[optind]);
 	if (options->show && (options->quiet || options->no_overlay || options->change_this_machine))
-		return usage_error("no other option goes with", "--show");
+		return usage_error_see_help("apinit", "no other option goes with", "--show");
 	if (!options->show && !argv[optind]) {
 		fputs(usage, stderr);
 		return EXIT_USAGE;

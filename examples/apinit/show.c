@@ -23,7 +23,7 @@ static const char *part_without_address(const json_t *radios)
 	return NULL;
 }
 
-/* Says why there are no addresses. */
+/* Adds the reason why there are no addresses. */
 static void add_error(json_t *board)
 {
 	const char *part = part_without_address(json_object_get(board, "radios"));

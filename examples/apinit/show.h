@@ -1,9 +1,9 @@
 /*
- * show - the board as JSON on standard output: what examples/common/board.h says, and, if "mac_addresses" is
- * null, "mac_addresses_error", a text that says why.
+ * show - the board as JSON on standard output, as in examples/common/board.h. If "mac_addresses" is null, there is also
+ * "mac_addresses_error", a text with the reason.
  */
 #pragma once
 #include <stdbool.h>
 
-/* Returns false if something has failed; whether all of it has been written is known after a flush. */
+/* Returns false after a failure. Flush standard output to learn whether all has been written. */
 bool show_board(void);

@@ -3,36 +3,35 @@
  * loop, with answers that wait for a timer or for a child process, and an object on the message bus. Where
  * the library is installed, its headers are <apbase/evloop.h> and so on.
  *
- * There is one thread, one loop, and one record, `struct apstatd`, that owns all there is. There are no
- * globals here: the library hands every callback the record it belongs to (a connection, a timer, a child
- * watcher, an object), and container_of, which comes with libubox, finds what lies around it. The one
- * exception, where a callback gets no argument, is in examples/common/bus.c.
+ * There is one thread, one loop, and one record, `struct apstatd`, that owns everything. There are no globals
+ * here: the library hands every callback the record it belongs to (a connection, a timer, a child watcher, an
+ * object), and container_of, which comes with libubox, finds the record around it. One callback gets no
+ * argument; it is in examples/common/bus.c.
  *
- * A request is looked up in the table `routes` and answered by one function, in one of two ways.
- * Either it composes the answer in the connection's two buffers and returns, or it makes a `struct
- * deferred`, which owes the connection an answer until deferred_finish.
+ * The table `routes` has one function for each request. It composes the answer in the connection's two buffers
+ * and returns; or it makes a `struct deferred`, which owes the connection an answer until deferred_finish.
  *
- * On the bus it is the object "apstat", or "apstat.NAME", whose messages are JSON (ubus.h): the methods
- * "status" and "set_led", and a notification "led" for every LED that changes. It subscribes to the object
- * "apctl", the daemon that looks after all access points, and announces itself there as soon as, and
- * whenever, that stands: when apctl starts late, when it restarts, and when the bus does. `join` is all there
- * is to do for it on a new connection. Without a bus everything else works the same.
+ * On the bus it is the object "apstat", or "apstat.NAME", with JSON messages (ubus.h): the methods "status" and
+ * "set_led", and a notification "led" for every LED that changes. It subscribes to the object "apctl", the
+ * daemon that looks after all access points, and announces itself there whenever the subscription is made:
+ * when apctl starts late, when it restarts, and when the bus does. `join` alone sees to that on a new
+ * connection. Without a bus everything else works the same.
  *
- * What it says about the board is found when it starts (board.h). It keeps how many requests came in each
- * step of the last minutes, so that the page can plot them at once, whoever opens it.
+ * It describes the board once, when it starts (board.h). It counts the requests in each step of the last
+ * minutes, so that the page can plot them at once.
  *
- * What ends the daemon is in examples/common/daemon.c. Everything is given back then: first the answers still
- * owed, then what was asked for on the bus, then the rest.
+ * examples/common/daemon.c ends the daemon. It then releases everything: first it completes the deferred answers,
+ * then it ends its calls and subscriptions on the bus, then the rest.
  */
 #define _POSIX_C_SOURCE 200809L
 
 #include <jansson.h>
 #include <signal.h>
-#include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/wait.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include "examples/apstatd/page.h"
@@ -41,6 +40,8 @@
 #include "examples/common/guard.h"
 #include "examples/common/http.h"
 #include "examples/common/message.h"
+#include "examples/common/process.h"
+#include "examples/common/program.h"
 #include "lib/device.h"
 #include "lib/evloop-process.h"
 #include "lib/evloop.h"
@@ -62,10 +63,10 @@
 
 #define LED_UNKNOWN (-1)
 
-/* How many requests came in each of the last steps; the present one's are those since `requests_before`. */
+/* The number of requests in each of the last steps; in the present step, those since `requests_before`. */
 struct history {
 	uint64_t requests[HISTORY_STEPS]; /* a ring */
-	int step;                         /* the present one's place in it */
+	int step;                         /* the index of the present step */
 	uint64_t requests_before;
 	struct evloop_timeout timeout; /* the end of the step */
 };
@@ -77,28 +78,27 @@ struct apstatd {
 	int64_t started;           /* microseconds of the monotonic clock */
 	uint64_t requests;         /* that reached handle_request, the current one included */
 	uint64_t timers_fired;
-	int children; /* that are running */
+	int children; /* running */
 
-	json_t *board; /* as it was found at start */
-	int led;       /* what the board's LEDs were last told to show, DEV_LED_*, or LED_UNKNOWN */
+	json_t *board; /* as described at the start */
+	int led;       /* the state last set, DEV_LED_*, or LED_UNKNOWN */
 	struct history history;
 
-	struct announcement self; /* who we are, and our LEDs */
+	struct announcement self; /* our name, object, URL and LEDs */
 	struct ubus_object object;
 	struct ubus_subscription apctl;
 	struct ubus_retry_request announce;
-	bool announced;       /* apctl has taken up our latest announcement */
-	size_t access_points; /* that apctl knows of, as it has last said */
+	bool announced;       /* apctl has accepted our latest announcement */
+	size_t access_points; /* known to apctl, by its last notification */
 };
 
 /*
- * An answer that is owed to a connection, and what it waits for: `timeout` or `process`. As long as
- * it exists the connection's record does too, even if the peer has gone; what is written then is
- * dropped, so nobody here has to ask whether there is still somebody to answer.
+ * A deferred answer, which waits for `timeout` or `process`. As long as it exists, the connection's record does, too,
+ * even if the peer has gone. The answer is then dropped, so nothing here checks for that.
  */
 struct deferred {
 	struct deferred *next;
-	struct deferred **link; /* what points here: the list's head, or a neighbour's `next` */
+	struct deferred **link; /* the pointer to this one: the list's head, or a neighbour's `next` */
 	struct httpd_conn *conn;
 	struct evloop_timeout timeout;
 	struct evloop_process process;
@@ -112,9 +112,8 @@ static struct apstatd *apstatd_of(const struct httpd_conn *conn)
 /* ---- Requests ---- */
 
 /*
- * The decoded value of one of the query's parameters, wherever it stands, for the caller to free; null
- * if there is none. `name` is written with a "?" before it: by that name the library knows the first
- * parameter of a query, and any other without it.
+ * The decoded value of a parameter of the query, for the caller to free; null if there is none. `name` begins with a
+ * "?": the library keeps that in the name of the first parameter, so it is looked up with and without it.
  */
 static char *query_text(struct httpd_conn *conn, const char *name)
 {
@@ -123,15 +122,18 @@ static char *query_text(struct httpd_conn *conn, const char *name)
 }
 
 /*
- * The same for a number from 0 to `max`; without such a parameter `*number` keeps the default it has.
- * Returns 0, or -EINVAL for anything that is not such a number.
+ * The same for a number from 0 to `max`. Without such a parameter, `*number` stays as it is. Returns 0, or a negative
+ * number if the value is not such a number.
  */
 static int query_number(struct httpd_conn *conn, const char *name, int max, int *number)
 {
 	char *text = query_text(conn, name);
-	int error = text ? parse_number(text, max, number) : 0;
+	int value = text ? (int)parse_number(text, (uint32_t)max) : *number;
 	free(text);
-	return error;
+	if (value < 0)
+		return value;
+	*number = value;
+	return 0;
 }
 
 /* ---- Deferred answers ---- */
@@ -152,7 +154,7 @@ static struct deferred *deferred_new(struct httpd_conn *conn)
 	return deferred;
 }
 
-/* Ends it, after the answer has been written. It, and perhaps its connection, are gone afterwards. */
+/* Ends it after the answer has been written. It is released, and its connection may be, too. */
 static void deferred_finish(struct deferred *deferred, int32_t keep)
 {
 	*deferred->link = deferred->next;
@@ -259,8 +261,8 @@ static int32_t get_status(struct httpd_conn *conn)
 /* ---- POST /led?state=2 ---- */
 
 /*
- * The state in a query that is "?state=" and its one digit, or LED_UNKNOWN. Of a POST the library looks up
- * parameters in the body, so query_number is of no help.
+ * The state in a query that is "?state=" and one digit, or LED_UNKNOWN. query_number does not serve: for a POST, the
+ * library looks up parameters in the body.
  */
 static int led_wanted(const struct httpd_conn *conn)
 {
@@ -273,7 +275,7 @@ static int led_wanted(const struct httpd_conn *conn)
 	return state >= DEV_LED_OFF && state <= DEV_LED_BLUE_BLINK ? state : LED_UNKNOWN;
 }
 
-/* The board's LEDs are told, and cannot be asked: what they show is what they were told last. */
+/* The board's LEDs can be set, but not read: their state is the one last set. */
 static int32_t post_led(struct httpd_conn *conn)
 {
 	struct apstatd *apstatd = apstatd_of(conn);
@@ -295,7 +297,7 @@ static int32_t get_leds(struct httpd_conn *conn)
 
 /* ---- GET /bus ---- */
 
-/* The subscription ends with apctl, and is then due to be made again. */
+/* When apctl goes away, the subscription waits for the next attempt. */
 static bool is_subscribed(const struct apstatd *apstatd)
 {
 	return apstatd->daemon.bus.online && !apstatd->apctl.retry.pending;
@@ -316,7 +318,7 @@ static int32_t get_bus(struct httpd_conn *conn)
 
 /* ---- POST /echo ---- */
 
-/* Any bytes come back as they are; so does their type, but for white space, which the server tidies up. */
+/* The bytes come back as they are, and their type does except for white space, which the server changes. */
 static int32_t post_echo(struct httpd_conn *conn)
 {
 	const char *content_type = header_get(conn, "Content-Type");
@@ -366,10 +368,9 @@ static int32_t get_slow(struct httpd_conn *conn)
 /* ---- GET /run?code=0&seconds=0 ---- */
 
 /*
- * Starts a shell that takes `seconds` and ends with `code`. It gets an empty signal mask, as ours is
- * inherited otherwise, and so is that libubus ignores SIGPIPE; a process group of its own, so that what it
- * starts can be ended with it; and none of our descriptors but the standard ones, as the library and signalfd
- * close theirs on exec. Only numbers are put into the command: text from the network has no place in one.
+ * Starts a shell that takes `seconds` and ends with `code`, in a process group of its own, so that its children can be
+ * ended with it. It gets none of our descriptors but the standard ones: the library and signalfd close theirs on exec.
+ * Only numbers are put into the command: text from the network has no place in one.
  *
  * Returns its process id, or a negated errno.
  */
@@ -380,27 +381,12 @@ static pid_t child_start(int seconds, int code)
 	char shell[] = "sh", option[] = "-c", path[] = "PATH=/usr/bin:/bin";
 	char *const arguments[] = {shell, option, command, NULL};
 	char *const environment[] = {path, NULL};
-
 	pid_t pid = 0;
-	sigset_t no_signals, ignored;
-	sigemptyset(&no_signals);
-	sigemptyset(&ignored);
-	sigaddset(&ignored, SIGPIPE);
-	posix_spawnattr_t attributes;
-	int error = posix_spawnattr_init(&attributes);
-	if (error)
-		return -error;
-	posix_spawnattr_setflags(
-		&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
-	posix_spawnattr_setsigmask(&attributes, &no_signals);
-	posix_spawnattr_setsigdefault(&attributes, &ignored);
-	posix_spawnattr_setpgroup(&attributes, 0);
-	error = posix_spawn(&pid, "/bin/sh", NULL, &attributes, arguments, environment);
-	posix_spawnattr_destroy(&attributes);
+	int error = process_spawn(&pid, "/bin/sh", arguments, environment, true);
 	return error ? -error : pid;
 }
 
-/* Ends a child and all it has started, once the loop, which would have reaped it, runs no more. */
+/* Ends a child and its process group, and reaps it. Only after the loop has ended, which else reaps. */
 static void child_kill(struct evloop_process *process)
 {
 	kill(-process->pid, SIGKILL);
@@ -409,8 +395,8 @@ static void child_kill(struct evloop_process *process)
 }
 
 /*
- * The status arrives as a signed number of 8 bits, 200 as -56; both are shown. A child that was
- * ended by a signal arrives as 0 and cannot be told from one that went well.
+ * The status arrives as a signed 8-bit number, 200 as -56; both are shown. A child that a signal ended arrives as 0,
+ * like a success.
  */
 static void run_answer(struct evloop_process *process, int exit_status)
 {
@@ -435,7 +421,7 @@ static int32_t get_run(struct httpd_conn *conn)
 		return answer_error(conn, 503);
 	pid_t pid = child_start(seconds, code);
 	if (pid < 0) {
-		_log(3, "unable to start a child process: err=%d\n", (int)pid);
+		_log(LOG_ERR, "unable to start a child process: err=%d\n", (int)pid);
 		return answer_error(conn, 500);
 	}
 
@@ -443,7 +429,7 @@ static int32_t get_run(struct httpd_conn *conn)
 	struct deferred *deferred = deferred_new(conn);
 	deferred->process.pid = pid;
 	deferred->process.cb = run_answer;
-	/* Never too late: children are reaped on the loop's next pass, not before. */
+	/* The child cannot be missed: the loop reaps on its next pass, not before. */
 	int added = evloop_process_add(&deferred->process);
 	log_assert(added == 0);
 	return 1;
@@ -516,7 +502,7 @@ static const struct ubus_method bus_methods[] = {
 
 /* ---- apctl ---- */
 
-/* The buffer is the request's own, which tells whose it is. */
+/* The buffer lies in the request, which leads to the daemon. */
 static int announce_prepare(struct blob_buf *message)
 {
 	const struct ubus_retry_request *request = container_of(message, struct ubus_retry_request, buf);
@@ -528,7 +514,7 @@ static int announce_prepare(struct blob_buf *message)
 	return 0;
 }
 
-/* {"accepted": true}. A refusal is an answer too: what ends with an error status is sent again and again. */
+/* {"accepted": true}. A refusal is an answer, too: an error status would have the request sent again and again. */
 static void announce_answer(struct ubus_request *request, int type, struct blob_attr *message)
 {
 	struct apstatd *apstatd = container_of(ubus_req_to_retry_request(request), struct apstatd, announce);
@@ -542,10 +528,10 @@ static void announce_answer(struct ubus_request *request, int type, struct blob_
 	json_decref(json);
 	apstatd->announced = accepted;
 	if (!accepted)
-		_log(4, "apctl has not accepted the announcement\n");
+		_log(LOG_WARNING, "apctl has not accepted the announcement\n");
 }
 
-/* There is an apctl: for the first time, or another one. */
+/* apctl is there, for the first time or again. */
 static int apctl_found(struct ubus_subscription *subscription)
 {
 	struct apstatd *apstatd = container_of(subscription, struct apstatd, apctl);
@@ -554,7 +540,7 @@ static int apctl_found(struct ubus_subscription *subscription)
 	return ubus_retry_request_invoke(&apstatd->announce);
 }
 
-/* Of apctl's notifications "aps" counts, which names the access points: {"names": ["attic", "hall"]}. */
+/* Counts the access points in the notification "aps": {"names": ["attic", "hall"]}. Ignores all others. */
 static int apctl_notifies(struct ubus_context *ctx, struct ubus_object *object, struct ubus_request_data *req,
 	const char *type, struct blob_attr *message)
 {
@@ -571,10 +557,7 @@ static int apctl_notifies(struct ubus_context *ctx, struct ubus_object *object, 
 	return UBUS_STATUS_OK;
 }
 
-/*
- * On every connection to the bus: the object, if it is not there yet, and the subscription, with all it
- * entails.
- */
+/* On every connection to the bus: adds the object, unless it was added before, and subscribes. */
 static void join(struct bus *bus)
 {
 	struct apstatd *apstatd = container_of(bus, struct apstatd, daemon.bus);
@@ -586,10 +569,10 @@ static void join(struct bus *bus)
 
 /* ---- Start and stop ---- */
 
-/* Two LEDs that are only remembered, for apctl to set; those of the board are set by POST /led. */
+/* Two LEDs that exist only here, for apctl to set; POST /led sets those of the board. */
 static const struct leds initial_leds = {.led = {{"power", true}, {"wlan", false}}, .count = 2};
 
-/* Everything about the bus that does not need one. Without a name it is the only access point around. */
+/* Prepares the object, the subscription and the announcement. An empty name makes the object "apstat". */
 static void apstatd_init_bus(struct apstatd *apstatd, const char *name, struct ubus_object_type *type)
 {
 	struct announcement *self = &apstatd->self;
@@ -608,7 +591,7 @@ static void apstatd_init_bus(struct apstatd *apstatd, const char *name, struct u
 	apstatd->daemon.bus.joined = join;
 }
 
-/* Answers what is owed with an error, so that the connection is free to be closed. */
+/* Completes a deferred answer with an error, so that its connection can be closed. */
 static void deferred_abandon(struct deferred *deferred)
 {
 	evloop_timeout_cancel(&deferred->timeout);
@@ -643,7 +626,7 @@ static int apstatd_run(const struct daemon_options *options)
 	apstatd.board = board_json();
 	history_start(&apstatd.history);
 	evloop_run();
-	_log(6, "stopping\n");
+	_log(LOG_INFO, "stopping\n");
 	apstatd_stop(&apstatd);
 	return EXIT_SUCCESS;
 }

@@ -1,6 +1,6 @@
 /*
- * The library logs a radio whose address it cannot read, rightly so where the radio is needed. On a machine
- * without one, where the examples run as well, that is no error: so only radios that are there are asked.
+ * The library logs an error for a radio whose address it cannot read. The examples also run on machines without
+ * radios, so they ask only radios that exist.
  */
 #define _POSIX_C_SOURCE 200809L
 
@@ -24,7 +24,7 @@ static bool radio_is_there(const char *phy)
 static json_t *radio_json(const char *phy, unsigned int mode)
 {
 	char *mac = radio_is_there(phy) ? get_radio_mac(phy) : NULL;
-	json_t *text = json_string(mac); /* null also for bytes that are no text */
+	json_t *text = json_string(mac); /* also null for bytes that are not UTF-8 */
 	json_t *json = json_pack("{s:s, s:i, s:o?}", "phy", phy, "mode", (int)mode, "mac", text);
 	free(mac);
 	return json;

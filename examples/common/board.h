@@ -1,5 +1,5 @@
 /*
- * board - what there is to say about the board, as JSON.
+ * board - the description of the board, as JSON.
  */
 #pragma once
 #include <jansson.h>
@@ -13,9 +13,9 @@
  *	 "switch": {"device": "switch0", "cpu": "0", "cpu_lan": "0", "wan": "2", "lan": "3"},
  *	 "mac_addresses": ["02:00:5e:00:00:00", "02:00:5e:00:00:01"]}
  *
- * What is not there, or cannot be read, is null: "switch" as a whole, and "mac_addresses" if one of them is
- * missing. Nothing is logged about an interface or a radio that is not there. It opens files and a socket:
- * not for every request.
+ * A part that does not exist, or cannot be read, is null: "switch" as a whole, and "mac_addresses" if one of them is
+ * missing. Nothing is logged about a radio that does not exist. This opens files and a socket, so do not call it for
+ * every request.
  *
  * Returns a new reference, or null if memory is exhausted.
  */

@@ -1,23 +1,27 @@
 /*
- * A libubus context is made by the first connection and kept from then on: ubus_reconnect gives it a new
- * socket and adds its objects again. What hangs on the connection is the watcher, and the pointer `online`.
+ * The first connection makes the libubus context, and all later ones keep it: ubus_reconnect gives it a new socket and
+ * adds its objects again. Only the watcher and the pointer `online` belong to one connection.
  */
 #define _POSIX_C_SOURCE 200809L
 
 #include "examples/common/bus.h"
 
 #include <sys/socket.h>
+#include <syslog.h>
 
 #include "lib/log.h"
 
 #define RETRY_DELAY_MS 1000
 
-/* What the callbacks without a record of their own work on. */
+/* For callbacks that get no record. */
 static struct bus *the_bus;
 
 /* ---- The connection ---- */
 
-/* libubus has put off what came inside a call of ours; that is served next, as no descriptor tells of it. */
+/*
+ * Calls that arrive inside a synchronous call of ours stay pending in libubus. They are served next: the descriptor
+ * does not become ready for them.
+ */
 static void on_readable(struct evloop_io *io, unsigned int events)
 {
 	struct bus *bus = container_of(io, struct bus, io);
@@ -29,8 +33,8 @@ static void on_readable(struct evloop_io *io, unsigned int events)
 }
 
 /*
- * The descriptor is open until the next connection, and would be ready all the time. Its event may have been
- * fetched already, when another callback finds out first: without a `cb` it is dropped.
+ * The descriptor stays open until the next connection, and would be ready all the time. If another callback finds the
+ * loss first, an event may be fetched already: without a `cb` it is dropped.
  */
 static void stop_watching(struct bus *bus)
 {
@@ -44,12 +48,12 @@ static void on_lost(struct ubus_context *ctx)
 {
 	(void)ctx;
 	if (the_bus->online)
-		_log(5, "the connection to the bus is lost\n");
+		_log(LOG_NOTICE, "the connection to the bus is lost\n");
 	stop_watching(the_bus);
 	stable_connection_lost(&the_bus->connection);
 }
 
-/* Returns 0, or -1: there is no bus, or it was gone again before all objects were added. */
+/* Returns 0, or -1: there is no bus, or it was lost again before all objects were added. */
 static int open_context(struct bus *bus)
 {
 	if (!bus->ctx) {
@@ -78,7 +82,7 @@ static int on_connect(void)
 	if (evloop_io_add(&bus->io, EVLOOP_READ))
 		return -1;
 	bus->online = bus->ctx;
-	_log(5, "connected to the bus\n");
+	_log(LOG_NOTICE, "connected to the bus\n");
 	return 0;
 }
 
@@ -99,8 +103,8 @@ void bus_start(struct bus *bus, const char *path)
 }
 
 /*
- * libubus forgets the calls in flight of a context that is freed, and their records would be lost with it.
- * When a connection ends it completes them: so let this one end first, from our side.
+ * When a connection ends, libubus completes the calls in flight. When a context is freed, it forgets them, and their
+ * records would leak. So the connection ends first, from our side.
  */
 static void end_calls(struct ubus_context *ctx)
 {
@@ -129,7 +133,8 @@ void bus_add_object(struct bus *bus, struct ubus_object *object)
 		return;
 	int status = ubus_add_object(bus->ctx, object);
 	if (status != UBUS_STATUS_OK)
-		_log(3, "unable to add the object %s to the bus: %s\n", object->name, ubus_strerror(status));
+		_log(LOG_ERR, "unable to add the object %s to the bus: %s\n", object->name,
+			ubus_strerror(status));
 }
 
 static void pack(struct blob_buf *message, json_t *json)

@@ -1,7 +1,6 @@
 /*
- * Signals are a descriptor like any other. SIGTERM and SIGINT end the loop, after which everything is given
- * back. SIGCHLD only has to wake the loop, which then reaps. libubus installs handlers for the three as well;
- * blocked as they are, they never run.
+ * Signals are read from a descriptor like any other. SIGTERM and SIGINT end the loop, after which everything is
+ * released. libubus installs handlers for them, too; the signals are blocked, so those never run.
  */
 #define _POSIX_C_SOURCE 200809L
 
@@ -21,46 +20,14 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "examples/common/process.h"
 #include "examples/common/program.h"
 
 #define LISTEN_BACKLOG 128
 
 /* ---- Command line ---- */
 
-enum { EXIT_USAGE = 2 };
-
-int parse_number(const char *text, int max, int *number)
-{
-	int value = 0;
-	const char *digit = text;
-
-	for (; *digit >= '0' && *digit <= '9'; digit++) {
-		value = value * 10 + (*digit - '0');
-		if (value > max)
-			return -EINVAL;
-	}
-	if (digit == text || *digit != '\0')
-		return -EINVAL;
-	*number = value;
-	return 0;
-}
-
-/* One line on standard error; returns the status to exit with. */
-static int usage_error(
-	const struct daemon_options *options, const char *before, const char *word, const char *behind)
-{
-	fprintf(stderr, "%s: %s '%s'%s\n", options->program, before, word, behind);
-	return EXIT_USAGE;
-}
-
-static int usage_error_see_help(const struct daemon_options *options, const char *before, const char *word)
-{
-	char behind[64];
-	snprintf(behind, sizeof behind, ", see %s --help", options->program);
-	return usage_error(options, before, word, behind);
-}
-
-/* Takes up an option and its value. Returns DAEMON_RUN, or the status to exit with. */
+/* Sets an option. Returns DAEMON_RUN, or the status to exit with. */
 static int option_set(struct daemon_options *options, int option, const char *value)
 {
 	switch (option) {
@@ -68,23 +35,27 @@ static int option_set(struct daemon_options *options, int option, const char *va
 		options->address = value;
 		return DAEMON_RUN;
 	case 'p':
-		if (parse_number(value, UINT16_MAX, &options->port))
-			return usage_error(options, "bad port", value, ": not a number from 0 to 65535");
+		options->port = (int)parse_number(value, UINT16_MAX);
+		if (options->port < 0)
+			return usage_error(
+				options->program, "bad port", value, ": not a number from 0 to 65535");
 		return DAEMON_RUN;
 	case 'o':
 		if (!*value || strchr(value, ':') || !http_check_host_port(value))
-			return usage_error(options, "bad host", value, ": a name without a port is wanted");
+			return usage_error(
+				options->program, "bad host", value, ": a name without a port is wanted");
 		options->host = value;
 		return DAEMON_RUN;
 	case 'b':
 		if (strlen(value) >= sizeof((struct sockaddr_un *)NULL)->sun_path)
-			return usage_error(options, "bad bus", value, ": too long for the path of a socket");
+			return usage_error(
+				options->program, "bad bus", value, ": too long for the path of a socket");
 		options->bus = value;
 		return DAEMON_RUN;
 	case 'n':
 		if (!is_name(value, AP_NAME_SIZE))
-			return usage_error(
-				options, "bad name", value, ": 1 to 24 of A-Z, a-z, 0-9, '-', '_' and '.'");
+			return usage_error(options->program, "bad name", value,
+				": 1 to 24 of A-Z, a-z, 0-9, '-', '_' and '.'");
 		options->name = value;
 		return DAEMON_RUN;
 	case 'V':
@@ -112,15 +83,15 @@ int daemon_options_parse(struct daemon_options *options, int argc, char **argv)
 	/* "+" stops at the first word that is no option, ":" leaves the messages to us. */
 	while (word = argv[optind], (found = getopt_long(argc, argv, "+:h", known, NULL)) != -1) {
 		if (found == ':')
-			return usage_error(options, "option", word, " needs a value");
+			return usage_error(options->program, "option", word, " needs a value");
 		if (found == '?')
-			return usage_error_see_help(options, "bad option", word);
+			return usage_error_see_help(options->program, "bad option", word);
 		int status = option_set(options, found, optarg);
 		if (status != DAEMON_RUN)
 			return status;
 	}
 	if (optind != argc)
-		return usage_error_see_help(options, "unexpected argument", argv[optind]);
+		return usage_error_see_help(options->program, "unexpected argument", argv[optind]);
 	return DAEMON_RUN;
 }
 
@@ -136,31 +107,6 @@ static void handle_signals(struct evloop_io *io, unsigned int events)
 			evloop_end();
 }
 
-/*
- * SIGCHLD is among them because the loop looks for exited children once a pass, and with the idle
- * timers of open connections pending a pass may wait for a minute. A parent that ignored SIGCHLD
- * would have left us a kernel that reaps our children for us, and forgets how they ended.
- *
- * Returns 0, or a negated errno.
- */
-static int signals_watch(struct evloop_io *io)
-{
-	sigset_t set;
-	sigemptyset(&set);
-	sigaddset(&set, SIGTERM);
-	sigaddset(&set, SIGINT);
-	sigaddset(&set, SIGCHLD);
-	signal(SIGCHLD, SIG_DFL);
-	if (sigprocmask(SIG_BLOCK, &set, NULL))
-		return -errno;
-
-	io->fd = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
-	if (io->fd < 0)
-		return -errno;
-	io->cb = handle_signals;
-	return evloop_io_add(io, EVLOOP_READ) ? -errno : 0;
-}
-
 /* ---- Start and stop ---- */
 
 static int listen_on(struct daemon *daemon, const char *address, int port)
@@ -174,7 +120,7 @@ static int listen_on(struct daemon *daemon, const char *address, int port)
 	return sock_listen(&daemon->listener, address, service, LISTEN_BACKLOG);
 }
 
-/* What a failure of sock_listen means to whoever typed the command. */
+/* A failure of sock_listen, in words for the user. */
 static const char *listen_error_text(int error)
 {
 	if (error == EAI_NONAME)
@@ -184,7 +130,7 @@ static const char *listen_error_text(int error)
 	return strerror(abs(error));
 }
 
-/* Where it listens, as read back from the socket: the port may have been the kernel's choice. */
+/* The URL, read back from the socket: the kernel may have chosen the port. */
 static void find_url(struct daemon *daemon)
 {
 	struct sockaddr_in bound = {0};
@@ -196,7 +142,7 @@ static void find_url(struct daemon *daemon)
 	snprintf(daemon->url, sizeof daemon->url, "http://%s:%d/", address, ntohs(bound.sin_port));
 }
 
-/* What it says of the bus when it starts; from then on it logs when one comes and goes. */
+/* Printed once, at the start; from then on the log says when a bus comes and goes. */
 static void say_if_there_is_no_bus(const struct daemon *daemon, const char *program)
 {
 	const char *path = daemon->bus.path;
@@ -219,12 +165,12 @@ int daemon_start(struct daemon *daemon, const struct daemon_options *options, ht
 		fprintf(stderr, "%s: cannot set up the event loop: %s\n", program, strerror(errno));
 		return -1;
 	}
-	int error = signals_watch(&daemon->signals);
-	if (error) {
-		fprintf(stderr, "%s: cannot watch for signals: %s\n", program, strerror(-error));
+	signal(SIGCHLD, SIG_DFL); /* if it was ignored, the kernel would reap, and forget the status */
+	if (process_watch_signals(&daemon->signals, SIG_BLOCK, handle_signals)) {
+		fprintf(stderr, "%s: cannot watch for signals: %s\n", program, strerror(errno));
 		return -1;
 	}
-	error = listen_on(daemon, address, options->port);
+	int error = listen_on(daemon, address, options->port);
 	if (error) {
 		fprintf(stderr, "%s: cannot listen on %s:%d: %s\n", program, address, options->port,
 			listen_error_text(error));

@@ -1,6 +1,6 @@
 /*
- * daemon - what a daemon is made of here, whatever it does: a command line, an HTTP server, signals that end
- * it, and a connection to the message bus.
+ * daemon - the parts of every daemon here: a command line, an HTTP server, signals that end it, and a connection to
+ * the message bus.
  *
  *	int main(int argc, char **argv)
  *	{
@@ -31,12 +31,12 @@ struct daemon_options {
 	const char *name;    /* null: --name is no option of this program */
 };
 
-/* Reads the command line. Returns DAEMON_RUN, or the status to exit with: all has been said then. */
+/* Reads the command line. Returns DAEMON_RUN; or the status to exit with, and everything has been printed. */
 int daemon_options_parse(struct daemon_options *options, int argc, char **argv);
 
-/* A running daemon, part of the record that owns all there is; start from zero bytes, set `bus.joined`. */
+/* A running daemon; embed it in a record of your own, start from zero bytes, set `bus.joined`. */
 struct daemon {
-	char url[URL_SIZE]; /* of the HTTP server, with the port that it has got */
+	char url[URL_SIZE]; /* of the HTTP server, with its true port */
 	const char *host;   /* as in the options */
 	struct httpd_ctx http;
 	struct sock listener;
@@ -54,13 +54,7 @@ struct daemon {
 int daemon_start(struct daemon *daemon, const struct daemon_options *options, httpd_handler handler);
 
 /*
- * Gives everything back, once the loop has ended. Before it, answers that are owed are given
- * (httpd_ctx_cleanup leaves their connections alone), retry requests aborted, and subscriptions ended.
+ * Releases everything after the loop has ended. Before that, complete all deferred answers (httpd_ctx_cleanup leaves
+ * their connections alone), abort retry requests, and end subscriptions.
  */
 void daemon_stop(struct daemon *daemon);
-
-/*
- * Reads a decimal number of at most `max`: digits only, no sign, no space around. Returns 0, or
- * -EINVAL, and then `*number` is as it was.
- */
-int parse_number(const char *text, int max, int *number);

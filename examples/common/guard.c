@@ -11,7 +11,7 @@
 
 #include "lib/log.h"
 
-#define HOST_SIZE 256 /* a host name's 253 characters fit, with little more */
+#define HOST_SIZE 256 /* a host name has up to 253 characters; a port may follow */
 #define NAME_SIZE 64
 
 /* ---- Header lines ---- */
@@ -45,7 +45,7 @@ static struct span trimmed(struct span span)
 	return span;
 }
 
-/* The end of the header at `line`; a line that begins with white space goes on with the one before it. */
+/* The end of the header at `line`. A line that begins with white space continues the one before it. */
 static const char *header_end(const char *line, const char *head_end)
 {
 	const char *next = line;
@@ -58,8 +58,8 @@ static const char *header_end(const char *line, const char *head_end)
 }
 
 /*
- * Takes the header at `*line`, and goes on to the next. Returns false at the blank line. The server has parsed
- * these lines, so each has its ":" and its end.
+ * Reads the header at `*line`, and moves on to the next. Returns false at the blank line. The server has parsed these
+ * lines, so each has its ":" and its end.
  */
 static bool header_next(const struct httpd_conn *conn, const char **line, struct header *header)
 {
@@ -119,7 +119,7 @@ static bool is_number(struct span text)
 	return true;
 }
 
-/* Whether lines end in this value for some readers, but not for the server: by "\r" or "\n" alone. */
+/* Whether the value has a "\r" or "\n" alone: some readers end a line there, the server does not. */
 static bool has_lone_line_end(struct span value)
 {
 	for (size_t index = 0; index < value.length; index++) {
@@ -131,7 +131,7 @@ static bool has_lone_line_end(struct span value)
 	return false;
 }
 
-/* Whether it says where the body ends, and the server leaves it out of account or is more lenient than others. */
+/* Whether the header tells where the body ends, and the server ignores it or is more lenient than others. */
 static bool is_unclear_length(const struct header *header)
 {
 	static const char known[] = "Content-Length";
@@ -156,7 +156,7 @@ bool guard_knows_length(const struct httpd_conn *conn)
 
 /* ---- Whom a request is meant for ---- */
 
-/* Whether the connection came in at the address `host`, IPv4 being all that is listened on. */
+/* Whether the connection was made to the address `host`. The daemons listen on IPv4 only. */
 static bool is_local_address(const struct httpd_conn *conn, struct span host)
 {
 	struct sockaddr_in local = {0};
@@ -171,7 +171,7 @@ static bool is_local_address(const struct httpd_conn *conn, struct span host)
 	return span_is(host, address) || (is_loopback && span_is(host, "localhost"));
 }
 
-/* `authority` is a host, perhaps with a port. */
+/* `authority` is a host, with or without a port. */
 static bool is_our_name(const struct httpd_conn *conn, const char *authority, const char *name)
 {
 	struct span host = {authority, strcspn(authority, ":")};
@@ -180,7 +180,7 @@ static bool is_our_name(const struct httpd_conn *conn, const char *authority, co
 	return is_local_address(conn, host) || (name && span_is(host, name));
 }
 
-/* The one "Host" of a request as a text. An absolute target must have the same. */
+/* Copies the one "Host" of the request. An absolute target must name the same host. */
 static bool read_host(const struct httpd_conn *conn, char host[HOST_SIZE])
 {
 	struct header header;
@@ -193,7 +193,7 @@ static bool read_host(const struct httpd_conn *conn, char host[HOST_SIZE])
 	return !conn->host || span_is(target_host, host);
 }
 
-/* Whether a page of `host`, or no page, has made the request. An unknown page's "Origin" is "null". */
+/* Whether a page of `host`, or no page, made the request. The "Origin" of an unknown page is "null". */
 static bool is_own_origin(const struct httpd_conn *conn, const char *host)
 {
 	struct header header;

@@ -10,7 +10,7 @@ void put_text(struct buffer *buffer, const char *text)
 	buffer_write(buffer, text, (int32_t)strlen(text));
 }
 
-/* The server knows it as a method like any other; the request line says more. */
+/* To the server, HEAD is an unknown method like any other; the request line tells. */
 static bool is_head(const struct httpd_conn *conn)
 {
 	static const char method[] = "HEAD ";
@@ -26,8 +26,8 @@ static int32_t put_first_lines(struct httpd_conn *conn, int code)
 }
 
 /*
- * What formats into a buffer only fills the space that is free. It comes first, while the head has the
- * 512 bytes it starts with. The type, which may be a peer's text of any length, is appended.
+ * Formatting fails if the free space is too small, so formatted lines come first, into the 512 bytes that the head
+ * starts with. The type is appended, as it may be a peer's text of any length.
  */
 static int32_t put_head(struct httpd_conn *conn, int code, const char *content_type, bool keep)
 {
@@ -48,7 +48,7 @@ static int32_t put_head(struct httpd_conn *conn, int code, const char *content_t
 	return 0;
 }
 
-/* All of an answer is in one buffer by now, so that it costs one send. */
+/* The whole answer is in one buffer, so it takes one send. */
 static void send_whole(struct httpd_conn *conn)
 {
 	stream_write(&conn->stream, conn->res_head->data, (uint32_t)conn->res_head->length);
@@ -56,8 +56,8 @@ static void send_whole(struct httpd_conn *conn)
 }
 
 /*
- * Sends the body that was composed, after its head; for HEAD, where a body would be taken for the next answer, the
- * head alone. Negative, and nothing is sent, if the head could not be composed.
+ * Sends the head, then the composed body. For HEAD it sends the head alone: a body would be taken for the next answer.
+ * Negative, and nothing is sent, if the head could not be composed.
  */
 static int32_t answer(struct httpd_conn *conn, int code, const char *content_type, bool keep)
 {
@@ -76,7 +76,7 @@ int32_t answer_body(struct httpd_conn *conn, const char *content_type)
 	return answer(conn, 200, content_type, !conn->close_requested) < 0 ? answer_error(conn, 500) : 1;
 }
 
-/* A refusal, with its reason as a text. */
+/* Refuses, with the reason as text. */
 static int32_t answer_why(struct httpd_conn *conn, int code, const char *reason, bool keep)
 {
 	httpd_res_buffers_reset(conn);
@@ -84,7 +84,7 @@ static int32_t answer_why(struct httpd_conn *conn, int code, const char *reason,
 	return answer(conn, code, "text/plain; charset=utf-8", keep) == 0 && keep;
 }
 
-/* The page for HEAD, less the page, and less its length. */
+/* For HEAD: an error's head without a length, and no page. */
 static int32_t answer_error_head(struct httpd_conn *conn, int code)
 {
 	int32_t result;
@@ -118,8 +118,8 @@ int32_t answer_json(struct httpd_conn *conn, json_t *json)
 }
 
 /*
- * Paths are compared as they were sent. `decoded_path` holds, by design of the decoder, two more
- * bytes behind the path for each escape in it; and no path here has a character that needs one.
+ * Paths are compared as they were sent: no path here has a character that needs an escape, and `decoded_path` has two
+ * bytes after the path for each escape in it.
  */
 static int path_is(const struct httpd_conn *conn, const char *path)
 {
@@ -138,7 +138,7 @@ int32_t answer_by_route(
 			"The length of a body is understood from \"Content-Length\" only, "
 			"in this spelling of case, and a line ends with both of its characters.\n",
 			false);
-	if (is_head(conn)) /* what GET would answer; parameters are looked up for GET */
+	if (is_head(conn)) /* also for the parameters, which the server looks up by the method */
 		conn->method = HTTPD_METHOD_GET;
 	while (route < routes + count && !path_is(conn, route->path))
 		route++;

@@ -9,7 +9,7 @@ bool is_name(const char *text, size_t size)
 	return length > 0 && length < size && text[length] == '\0';
 }
 
-/* `to` has room for the text: its length has been looked at. */
+/* `to` is large enough: the length has been checked. */
 static void copy_text(char *to, const char *text)
 {
 	memcpy(to, text, strlen(text) + 1);
@@ -59,7 +59,7 @@ int led_parse(struct led *led, struct blob_attr *message)
 	return status;
 }
 
-/* Into `leds`, which is empty. It is not emptied again if it fails. */
+/* `leds` starts empty. A failure leaves it partly filled. */
 static int leds_read(struct leds *leds, json_t *json)
 {
 	const char *name = NULL;

@@ -1,9 +1,8 @@
 /*
- * message - what the two example daemons say to each other over the bus, and how it is read with distrust.
+ * message - the messages between the two example daemons on the bus, written and parsed.
  *
- * What is read is copied into records of a fixed size: whoever sends more than fits is refused, so nothing
- * that is kept grows with what strangers send. The functions that read return 0, or
- * UBUS_STATUS_INVALID_ARGUMENT, and then nothing has changed.
+ * Messages may come from strangers. They are copied into records of a fixed size, and refused if they do not fit. The
+ * functions that read return 0; or UBUS_STATUS_INVALID_ARGUMENT, and then nothing has changed.
  */
 #pragma once
 #include <jansson.h>
@@ -38,8 +37,8 @@ struct announcement {
 };
 
 /*
- * Whether `text` is a name of fewer than `size` bytes: letters and digits of ASCII, "-", "_" and ".", at
- * least one. Names, LEDs and objects have such names.
+ * Whether `text` is a name of fewer than `size` bytes: at least one ASCII letter or digit, "-", "_" or ".". Access
+ * points, LEDs and objects have such names.
  */
 bool is_name(const char *text, size_t size);
 
@@ -49,9 +48,7 @@ struct led *leds_find(struct leds *leds, const char *name);
 /* {"power": true, "wlan": false} */
 json_t *leds_json(const struct leds *leds);
 
-/*
- * {"led": "power", "on": true}: what set_led is asked for and answers, and what the notification "led" says.
- */
+/* {"led": "power", "on": true}: the argument and the answer of set_led, and the notification "led". */
 json_t *led_json(const struct led *led);
 int led_read(struct led *led, json_t *json);
 int led_parse(struct led *led, struct blob_attr *message);

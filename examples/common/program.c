@@ -2,6 +2,7 @@
 
 #include "examples/common/program.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -35,4 +36,26 @@ int print_help(const char *program, const char *usage)
 int print_version(const char *program)
 {
 	return printed(program, "the version", printf("%s " APBASE_VERSION "\n", program) >= 0);
+}
+
+int usage_error(const char *program, const char *before, const char *word, const char *after)
+{
+	fprintf(stderr, "%s: %s '%s'%s\n", program, before, word, after);
+	return EXIT_USAGE;
+}
+
+int usage_error_see_help(const char *program, const char *before, const char *word)
+{
+	fprintf(stderr, "%s: %s '%s', see %s --help\n", program, before, word, program);
+	return EXIT_USAGE;
+}
+
+int64_t parse_number(const char *text, uint32_t max)
+{
+	int64_t value = 0;
+	const char *digit = text;
+
+	for (; *digit >= '0' && *digit <= '9' && value <= max; digit++)
+		value = value * 10 + (*digit - '0');
+	return digit != text && *digit == '\0' && value <= max ? value : -EINVAL;
 }
