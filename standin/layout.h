@@ -1,6 +1,6 @@
 /*
- * The records' layout is interface: programs embed them, and run on other builds of these libraries too.
- * Sizes and offsets in bytes, with 64-bit pointers and with 32-bit ones.
+ * The layout of the public records is interface: programs embed them, and run on other builds of these libraries too.
+ * Sizes and offsets are in bytes, for 64-bit pointers and for 32-bit ones.
  */
 #pragma once
 #include <stddef.h>

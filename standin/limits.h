@@ -1,6 +1,4 @@
-/*
- * What both ends of a connection agree on, and no public header says.
- */
+/* What both ends of a connection agree on, beside the public headers. */
 #pragma once
 
 #define UBUS_MAX_MSGLEN 1048576 /* bytes of a message's blob, padded */

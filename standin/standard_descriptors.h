@@ -1,10 +1,10 @@
-// What both programs do first.
+// Both programs call this first.
 #pragma once
 #include <fcntl.h>
 #include <unistd.h>
 
-// Opens /dev/null on those of the descriptors 0 to 2 that are closed: a socket that became a standard stream would get
-// what is printed.
+// Opens /dev/null on each of the descriptors 0 to 2 that is closed: otherwise a socket could become a standard stream,
+// and receive what is printed.
 inline void open_standard_descriptors()
 {
 	int fd = 0;

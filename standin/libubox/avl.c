@@ -1,9 +1,9 @@
 /*
- * The tree is kept balanced by heights: those of a node's two sides differ by one at most, and each node
- * stores the difference. An insertion or deletion changes the height of one side; the way up from there is
- * walked, rotating where the difference becomes two, until a node's own height stays what it was.
+ * The tree is balanced by height: the heights of a node's two sides differ by at most one, and each node stores the
+ * difference. An insertion or deletion changes the height of one side. From there we walk up, and rotate where the
+ * difference becomes two, until the height of a node is unchanged.
  *
- * Nodes of equal keys stand behind their leader in the list alone, so the tree holds leaders only.
+ * The tree holds one node for each key, the leader. Further nodes of that key follow their leader in the list only.
  */
 #include <libubox/avl.h>
 
@@ -53,7 +53,7 @@ static void replace(struct avl_tree *tree, struct avl_node *node, struct avl_nod
 		substitute->parent = node->parent;
 }
 
-/* Lifts `node`'s right child above it, and sets both balances; returns the child. */
+/* Lifts `node`'s right child above it and sets both balances. Returns the child. */
 static struct avl_node *rotate_left(struct avl_tree *tree, struct avl_node *node)
 {
 	struct avl_node *child = node->right;
@@ -76,7 +76,7 @@ static struct avl_node *rotate_right(struct avl_tree *tree, struct avl_node *nod
 	return child;
 }
 
-/* Brings a difference of two back to one or none; returns what stands in `node`'s place then. */
+/* Brings a difference of two back to one or zero. Returns the node that is then in `node`'s place. */
 static struct avl_node *rebalance(struct avl_tree *tree, struct avl_node *node)
 {
 	if (node->balance > 1) {
@@ -98,24 +98,24 @@ static void rise_after_insertion(struct avl_tree *tree, struct avl_node *node)
 		parent->balance += parent->left == node ? -1 : 1;
 		node = rebalance(tree, parent);
 		if (node->balance == 0)
-			return; /* as high as before */
+			return; /* the height is unchanged */
 	}
 }
 
-/* One side of `node` has become lower by one: the left one, or the right one. */
+/* Rebalances after the left or the right side of `node` has become lower by one. */
 static void sink_after_deletion(struct avl_tree *tree, struct avl_node *node, bool left_sank)
 {
 	while (node) {
 		node->balance += left_sank ? 1 : -1;
 		node = rebalance(tree, node);
 		if (node->balance != 0)
-			return; /* as high as before */
+			return; /* the height is unchanged */
 		left_sank = node->parent && node->parent->left == node;
 		node = node->parent;
 	}
 }
 
-/* The leader of the group behind that of `leader`, as a place in the list. */
+/* The leader of the next group after that of `leader`, as a place in the list. */
 static struct list_head *end_of_group(const struct avl_tree *tree, const struct avl_node *leader)
 {
 	struct list_head *place = leader->list.next;
@@ -137,7 +137,7 @@ static int insert_follower(struct avl_tree *tree, struct avl_node *leader, struc
 int avl_insert(struct avl_tree *tree, struct avl_node *node)
 {
 	struct avl_node *parent = NULL, **link = &tree->root;
-	struct list_head *before = &tree->list_head; /* what the node's group comes before in the list */
+	struct list_head *before = &tree->list_head; /* the node's group precedes this in the list */
 	while (*link) {
 		parent = *link;
 		int order = compare(tree, node->key, parent);
@@ -159,7 +159,7 @@ int avl_insert(struct avl_tree *tree, struct avl_node *node)
 	return 0;
 }
 
-/* `heir` takes over `node`'s place in the tree. */
+/* Puts `heir` in `node`'s place in the tree. */
 static void inherit(struct avl_tree *tree, struct avl_node *node, struct avl_node *heir)
 {
 	replace(tree, node, heir);

@@ -1,7 +1,7 @@
 /*
- * A buffer holds one attribute from its first byte on, and `head` is the attribute that appends go to: that
- * one, or one nested in it whose end is the buffer's end as well. So an append always lengthens `head` at the
- * end of what is used, and an outer attribute takes up the inner one's length when that is closed.
+ * A buffer holds one attribute, from its first byte on. Appends go to `head`: that attribute, or one nested in it that
+ * ends where the buffer ends. So an append always lengthens `head` at the end of the buffer. The outer attribute is
+ * lengthened when the inner one is closed.
  */
 #include <libubox/blob.h>
 
@@ -59,7 +59,7 @@ bool blob_buf_grow(struct blob_buf *buf, int required)
 	return true;
 }
 
-/* Makes sure that the buffer's first `length` bytes exist. */
+/* Makes the buffer at least `length` bytes long. */
 static bool reserve(struct blob_buf *buf, size_t length)
 {
 	if (length > BUFFER_BYTES_MAX)
@@ -99,7 +99,7 @@ void blob_fill_pad(struct blob_attr *attr)
 	memset((char *)attr + length, 0, blob_pad_len(attr) - length);
 }
 
-/* Makes room for `length` bytes behind `head`, and lengthens it by them; returns the first. Null on failure. */
+/* Lengthens `head` by `length` bytes. Returns the first of them; null on failure. */
 static struct blob_attr *extend_head(struct blob_buf *buf, size_t length)
 {
 	size_t end = blob_head_offset(buf) + blob_pad_len(buf->head);
@@ -146,7 +146,7 @@ struct blob_attr *blob_put_raw(struct blob_buf *buf, const void *ptr, unsigned i
 
 void *blob_nest_enter(struct blob_buf *buf, size_t outer_offset, struct blob_attr *inner)
 {
-	/* The outer one is lengthened when the inner one is complete. */
+	/* The outer one is lengthened when the inner one is closed. */
 	struct blob_attr *outer = attr_at(buf, outer_offset);
 	blob_set_raw_len(outer, (unsigned int)(blob_raw_len(outer) - blob_pad_len(inner)));
 	buf->head = inner;

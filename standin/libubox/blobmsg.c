@@ -1,6 +1,6 @@
 /*
- * Named attributes from outside are checked one at a time, when they are met: their name and their value lie
- * within their length, and their length within what is left of the message.
+ * Named attributes from outside are checked one at a time, when they are read: name and value must lie within the
+ * attribute's length, and that length within the rest of the message.
  */
 #include <libubox/blobmsg.h>
 
@@ -8,7 +8,7 @@
 
 #include "internal.h"
 
-/* The order of the types of named attributes is not that of the types of payloads. */
+/* The two enumerations of types have different orders. */
 static const int payload_types[__BLOBMSG_TYPE_LAST] = {
 	[BLOBMSG_TYPE_UNSPEC] = BLOB_ATTR_UNSPEC,
 	[BLOBMSG_TYPE_ARRAY] = BLOB_ATTR_NESTED,
@@ -151,7 +151,7 @@ int blobmsg_parse_array(const struct blobmsg_policy *policy, int policy_len, str
 	return 0;
 }
 
-/* Appends an attribute with its name and an unset value of `value_len` bytes; null when there is no room. */
+/* Appends an attribute with its name and an unset value of `value_len` bytes; null when memory is short. */
 static struct blob_attr *add_named(struct blob_buf *buf, int type, const char *name, size_t value_len)
 {
 	size_t name_len = strlen(name);

@@ -1,7 +1,6 @@
 /*
- * One epoll descriptor serves all: each pass runs the timers that are due and then dispatches one ready
- * descriptor, so nothing is remembered of a descriptor that a callback deletes. Signals reach the loop
- * through a pipe.
+ * One epoll descriptor serves all. Each pass runs the timers that are due and dispatches one ready descriptor; so no
+ * event is left over for a descriptor that a callback deletes. Signals reach the loop through a pipe.
  */
 #include <libubox/uloop.h>
 
@@ -24,7 +23,7 @@ static volatile sig_atomic_t ended;
 static volatile sig_atomic_t ending_signal;
 static struct list_head timeouts = LIST_HEAD_INIT(timeouts); /* sorted, the next one first */
 
-/* Signals are taken over only where nobody else has: what is taken is remembered. */
+/* Signals are handled only where they had their default action; `taken` remembers which. */
 static struct {
 	int number;
 	bool taken;
@@ -37,7 +36,7 @@ static void on_signal(int number)
 		ending_signal = number;
 		ended = 1;
 	}
-	/* A full pipe wakes the loop as well. */
+	/* If the pipe is full, the loop wakes anyway. */
 	ssize_t count = write(wake_fds[1], "", 1);
 	(void)count;
 	errno = saved_errno;
@@ -60,7 +59,7 @@ static void take_signals(void)
 static void give_signals_back(void)
 {
 	for (size_t index = 0; index < ARRAY_SIZE(signals); ++index) {
-		/* One that is ignored stays so: what is written later may still meet a broken connection. */
+		/* SIGPIPE stays ignored: a later write may still meet a broken connection. */
 		if (signals[index].taken && signals[index].number != SIGPIPE)
 			signal(signals[index].number, SIG_DFL);
 		signals[index].taken = false;
@@ -181,7 +180,7 @@ int uloop_timeout_cancel(struct uloop_timeout *timeout)
 	return 0;
 }
 
-/* Only those that are due already: one that a callback sets to 0 ms waits for the next pass. */
+/* Runs only timers that are due now: one that a callback sets to 0 ms waits for the next pass. */
 static void run_due_timeouts(void)
 {
 	struct timeval until = now();
@@ -195,7 +194,7 @@ static void run_due_timeouts(void)
 	}
 }
 
-/* How long epoll may wait; -1: for ever. */
+/* How long epoll may wait, in milliseconds; -1: forever. */
 static int next_timeout_ms(void)
 {
 	if (list_empty(&timeouts))
@@ -212,7 +211,7 @@ static void drain_wake_pipe(void)
 		;
 }
 
-/* What is broken, or closed in both directions, has left the loop when its callback learns of that. */
+/* A descriptor that is broken, or closed in both directions, leaves the loop before its callback. */
 static void dispatch(struct uloop_fd *fd, uint32_t events)
 {
 	bool broken = (events & (EPOLLHUP | EPOLLERR)) != 0;
@@ -236,7 +235,7 @@ static void serve_one_descriptor(int wait_ms)
 		drain_wake_pipe();
 }
 
-/* What has ended the loop before, a signal too, does not end this run. */
+/* A signal or uloop_end before this call does not end it. */
 int uloop_run(void)
 {
 	ended = 0;

@@ -1,7 +1,7 @@
 /*
- * The connection, and the order in which messages are processed. Replies are processed wherever they are
- * read; what the daemon sends on its own account runs the program's handlers, and these never run inside one
- * another: while a handler or a synchronous call is active (`stack_depth`), such messages wait in a queue.
+ * The connection, and the order in which messages are processed. Replies are processed as soon as they are read. The
+ * other messages run the program's handlers, and handlers never run inside one another: while a handler or a synchronous
+ * call is active (`stack_depth`), these messages wait in a queue.
  */
 #include <libubus.h>
 
@@ -11,7 +11,7 @@
 
 #include "internal.h"
 
-/* A message of the daemon's own that waits in `ctx->pending`. */
+/* A message for an object that waits in `ctx->pending`. */
 struct queued_message {
 	struct list_head list;
 	struct ubus_msghdr_buf msg;
@@ -76,7 +76,7 @@ static void process_object_message(struct ubus_context *ctx, const struct ubus_m
 		return;
 	struct ubus_object *obj = ubus_object_find(ctx, blob_get_u32(attrs[UBUS_ATTR_OBJID]));
 
-	/* Not ubus_leave: the callers work off the queue in a loop, instead of one message inside the other. */
+	/* Not ubus_leave: the callers work off the queue in a loop, instead of one message inside another. */
 	ubus_enter(ctx);
 	if (msg->hdr.type == UBUS_MSG_INVOKE)
 		ubus_object_process_call(ctx, obj, &msg->hdr, attrs);
@@ -107,7 +107,7 @@ void ubus_leave(struct ubus_context *ctx)
 	ubus_work_off_queue(ctx);
 }
 
-/* A handler keeps its message across synchronous calls, so these get another buffer meanwhile. */
+/* A handler may make synchronous calls and still read its message, so these calls get another buffer. */
 static void process_with_own_buffer(struct ubus_context *ctx)
 {
 	struct ubus_msghdr_buf own = ctx->msgbuf;
@@ -142,7 +142,7 @@ void ubus_process_received(struct ubus_context *ctx)
 	}
 }
 
-/* The context may be gone when this has met the end of the connection. */
+/* At the end of the connection `connection_lost` may release the context. */
 void ubus_serve(struct ubus_context *ctx)
 {
 	do {
@@ -164,14 +164,14 @@ static void on_readable(struct uloop_fd *sock, unsigned int events)
 	ubus_serve(container_of(sock, struct ubus_context, sock));
 }
 
-/* Without this the loop would spin on a descriptor that stays readable. */
+/* The default `connection_lost`: otherwise the loop would spin on a descriptor that stays readable. */
 static void end_loop(struct ubus_context *ctx)
 {
 	if (ctx->sock.registered)
 		uloop_end();
 }
 
-/* Connects and reads the daemon's greeting. */
+/* Connects and reads the daemon's hello. */
 static int connect_to(struct ubus_context *ctx, const char *path)
 {
 	struct ubus_msghdr hello;
@@ -189,7 +189,7 @@ static int connect_to(struct ubus_context *ctx, const char *path)
 	return UBUS_STATUS_OK;
 }
 
-/* What came over the connection and was not processed stays in the queue. */
+/* Messages in the queue stay there. */
 static void disconnect(struct ubus_context *ctx)
 {
 	uloop_fd_delete(&ctx->sock);

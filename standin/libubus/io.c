@@ -1,7 +1,7 @@
 /*
- * The socket. A message is written in one piece, however long that takes; it is read as its header with the
- * first word of its blob, which says how long the rest is, and then that rest, straight into the context's
- * buffer. Nothing is read ahead, so the socket stays readable as long as a message is left.
+ * The socket. A message is written as a whole, however long that takes. It is read in two steps: its header with the
+ * first word of its blob, which has the length of the rest, and then the rest, straight into the context's buffer.
+ * Nothing is read ahead, so the socket stays readable as long as a message is left.
  */
 #include <errno.h>
 #include <limits.h>
@@ -22,7 +22,7 @@ struct message_head {
 	uint32_t id_len;
 };
 
-/* The blob, of which only the first word is there. */
+/* The blob; only its first word is present. */
 static const struct blob_attr *blob_of(const struct message_head *head)
 {
 	return (const struct blob_attr *)&head->id_len;
@@ -77,7 +77,7 @@ static void wait_until_writable(int fd)
 	poll(&entry, 1, -1);
 }
 
-/* Takes `count` bytes off the front of what is to be written. */
+/* Drops the first `count` bytes of `parts`. */
 static void advance(struct iovec *parts, size_t *part_count, size_t count)
 {
 	struct iovec *first = parts;
@@ -185,7 +185,7 @@ static bool head_is_well_formed(const struct message_head *head)
 	       blob_pad_len(blob_of(head)) <= UBUS_MAX_MSGLEN;
 }
 
-/* Blocking, and in one piece, as the daemon writes it; given up at the first signal. */
+/* One blocking read: the daemon writes its hello in one piece. A signal makes it fail. */
 static bool read_at_once(int fd, void *into, size_t length)
 {
 	return read(fd, into, length) == (ssize_t)length;
@@ -209,7 +209,7 @@ bool ubus_socket_read_hello(int fd, struct ubus_msghdr *header)
 	       skip_at_once(fd, blob_len(blob_of(&head)));
 }
 
-/* Once the first bytes are there, or when `must_wait`, all are waited for. */
+/* Waits for all bytes once the first have arrived, or from the start if `must_wait`. */
 static bool receive_all(struct ubus_context *ctx, void *into, size_t length, bool must_wait)
 {
 	for (size_t done = 0; done < length;) {
@@ -228,7 +228,7 @@ static bool receive_all(struct ubus_context *ctx, void *into, size_t length, boo
 	return true;
 }
 
-/* Makes the context's buffer hold `length` bytes; what was in it is lost. */
+/* Makes the context's buffer at least `length` bytes long; its contents are lost. */
 static bool reserve(struct ubus_context *ctx, size_t length)
 {
 	if (length <= ctx->msgbuf_data_len)

@@ -1,6 +1,6 @@
 /*
- * Objects: adding and removing them, and what the daemon sends to them. A handler may remove its own object
- * and release it, so a call's answer is made from what was noted of the object before.
+ * Objects: adds and removes them, and serves their calls. A handler may remove and release its own object, so what the
+ * answer needs of the object is copied before.
  */
 #include <libubus.h>
 
@@ -135,7 +135,7 @@ int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj)
 	return status == UBUS_STATUS_OK && obj->id ? UBUS_STATUS_NO_DATA : status;
 }
 
-/* Moves all objects from the tree, which is empty then, to `list`; to the daemon they are unknown. */
+/* Moves all objects from the tree to `list`: the new daemon does not know them. */
 static void take_objects(struct ubus_context *ctx, struct list_head *list)
 {
 	struct ubus_object *obj, *after;
@@ -192,7 +192,7 @@ static const struct ubus_method *find_method(const struct ubus_object *obj, cons
 	return NULL;
 }
 
-/* Calls the handler; its result, or what the call is refused with. Who has called is known once the method is. */
+/* Calls the handler. Returns its result, or the status that refuses the call. */
 static int serve_call(struct ubus_context *ctx, struct ubus_object *obj, const struct ubus_msghdr *header,
 	struct blob_attr **attrs, struct ubus_request_data *req)
 {
@@ -218,14 +218,14 @@ static int serve_call(struct ubus_context *ctx, struct ubus_object *obj, const s
 	}
 	bool no_reply = attrs[UBUS_ATTR_NO_REPLY] && blob_get_u8(attrs[UBUS_ATTR_NO_REPLY]);
 	int status = method->handler(ctx, obj, req, name, attrs[UBUS_ATTR_DATA]);
-	/* Nobody waits for the result: it is as if the handler had deferred it for ever. */
+	/* Nobody waits for the result, so none is sent. */
 	req->deferred |= no_reply;
 	return status;
 }
 
 /*
- * A call of an unknown object, or of no method, is answered to nobody: with the object, the peer and the sequence
- * number 0. Its caller waits until its own time is over.
+ * The answer to a call of an unknown object, or without a method, has the object, the peer and the sequence number 0, as
+ * from the real libubus. It reaches nobody, and the caller waits until its own timeout.
  */
 void ubus_object_process_call(struct ubus_context *ctx, struct ubus_object *obj,
 	const struct ubus_msghdr *header, struct blob_attr **attrs)

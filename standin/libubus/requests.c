@@ -1,7 +1,7 @@
 /*
- * Requests. A linked one ends once: by the daemon's STATUS, by the end of the connection, or by being aborted;
- * it is unlinked before its callback learns of that, and not touched afterwards. While one of its data
- * callbacks runs it is blocked: what else arrives for it, its end included, waits for the callback.
+ * Requests. A linked request ends once: by STATUS, by the end of the connection, or by being aborted. It is unlinked
+ * before its callback runs, and not touched afterwards. While one of its data callbacks runs the request is blocked:
+ * further data, and its end, wait for the callback to return.
  */
 #include <libubus.h>
 
@@ -78,7 +78,7 @@ static void call_complete(struct ubus_request *req)
 		complete_cb(req, req->status_code);
 }
 
-/* What is behind a request that is blocked happens when its callback has returned. */
+/* A blocked request is completed when its data callback has returned. */
 static void end_request(struct ubus_request *req, int status)
 {
 	list_del_init(&req->list);
@@ -88,21 +88,21 @@ static void end_request(struct ubus_request *req, int status)
 		call_complete(req);
 }
 
-/* Stands in for the callback of a request that is waited for: the waiting call makes that call itself. */
+/* The callback of a request while a synchronous call waits for it; the waiting call then runs the real one. */
 static void wake_waiting_call(struct ubus_request *req, int status)
 {
 	(void)status;
 	req->ctx->cancel_poll = true;
 }
 
-/* Those that callbacks link meanwhile as well. */
+/* Ends the requests that callbacks link meanwhile, too. */
 void ubus_fail_requests(struct ubus_context *ctx)
 {
 	while (!list_empty(&ctx->requests))
 		end_request(list_first_entry(&ctx->requests, struct ubus_request, list), UBUS_STATUS_TIMEOUT);
 }
 
-/* The place of a peer that has yet to answer a notification; -1: none. */
+/* The index of a peer that has not answered a notification yet; -1: none. */
 static int notify_index(struct ubus_notify_request *req, uint32_t peer)
 {
 	for (int index = 0; index <= UBUS_MAX_NOTIFY_PEERS; ++index)
@@ -129,7 +129,7 @@ static struct ubus_request *find_request(struct ubus_context *ctx, uint16_t seq,
 	return NULL;
 }
 
-/* The daemon's list of subscribers: the first of them are waited for. */
+/* Takes the first subscribers of the daemon's list as the peers to wait for. */
 static void wait_for_subscribers(struct ubus_notify_request *req, struct blob_attr *subscribers)
 {
 	int index = 0;
@@ -257,7 +257,7 @@ static bool has_ended(const struct ubus_request *req)
 	return req->status_msg || req->cancelled;
 }
 
-/* Until the request has ended, the time is over, or the connection is lost, by whatever inner call. */
+/* Serves until the request has ended, the time is over, or the connection is lost, even in an inner call. */
 static void serve_until_ended(struct ubus_context *ctx, struct ubus_request *req, int64_t end_ms)
 {
 	while (!has_ended(req)) {
@@ -439,7 +439,7 @@ int ubus_notify(struct ubus_context *ctx, struct ubus_object *obj, const char *t
 	int status = send_notification(ctx, obj, type, msg, &req, timeout >= 0);
 	if (timeout < 0)
 		return UBUS_STATUS_OK;
-	/* A write that failed shows as the lost connection that it is, when the answer is waited for. */
+	/* After a failed write the wait reports the lost connection. */
 	return status == UBUS_STATUS_OK || ctx->sock.eof ? ubus_complete_request(ctx, &req.req, timeout)
 							 : status;
 }

@@ -1,5 +1,5 @@
 /*
- * Subscribers and event listeners are objects without a path whose one method takes whatever arrives.
+ * Subscribers and event listeners. Each is an object without a path; its one method takes every notification or event.
  */
 #include <libubus.h>
 
@@ -70,7 +70,7 @@ static int on_event(struct ubus_context *ctx, struct ubus_object *obj, struct ub
 
 static const struct ubus_method event_method = {.name = NULL, .handler = on_event};
 
-/* Calls a method of the daemon's event object and releases the message. */
+/* Calls a method of the daemon's event object and releases `buf`. */
 static int call_event_object(
 	struct ubus_context *ctx, const char *method, struct blob_buf *buf, bool complete)
 {

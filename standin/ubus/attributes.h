@@ -1,5 +1,4 @@
-// Reading attributes that nobody has looked at yet: walked by lengths alone, and checked before they are
-// given out.
+// Reads attributes that are not checked yet: walks them by their lengths, and checks each before it returns it.
 #pragma once
 #include <libubus.h>
 
@@ -10,14 +9,14 @@ inline std::string_view value_of(const blob_attr *attribute)
 	return {static_cast<const char *>(blobmsg_data(attribute)), blobmsg_data_len(attribute)};
 }
 
-// What is left of a container, from the first attribute to the last.
+// The rest of a container, from the next attribute to the last.
 class attributes
 {
 	std::string_view left_;
 
 	explicit attributes(std::string_view bytes) : left_(bytes) {}
 
-	// Null at the end, or where the lengths stop making sense.
+	// Null at the end, or where a length is wrong.
 	blob_attr *next_of_any_kind()
 	{
 		if (left_.size() < sizeof(blob_attr))
@@ -32,8 +31,8 @@ class attributes
 	}
 
 public:
-	// Of an attribute without a name, as a message or a signature is, whatever its bits say; null has
-	// none.
+	// The children of an attribute without a name, such as a message or a signature, whatever its bits say;
+	// none if it is null.
 	static attributes in_message(const blob_attr *message)
 	{
 		if (!message)
@@ -41,11 +40,10 @@ public:
 		return attributes{{static_cast<const char *>(blob_data(message)), blob_len(message)}};
 	}
 
-	// Of an attribute that `next` has given out.
+	// The children of an attribute that `next` has returned.
 	static attributes in(const blob_attr *container) { return attributes{value_of(container)}; }
 
-	// The next one with a name, though perhaps an empty one, and a value that fits its type; null at the
-	// end.
+	// The next attribute with a name, even an empty one, and a value that fits its type; null at the end.
 	blob_attr *next()
 	{
 		while (blob_attr *attribute = next_of_any_kind())

@@ -12,7 +12,7 @@ constexpr size_t name_bytes_max = 255;
 
 // ---- UTF-8 ----
 
-// The number of bytes that the first one announces; 0 if none begins with it.
+// The length of the sequence that a first byte announces; 0 if no sequence starts with it.
 size_t announced_length(unsigned char first)
 {
 	if (first < 0x80)
@@ -22,14 +22,14 @@ size_t announced_length(unsigned char first)
 	return first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
 }
 
-// Neither a longer form of a shorter sequence, nor half of a pair of UTF-16, nor beyond the last one.
+// False for an overlong form, a UTF-16 surrogate, and a value beyond the last code point.
 bool is_code_point(uint32_t value, size_t length)
 {
 	constexpr uint32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
 	return value >= least[length] && (value < 0xd800 || value > 0xdfff) && value <= 0x10ffff;
 }
 
-// The length of the sequence that `bytes`, which is not empty, begins with; 0 if it is not UTF-8.
+// The length of the sequence at the start of `bytes`, which is not empty; 0 if it is not UTF-8.
 size_t sequence_length(std::string_view bytes)
 {
 	auto at = [&](size_t index) { return static_cast<unsigned char>(bytes[index]); };
@@ -63,7 +63,7 @@ json_owner json_of_array(attributes elements, int depth)
 	return array;
 }
 
-// Of members with the same name the first counts, as for everybody who reads messages.
+// Of members with the same name the first counts, as it does for all readers of messages.
 json_owner json_of_table(attributes members, int depth)
 {
 	json_owner object{json_object()};
@@ -91,7 +91,7 @@ json_owner json_of_container(blob_attr *attribute, int depth)
 	return json_of_table(attributes::in(attribute), depth + 1);
 }
 
-// `attribute` has passed the check.
+// `attribute` has been checked.
 json_owner json_of_attribute(blob_attr *attribute, int depth)
 {
 	switch (blobmsg_type(attribute)) {
@@ -116,7 +116,7 @@ json_owner json_of_attribute(blob_attr *attribute, int depth)
 	}
 }
 
-// The JSON that the only attribute carries as text; null if there is no such thing.
+// The JSON that a single attribute carries as text; null if there is none.
 json_owner carried_json(attributes content)
 {
 	blob_attr *only = content.next();

@@ -15,9 +15,9 @@ using json_owner = std::unique_ptr<json_t, json_dropper>;
 // `bytes` with U+FFFD for whatever is not UTF-8.
 std::string valid_utf8(std::string_view bytes);
 
-// The message as libubus hands it over, which may hold anything, or be null; never null. What cannot be read
-// is left out, and what lies deeper than a person would look is not looked at. A message in which nothing
-// but an UNSPEC attribute "json" is found, with the text of an object or array, is that object or array.
+// The JSON of a message as libubus delivers it: the message may hold anything, or be null; the result is never null.
+// Malformed attributes are left out, and so is what is nested too deeply for a person to read. A message of nothing but
+// an UNSPEC attribute "json", with the text of an object or array, becomes that object or array.
 json_owner json_of_message(const blob_attr *message);
 
 // A message under construction.
@@ -32,9 +32,8 @@ public:
 	~message() { blob_buf_free(&buf_); }
 	blob_attr *head() const { return buf_.head; }
 
-	// Adds the members of `object` as named attributes, or all of `json` as the text in one attribute
-	// "json". False if `object` is none, a name is longer than receivers look at, or the space has run
-	// out.
+	// Add the members of `object` as named attributes, or all of `json` as the text of one attribute "json".
+	// False if `object` is no object, a name is too long for receivers, or the message is full.
 	bool add_members(json_t *object);
 	bool add_text(json_t *json);
 };

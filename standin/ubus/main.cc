@@ -1,8 +1,8 @@
 // ubus - the message bus at a shell prompt: lists objects, calls methods, prints notifications and events.
 //
-// One connection, and no loop before there is something to wait for: libubus's own calls wait for answers.
-// They do so without a limit, so an alarm ends the program if the bus takes too long. Every line is written
-// out at once, so that at any time the program may end without a loss.
+// There is one connection, and a loop only for subscribe and listen: libubus's own calls wait for answers. They wait
+// without a limit, so an alarm ends the program if the bus takes too long. Each line is written at once, so the program
+// may end at any time without a loss.
 
 #include <getopt.h>
 #include <inttypes.h>
@@ -58,7 +58,7 @@ int usage_error(const char *what, const char *word)
 	return UBUS_STATUS_INVALID_ARGUMENT;
 }
 
-// In the terms of the shell. Owners of objects may answer with any number.
+// An exit status for the shell: owners of objects may answer with any number.
 int exit_status(int status)
 {
 	return status >= 0 && status <= 255 ? status : 255;
@@ -87,7 +87,7 @@ void print_named(const char *name, const blob_attr *content)
 	print(line, 0);
 }
 
-// For names outside of JSON, which escapes such characters: those that terminals obey are hidden.
+// Hides the characters that terminals obey, in names outside of JSON, which escapes them.
 std::string printable(std::string_view name)
 {
 	std::string text = valid_utf8(name);
@@ -152,7 +152,7 @@ int run_list(ubus_context *bus, bool verbose, words path)
 
 // ---- call ----
 
-// No object has it. It stays where the bus says yes and nothing else, to those who may not see the object.
+// No object has this id. It stays if the bus answers with success alone, as it does to users who may not see the object.
 constexpr uint32_t no_id = 0;
 
 json_owner parsed(const char *text)
@@ -184,7 +184,7 @@ int run_call(ubus_context *bus, bool as_text, words arguments)
 
 // ---- subscribe, listen ----
 
-// What is printed until somebody ends it, or nothing can come any more.
+// Prints until it is stopped, or nothing more can arrive.
 struct {
 	size_t sources = 0;
 	int status = UBUS_STATUS_OK;
@@ -288,7 +288,7 @@ struct command {
 	const char *name;
 	const char *flag; // null if it has none
 	size_t words_min, words_max;
-	bool waits; // until it is told to stop
+	bool waits; // runs until it is stopped
 	int (*run)(ubus_context *bus, bool flag, words arguments);
 };
 
@@ -308,7 +308,7 @@ const command *find_command(std::string_view name)
 }
 
 struct options {
-	const char *socket = nullptr; // libubus knows the usual place
+	const char *socket = nullptr; // null: libubus's default
 	unsigned int seconds = answer_seconds;
 	bool help = false;
 	bool version = false;
@@ -333,7 +333,7 @@ int parse_options(int argc, char **argv, options *given)
 		else if (letter == 'V')
 			given->version = true;
 		else if (letter != 't')
-			return 0; // getopt_long has said it
+			return 0; // getopt_long has printed it
 		else if (!parse_seconds(optarg, &given->seconds)) {
 			usage_error("no number of seconds: ", optarg);
 			return 0;
@@ -342,7 +342,7 @@ int parse_options(int argc, char **argv, options *given)
 	return optind;
 }
 
-// The alarm is on from before the connection is made: a bus that hangs does not even say hello.
+// The alarm starts before the connection is made: a bus that hangs does not even say hello.
 int run(const options &given, const command &what, bool flag, words arguments)
 {
 	signal(SIGALRM, on_alarm);

@@ -1,9 +1,8 @@
-// The requests, each in the order of its checks, and what becomes of everybody else when one takes effect.
+// The requests: each makes its checks in order, takes effect, and tells the other clients.
 //
-// Who may do what: root may do everything. Anybody else, as no access control file says otherwise, adds no
-// object that has a path, calls none, subscribes to none, sees none that has methods, and has nothing to do
-// with events. Objects without a path are for those who have been told their ids; root, too, subscribes to them only
-// where their owner is root, or of root's group.
+// Access is what it is without access control files. Root may do everything. Other users may not add, call or
+// subscribe to an object with a path, see an object with methods, or use events. Any client may use an object without
+// a path if it has been told the id; but to subscribe to it, even root must have the user or the group of its owner.
 #include "bus.h"
 
 #include <algorithm>
@@ -14,7 +13,7 @@
 namespace ubusd
 {
 
-// What one client gets done before it is the others' turn.
+// Work for one client in one turn; then it is the other clients' turn.
 static constexpr int frames_per_turn = 32;
 static constexpr int lookup_steps_per_turn = 64;
 // More than a socket's buffer holds: 212,992 bytes are 555 turns of the shortest frames.
@@ -40,8 +39,7 @@ static void send_status(client &to, uint16_t seq, uint32_t peer, int status)
 	to.send(UBUS_MSG_STATUS, seq, peer, answer);
 }
 
-// ---------------------------------------------------------------------------------------------------------
-// Access.
+// ---- Access ----
 
 static bool may_see(const identity &who, const object &seen)
 {
@@ -59,8 +57,7 @@ static bool may_subscribe(const identity &who, const object &target)
 	return target.path ? who.is_root() : who.uid == owner.uid || who.gid == owner.gid;
 }
 
-// ---------------------------------------------------------------------------------------------------------
-// Clients.
+// ---- Clients ----
 
 void bus::add_client(descriptor fd, int epoll_fd, identity who)
 {
@@ -94,8 +91,8 @@ bool bus::serve(uint32_t client_id, uint32_t events)
 		served.flush();
 	continue_lookup(served);
 	progress made = handle_frames(served);
-	// Its objects go before anybody who connects anew, itself perhaps, adds the like. What it has left to be
-	// read is what its socket's buffer held.
+	// A client that has hung up is served to the end at once, so that its objects are gone before it connects again.
+	// Only what its socket's buffer held is left to read.
 	for (int turns = last_turns_max; (events & EPOLLHUP) && made != progress::ended && turns > 0; --turns)
 		made = handle_frames(served);
 	if (made == progress::ended || !served.watch())
@@ -131,8 +128,7 @@ bus::progress bus::handle_frames(client &from)
 	return progress::unfinished;
 }
 
-// ---------------------------------------------------------------------------------------------------------
-// Requests.
+// ---- Requests ----
 
 bus::handler bus::handler_of(uint8_t type)
 {
@@ -160,7 +156,7 @@ void bus::handle(client &from, const frame &request)
 		send_status(from, request.seq, request.peer, status);
 }
 
-// The bus's own objects are everybody's to call, and nobody's to do anything else with.
+// Any client may call the bus's own objects, and do nothing else with them.
 static bool is_system_object(uint32_t id)
 {
 	return id >= UBUS_SYSTEM_OBJECT_EVENT && id <= UBUS_SYSTEM_OBJECT_MONITOR;
@@ -178,7 +174,7 @@ int bus::ping(client &from, const frame &request)
 	return UBUS_STATUS_OK;
 }
 
-// A reply goes to the client that the header names, and names there the object that it comes from.
+// A reply goes to the client that the header names; there the header names the object that replies.
 int bus::hand_on(client &from, const frame &reply)
 {
 	if (!reply.has(UBUS_ATTR_OBJID))
@@ -200,10 +196,9 @@ int bus::hand_on_data(client &from, const frame &request)
 	return request.has(UBUS_ATTR_DATA) ? hand_on(from, request) : no_answer;
 }
 
-// ---------------------------------------------------------------------------------------------------------
-// Look-ups.
+// ---- Look-ups ----
 
-// The answer about one object; false when there is nothing to say about it to that client.
+// Answers about one object; false when that client may not see it.
 static bool describe(const identity &who, const object &found, message *answer)
 {
 	if (!found.type || !may_see(who, found))
@@ -245,7 +240,7 @@ int bus::look_up_one(client &from, const frame &request, const std::string &path
 	return UBUS_STATUS_OK;
 }
 
-// Objects may come and go between two steps; the path handled last says where to go on all the same.
+// Objects may come and go between two steps, so a step starts from the last path that was handled.
 void bus::continue_lookup(client &from)
 {
 	for (int left = lookup_steps_per_turn; from.lookup && left > 0; --left)
@@ -253,7 +248,7 @@ void bus::continue_lookup(client &from)
 			break;
 }
 
-// The next object of a look-up, or its end; false when its client has to read first.
+// Sends the next object of a look-up, or its end; false when its client has to read first.
 bool bus::lookup_step(client &from)
 {
 	pending_lookup &lookup = *from.lookup;
@@ -278,8 +273,7 @@ bool bus::lookup_step(client &from)
 	return true;
 }
 
-// ---------------------------------------------------------------------------------------------------------
-// Subscriptions: who is told when they begin and end.
+// ---- Subscriptions: who is told when they begin and end ----
 
 static void tell_active(object *target, bool active)
 {
@@ -330,11 +324,10 @@ static bool end_subscription(object *subscriber, object *target)
 	return true;
 }
 
-// ---------------------------------------------------------------------------------------------------------
-// Adding and removing objects.
+// ---- Adding and removing objects ----
 
-// A signature is a sequence of named values, one for each method: their number, or -1 for anything else. They
-// should be tables, and nobody looks.
+// The number of methods in a signature, which is a sequence of named values, one a method; -1 if it is anything else.
+// The values should be tables, but their type is not checked.
 static int method_count(const blob_attr *signature)
 {
 	int count = 0;
@@ -362,7 +355,7 @@ object_type *bus::make_type(const blob_attr *signature)
 	return types_.emplace(id, std::move(type)).first->second.get();
 }
 
-// The type that a new object gets, if any.
+// The type of a new object, or null.
 object_type *bus::take_type(const frame &request)
 {
 	object_type *type = nullptr;
@@ -384,7 +377,7 @@ void bus::drop_type(object_type *type)
 		types_.erase(type->id);
 }
 
-// Whether the bounds allow another object; with room for the answer that a look-up of it will get.
+// Whether the bounds allow another object. The answer to a look-up of it must fit into a message, too.
 static bool may_hold(const client &owner, const object &added)
 {
 	static const identity root{};
@@ -477,10 +470,9 @@ void bus::remove(object *gone)
 	objects_.erase(gone->id);
 }
 
-// ---------------------------------------------------------------------------------------------------------
-// Subscribing.
+// ---- Subscribing ----
 
-// The object of its own that a client subscribes with.
+// The object that a client subscribes with; it must be its own.
 int bus::find_subscriber(const client &from, const frame &request, object **subscriber) const
 {
 	if (!request.has(UBUS_ATTR_OBJID) || !request.has(UBUS_ATTR_TARGET))
@@ -521,16 +513,15 @@ int bus::unsubscribe(client &from, const frame &request)
 	return target && end_subscription(subscriber, target) ? UBUS_STATUS_OK : UBUS_STATUS_NOT_FOUND;
 }
 
-// ---------------------------------------------------------------------------------------------------------
-// Calls and notifications.
+// ---- Calls and notifications ----
 
 static bool wants_no_reply(const frame &request)
 {
 	return request.has(UBUS_ATTR_NO_REPLY) && request.flag(UBUS_ATTR_NO_REPLY);
 }
 
-// What an object is called with; the result is the place of the object's id. Who calls is not the caller's
-// to say.
+// Puts together what an object is called with; returns the place of the object's id. The caller's names come from the
+// kernel, not from the caller.
 static size_t put_call(message *call, const identity &caller, const frame &request)
 {
 	size_t place = call->put_number_to_set(UBUS_ATTR_OBJID);
@@ -549,7 +540,7 @@ int bus::invoke(client &from, const frame &request)
 	if (id == UBUS_SYSTEM_OBJECT_EVENT)
 		return event_request(from, request);
 	if (is_system_object(id))
-		return UBUS_STATUS_NOT_SUPPORTED; // this bus has neither
+		return UBUS_STATUS_NOT_SUPPORTED; // this bus has neither of them
 	object *called = find_object(id);
 	if (!called)
 		return UBUS_STATUS_NOT_FOUND;
@@ -563,7 +554,7 @@ int bus::invoke(client &from, const frame &request)
 	return no_answer;
 }
 
-// Whose statuses the sender of a notification may wait for, the latest subscription first.
+// The subscribers whose statuses the sender of a notification may wait for, the latest first.
 static void send_subscribers(client &to, uint16_t seq, uint32_t peer, const object &source)
 {
 	message list;

@@ -1,8 +1,8 @@
 // The bus: which objects there are, whose they are, who subscribes to them and who listens to events.
 //
-// A request is handled at once and leaves nothing behind but what it asked for: calls are handed on and
-// forgotten, since callers match the replies. So all that a client can make the bus hold is what it has
-// added, and that is bounded below; a request beyond a bound gets UBUS_STATUS_NO_MEMORY.
+// A request is handled at once. A call is passed on and forgotten, since its caller matches the reply. So the bus holds
+// for a client only what that client has added. The bounds of this are below; a request beyond one gets
+// UBUS_STATUS_NO_MEMORY.
 #pragma once
 #include <map>
 #include <memory>
@@ -16,8 +16,8 @@
 namespace ubusd
 {
 
-// The bounds are far above what the daemons of one machine use together, and small enough that a client
-// which runs wild reaches its own before the machine's. The units are pieces, but for the bytes.
+// The bounds are far above what the daemons of one machine use together, and small enough that a client that runs wild
+// meets them before the machine's. The units are pieces, but for the bytes.
 inline constexpr size_t clients_max = 1024; // as many as have descriptors by default
 inline constexpr size_t client_objects_max = 4096;
 inline constexpr size_t client_subscriptions_max = 4096;
@@ -59,7 +59,7 @@ class bus
 	std::vector<object *> listeners_; // the objects that have patterns
 	uint16_t event_sequence_ = 0;
 
-	// What handling a request comes to: the status of its answer, or no answer, now at least.
+	// The outcome of a request: the status to answer with, or no answer, at least for now.
 	static constexpr int no_answer = -1;
 	using handler = int (bus::*)(client &, const frame &);
 	static handler handler_of(uint8_t type);
@@ -114,8 +114,8 @@ public:
 	bool full() const { return clients_.size() >= clients_max; }
 	// Takes a connection in and greets it; the connection is closed when that fails.
 	void add_client(descriptor fd, int epoll_fd, identity who);
-	// Does a bounded amount of work for a client of which epoll has reported `events`, possibly none. True
-	// when there is more to do at once. A client that has gone is removed; one that is unknown has been.
+	// Does a bounded amount of work for a client for which epoll has reported `events`, possibly none. True
+	// when there is more to do at once. Removes a client that has gone; an unknown one was removed before.
 	bool serve(uint32_t client_id, uint32_t events);
 };
 

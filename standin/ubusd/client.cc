@@ -1,4 +1,4 @@
-// Reading and writing without ever waiting, within the bounds that client.h names.
+// Reads and writes without waiting, within the bounds in client.h.
 #include "client.h"
 
 #include <errno.h>
@@ -32,8 +32,8 @@ client::client(descriptor fd, int epoll_fd, uint32_t id, identity who)
 {
 }
 
-// A client whose look-up is under way is not read from before that has ended: its answers come in order, and
-// one look-up is all there is to remember. The socket's being writable is what moves a look-up on.
+// While a look-up is in progress its client is not read from: so answers keep their order, and there is only one look-up
+// to remember. The look-up goes on when the socket is writable.
 bool client::watch()
 {
 	uint32_t wanted = lookup ? 0U : uint32_t{EPOLLIN};
@@ -62,7 +62,7 @@ void client::fill()
 		input_ended_ = true;
 }
 
-// What was written before is still to be read: a client may send its last words and go.
+// Input is kept: a client may send its last words and go.
 void client::end_output()
 {
 	output_ended_ = true;
@@ -70,7 +70,7 @@ void client::end_output()
 	lookup.reset();
 }
 
-// Writes `parts` as far as the socket takes them now; the number of bytes, or nothing when it is broken.
+// Writes `parts` as far as the socket takes them now. Returns the number of bytes, or nothing if the socket is broken.
 static std::optional<size_t> write_now(int fd, iovec *parts, size_t part_count)
 {
 	msghdr text{};

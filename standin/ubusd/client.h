@@ -1,10 +1,9 @@
-// One connection: what has come and is not yet understood, what goes out and is not yet taken, and who it is
-// at the other end. It knows nothing of objects; what it sends on one side and hands over on the other are
-// messages.
+// One connection: its input that is not parsed yet, its output that is not written yet, and the peer's identity. It
+// deals in messages, and knows nothing of objects.
 //
-// The socket never blocks. What its peer does not read is queued up to a bound, and dropped beyond it: a
-// peer that reads too slowly misses messages and costs nobody else anything. Nobody is made to wait for
-// reading either: a peer that sends many requests before it reads an answer would wait for ever.
+// The socket never blocks. Output waits in a queue with a bound; beyond it messages are dropped. So a peer that reads too
+// slowly misses messages, and costs nobody else anything. A full queue does not stop the reading: a peer that sends many
+// requests before it reads an answer would wait forever.
 #pragma once
 #include <sys/types.h>
 
@@ -20,14 +19,14 @@ namespace ubusd
 
 struct object;
 
-// What may wait for one client: as much as one message of the greatest length.
+// The bound of the queue: one message of the greatest length.
 inline constexpr size_t queue_bytes_max = UBUS_MAX_MSGLEN;
 // A look-up goes on while less than this waits for its client; the rest of the queue is for other messages.
 inline constexpr size_t lookup_queue_bytes = size_t{64} * 1024;
-// What is read at once. One read each turn: then it is the other clients' turn.
+// One read a turn reads at most this much; then it is the other clients' turn.
 inline constexpr size_t read_bytes_max = size_t{64} * 1024;
 
-// Who is at the other end, as the kernel and the password and group files know it.
+// The peer, as the kernel and the password and group files know it.
 struct identity {
 	uid_t uid = 0;
 	gid_t gid = 0;
@@ -39,14 +38,14 @@ struct identity {
 // Who is connected to `fd`; nothing when the user or the group has no entry.
 std::optional<identity> identity_of_peer(int fd);
 
-// A look-up under way: it goes on behind `last` as its client reads.
+// A look-up in progress: it goes on after `last` as its client reads.
 struct pending_lookup {
 	uint16_t seq = 0;
 	uint32_t peer = 0;
 	std::string prefix; // of the paths asked for
 	std::string last;   // the path handled last
-	bool begun = false; // `last` holds
-	bool found = false; // what to say at the end
+	bool begun = false; // `last` is valid
+	bool found = false; // decides the status at the end
 };
 
 class client
@@ -69,7 +68,7 @@ class client
 public:
 	std::optional<pending_lookup> lookup;
 	std::vector<object *> objects; // its own, the oldest first
-	// What it makes the bus hold.
+	// What the bus holds for it.
 	size_t subscription_count = 0, pattern_count = 0, held_bytes = 0;
 
 	client(descriptor fd, int epoll_fd, uint32_t id, identity who);
@@ -88,9 +87,9 @@ public:
 	framing next(frame *result) { return frame_parse(&input_, result); }
 	// Ends the use of the frame from next().
 	void consume(const frame &used) { input_.consume(used.length()); }
-	// Writes what has been queued, as far as the socket takes it.
+	// Writes queued output as far as the socket takes it.
 	void flush();
-	// A client that has gone altogether: nothing can be written, and what it wrote can still be read.
+	// For a client that has closed both directions: nothing can be written, but its last words can be read.
 	void hang_up() { end_output(); }
 
 	// Sends or queues a message; drops it when the queue is full or `body` is null.
@@ -99,7 +98,7 @@ public:
 	{
 		send(type, seq, peer, body.body());
 	}
-	// True while a look-up may add this message to what waits.
+	// True while a look-up may add this message to the queue.
 	bool has_room(const message &body) const
 	{
 		size_t length = sizeof(ubus_msghdr) + (body.body() ? blob_raw_len(body.body()) : 0);

@@ -6,7 +6,7 @@
 namespace ubusd
 {
 
-// Two named values out of a call's data, each of the type asked for; false when one is missing.
+// Finds two named values in a call's data, each of the type asked for; false when one is missing.
 static bool find_two(const blob_attr *data, const blobmsg_policy (&wanted)[2], blob_attr *(&values)[2])
 {
 	return data &&
@@ -20,7 +20,7 @@ static std::string text_of(const blob_attr *value)
 	return static_cast<const char *>(blobmsg_data(value));
 }
 
-// A star at a pattern's end stands for anything.
+// A star at a pattern's end matches anything.
 static bool matches(const std::string &pattern, std::string_view name)
 {
 	if (pattern.back() != '*')
@@ -67,7 +67,7 @@ int bus::listen(object *listener, std::string pattern)
 	client &owner = *listener->owner;
 	size_t length = pattern.size();
 	if (listener->patterns.contains(pattern))
-		return UBUS_STATUS_OK; // it gets an event once in any case
+		return UBUS_STATUS_OK; // it gets each event once in any case
 	if (owner.pattern_count >= client_patterns_max || owner.held_bytes + length > client_bytes_max)
 		return UBUS_STATUS_NO_MEMORY;
 	++owner.pattern_count;
@@ -107,7 +107,7 @@ int bus::event_send(client &from, const blob_attr *data)
 	return UBUS_STATUS_OK;
 }
 
-// What the bus itself has to tell, to all that listen.
+// Sends an event of the bus itself to all that listen.
 void bus::send_object_event(const char *name, const object &subject)
 {
 	message event;
@@ -120,7 +120,7 @@ void bus::send_object_event(const char *name, const object &subject)
 	send_event(nullptr, name, &event, place);
 }
 
-// One event to each object that listens to it, its id at `place`; to none of the client `except`.
+// Sends an event to each object that listens to it, with its id at `place`; to none of the client `except`.
 void bus::send_event(const client *except, std::string_view name, message *event, size_t place)
 {
 	for (const object *listener : listeners_) {

@@ -1,7 +1,7 @@
 // ubusd, the bus daemon of development machines: one thread, one epoll set, and a bus.
 //
-// Each pass serves the clients that epoll reports and those that had more to do, a bounded amount of work
-// each, so that nobody starves. With nothing to do it sleeps without a timeout.
+// Each pass serves the clients that epoll reports and those with unfinished work. Each gets a bounded amount of work, so
+// that none starves. With nothing to do the daemon sleeps without a timeout.
 #include <errno.h>
 #include <getopt.h>
 #include <signal.h>
@@ -41,12 +41,12 @@ static constexpr const char usage_text[] =
 	"  -h, --help  this text\n"
 	"  --version   the version\n";
 
-// What is taken from epoll and from the queue of connections at once.
+// How many events and connections one pass takes.
 static constexpr int events_per_pass = 64;
 static constexpr int accepts_per_pass = 16;
-// How long the daemon does not try to accept after it ran out of descriptors or memory.
+// The pause in accepting after descriptors or memory ran out.
 static constexpr int accept_pause_ms = 1000;
-// Those of the clients, and some to spare beyond the standard streams, listener, epoll and signals.
+// One for each client, and some for the standard streams, the listener, epoll and signals.
 static constexpr rlim_t descriptors_max = clients_max + 32;
 
 // The names of the daemon's own descriptors in the epoll set; clients have ids from first_id.
@@ -102,8 +102,8 @@ bool server::watch(int operation, int fd, uint64_t name, uint32_t events) const
 	return epoll_ctl(epoll_.get(), operation, fd, &event) == 0 || complain("watch", path_.c_str());
 }
 
-// A socket on which nobody listens was left by a daemon that was killed. Anything else that is at the path stays there,
-// and keeps the address in use.
+// Removes the socket of a daemon that was killed: nobody listens on it. Anything else at the path stays, and keeps the
+// address in use.
 static void remove_leftover(const sockaddr_un &name)
 {
 	struct stat there = {};
@@ -115,7 +115,7 @@ static void remove_leftover(const sockaddr_un &name)
 		unlink(name.sun_path);
 }
 
-// Everybody may connect: what they may do then is the bus's business.
+// Every user may connect; the bus decides what each may do.
 bool server::open_listener()
 {
 	sockaddr_un name{};
@@ -144,7 +144,7 @@ void server::remove_socket_file() const
 		unlink(path_.c_str());
 }
 
-// Signals are events like others: the first one ends run().
+// Signals arrive as events; the first one ends run().
 bool server::open_signals()
 {
 	sigset_t set;
@@ -170,7 +170,7 @@ static int64_t now_ms()
 	return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
-// Connections wait for a while: trying again at once would keep the processor busy.
+// Connections wait for a while: trying again at once would busy the processor.
 void server::pause_accepting()
 {
 	complain("accept on", path_.c_str());
@@ -186,8 +186,8 @@ void server::end_pause()
 	watch(EPOLL_CTL_MOD, listener_.get(), listener_name, EPOLLIN);
 }
 
-// False when there is nobody to accept, or nothing to do it with. Who is too much, or nobody that the
-// password file knows, finds the connection closed.
+// False when no connection waits, or descriptors or memory are short. A client beyond the bound, or unknown to the
+// password file, finds its connection closed.
 bool server::accept_one()
 {
 	descriptor fd{accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)};
@@ -226,7 +226,7 @@ int server::wait_ms() const
 	return static_cast<int>(std::max<int64_t>(accept_again_ms_ - now_ms(), 0)) + 1;
 }
 
-// Serves everybody once: those who have something new, then those whom the last pass left unfinished.
+// Each pass serves the clients with events, then those that the last pass left unfinished.
 int server::run()
 {
 	epoll_event events[events_per_pass];
@@ -252,7 +252,7 @@ int server::run()
 	}
 }
 
-// The bus's own bound on clients is to be the one that counts.
+// Allows enough descriptors for the bus's own bound on clients.
 static void allow_descriptors()
 {
 	rlimit limit{};

@@ -1,4 +1,4 @@
-// Bytes into messages and back. All that is read from a client goes through frame_parse.
+// Turns bytes into messages and back. All input of a client goes through frame_parse.
 #include "wire.h"
 
 #include <string.h>
@@ -6,7 +6,7 @@
 namespace ubusd
 {
 
-// What an empty queue may go on holding: enough for ordinary traffic to allocate nothing.
+// Memory that an empty queue may keep: enough for ordinary traffic to allocate nothing.
 static constexpr size_t queue_kept_bytes = size_t{64} * 1024;
 
 void byte_queue::append(const void *bytes, size_t count)
@@ -39,7 +39,7 @@ void byte_queue::align()
 	start_ = 0;
 }
 
-// The types of the attributes that requests are made of. For the others any payload will do, some only if it is one.
+// The types of the attributes of requests. The others may have any payload; some must have one.
 static constexpr blob_attr_info info_of(unsigned type, unsigned bytes_min = 0)
 {
 	return {type, bytes_min, 0, nullptr};
@@ -72,7 +72,7 @@ framing frame_parse(byte_queue *bytes, frame *result)
 	ubus_msghdr header;
 	memcpy(&header, bytes->data(), sizeof(header));
 	blob_attr *body = reinterpret_cast<blob_attr *>(bytes->data() + sizeof(header));
-	// A message of another version may be cut up in another way.
+	// Another version may have another framing.
 	if (header.version != 0)
 		return framing::malformed;
 	if (blob_raw_len(body) < sizeof(blob_attr) || blob_pad_len(body) > UBUS_MAX_MSGLEN)

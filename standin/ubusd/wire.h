@@ -1,8 +1,8 @@
-// Messages as they stand on the wire: taken apart without trusting a byte of them, and put together.
+// Messages on the wire: parsed without trusting a byte of them, and built.
 //
 // A message is a header of eight bytes (version, type, sequence number, peer) and one blob whose children are
-// the message's attributes. Parsing never looks beyond the blob's own length, and an attribute that does not
-// fit its type counts as missing, so nobody after this file meets a malformed one.
+// the message's attributes. Parsing never looks beyond the blob's own length. An attribute that does not fit its
+// type counts as missing, so the rest of the daemon meets no malformed one.
 #pragma once
 #include <stddef.h>
 #include <stdint.h>
@@ -23,7 +23,7 @@ namespace ubusd
 // The header and the blob's word: with these the length of a message is known.
 inline constexpr size_t frame_head_bytes = sizeof(ubus_msghdr) + sizeof(blob_attr);
 
-// Bytes that arrive at one end and leave at the other. An empty queue keeps little memory.
+// A queue of bytes. An empty one keeps little memory.
 class byte_queue
 {
 	std::vector<uint8_t> bytes_;
@@ -49,7 +49,7 @@ struct frame {
 	blob_attr *attributes[UBUS_ATTR_MAX] = {};
 
 	bool has(int id) const { return attributes[id] != nullptr; }
-	// These three are for attributes that are there. A number that is too short goes on in its padding.
+	// These three are for attributes that are present. A number that is too short is read with its padding.
 	uint32_t number(int id) const { return blob_get_u32(attributes[id]); }
 	const char *text(int id) const { return blob_get_string(attributes[id]); }
 	bool flag(int id) const { return blob_get_u8(attributes[id]) != 0; }
@@ -60,14 +60,14 @@ struct frame {
 enum class framing {
 	partial,   // more bytes are needed
 	complete,  // the frame is filled in
-	malformed, // there is no telling where the next message would start
+	malformed, // the start of the next message is unknown
 };
 
 // Looks at the first message in `bytes`, which stay there.
 framing frame_parse(byte_queue *bytes, frame *result);
 
-// A message's attributes on their way out. When memory is short, or the message has become longer than
-// messages may be, there is none, and nothing is sent.
+// The attributes of a message under construction. If memory is short, or the message gets too long, body() is null and
+// nothing is sent.
 class message
 {
 	blob_buf buf_{};
@@ -103,7 +103,7 @@ public:
 	size_t put_number_to_set(int id);
 	void set_number(size_t place, uint32_t value);
 
-	// What there is to send, or null.
+	// The message to send, or null.
 	const blob_attr *body() const;
 };
 

@@ -45,7 +45,7 @@ static inline void list_del_init(struct list_head *item)
 	INIT_LIST_HEAD(item);
 }
 
-/* Links `item` behind `place`: first, when `place` is the head. */
+/* Links `item` after `place`: first, when `place` is the head. */
 static inline void list_add(struct list_head *item, struct list_head *place)
 {
 	item->next = place->next;

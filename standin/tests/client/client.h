@@ -80,7 +80,7 @@ inline std::string call_status(uint32_t seq, uint32_t status, uint32_t object)
 		wire::number(wire::attr_status, status) + wire::number(wire::attr_objid, object));
 }
 
-// To a call whose caller libubus has not come to know yet.
+// The answer to a call before libubus knows the caller.
 inline std::string answer_to_nobody(uint32_t status)
 {
 	return wire::frame(wire::status, 0, 0,

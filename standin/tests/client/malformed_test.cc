@@ -74,7 +74,7 @@ protected:
 		}
 		ADD_FAILURE() << "the end of the stream was not met";
 	}
-	// The client on these bytes, then the end of the stream: no request may be left.
+	// Feeds these bytes and the end of the stream to the client: no request may be left.
 	void throw_at_client(const std::string &bytes)
 	{
 		target all;
@@ -94,7 +94,7 @@ protected:
 		disconnect();
 		peer_.reset();
 	}
-	// All of them, without waiting for the client, who answers into a socket that is still open.
+	// Writes all bytes without waiting for the client, whose answers go into a socket that is still open.
 	void throw_bytes(const std::string &bytes)
 	{
 		int size = 1 << 20;
@@ -143,7 +143,7 @@ TEST_F(bus_client_hostile, wrong_versions_and_lengths_stop_the_reading_but_not_t
 		for (uint16_t seq = 0; seq < 5; ++seq)
 			request.invoke(ctx_);
 		ubus_complete_request_async(ctx_, &request);
-		// Out of step, the status is read as a header; whole messages behind it are not.
+		// Out of step, the status is read as a header; whole messages after it are not.
 		serve(head + hex("01000008 00000000 00000000"));
 		serve();
 		EXPECT_FALSE(request.status_msg) << wire::to_hex(head);

@@ -1,5 +1,5 @@
-// The `ubus` command from outside: a process on a real bus, with peers that speak frames, so that nothing is kept from it
-// that libubus would refuse.
+// The `ubus` command from outside: a process on a real bus. Its peers speak frames, so they also send what libubus would
+// refuse to send.
 #pragma once
 #include <errno.h>
 #include <fcntl.h>
@@ -167,7 +167,7 @@ protected:
 		send_status(invoke, id, 0);
 		return call.finish();
 	}
-	// What a call with `words` behind the method's name arrives with; the command has to succeed.
+	// What a call with `words` after the method's name arrives with; the command has to succeed.
 	std::string sent_by_call(const std::vector<std::string> &words, const std::string &option = {})
 	{
 		uint32_t id = demo();
@@ -210,8 +210,8 @@ protected:
 		EXPECT_EQ(frame.number(wire::attr_objid), object);
 		EXPECT_EQ(frame.find(wire::attr_active), std::string(1, '\1'));
 	}
-	// Nobody tells that a listener is there: events are sent until one is printed. The lines of these events
-	// are left out by `event_line`.
+	// No message says that a listener is there, so events are sent until one is printed. `event_line` leaves out
+	// their lines.
 	void wait_for_listener(running_command *listen, const std::string &id)
 	{
 		bool heard = eventually([&] {

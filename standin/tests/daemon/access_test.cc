@@ -15,8 +15,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-// Access of users other than root.
-
 class ubusd_access : public bus_test
 {
 protected:

@@ -73,8 +73,6 @@ inline std::string subscribers(const std::vector<uint32_t> &ids)
 	return wire::attribute(wire::attr_subscribers, list);
 }
 
-// ---- Events ----
-
 inline std::string event_call(const std::string &name, const std::string &children)
 {
 	return objid(wire::event_object) + method(name) + payload(children);
@@ -124,7 +122,7 @@ inline std::vector<std::string> paths_in(const std::vector<received> &frames)
 	return paths;
 }
 
-// Asks for what only a bus in good order answers right.
+// Checks that the bus still does all it should for this client.
 inline void expect_good_service(raw_client *client, uint32_t object)
 {
 	const std::string body = method("still there");
@@ -152,7 +150,7 @@ inline void expect_good_service(raw_client *client, uint32_t object)
 			objid(object) + method("echo") + as_root + payload(wire::named_number("n", 1))));
 }
 
-// A daemon for each test, which has to end well: in a sanitized build nothing may have been found then.
+// Starts a daemon for each test, and stops it: its status must be 0, and is not if a sanitizer has found something.
 class bus_test : public descriptor_test
 {
 	std::optional<bus_daemon> daemon_;
@@ -172,7 +170,7 @@ protected:
 	}
 	bus_daemon &daemon() { return *daemon_; }
 	raw_client connect() { return raw_client(daemon_->path()); }
-	// The daemon's descriptors; whoever has closed a connection before is gone, as `client` is answered.
+	// The number of the daemon's descriptors. Once `client` is answered, connections that were closed before are gone.
 	size_t descriptor_count(raw_client *client)
 	{
 		client->drain();

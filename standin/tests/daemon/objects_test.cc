@@ -445,6 +445,8 @@ TEST_F(ubusd, client_that_disconnects_loses_all_its_objects)
 	EXPECT_NE(b.add("demo"), 0U);
 }
 
+// ---- Events ----
+
 TEST_F(ubusd, registration_of_a_listener_is_refused_in_the_order_of_the_checks)
 {
 	raw_client a = connect(), b = connect();

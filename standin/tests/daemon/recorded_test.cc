@@ -11,8 +11,7 @@
 
 using testing::IsEmpty;
 
-// ---- Recorded exchanges. A owns "demo"; B looks it up, calls it, and subscribes to it ----
-
+// A owns "demo"; B looks it up, calls it, and subscribes to it.
 class ubusd_recorded : public bus_test
 {
 protected:

@@ -64,7 +64,7 @@ TEST_F(ubusd_wire, message_may_come_byte_by_byte)
 		wire::frame(wire::invoke, 77, object, objid(object) + method("echo") + payload(""));
 	for (size_t i = 0; i < bytes.size(); ++i) {
 		ASSERT_TRUE(a.send(bytes.substr(i, 1)));
-		// Another client's answer shows that the daemon has been round since.
+		// Another client's answer shows that the daemon has made a pass since.
 		ASSERT_EQ(connect().status_of(wire::ping, 0), 0);
 	}
 	EXPECT_EQ(a.receive(),
@@ -227,7 +227,7 @@ TEST_F(standin_ubusd_wire, last_words_of_a_client_are_heard)
 	EXPECT_EQ(b.receive().text(wire::attr_method), "farewell");
 }
 
-// ---- Slow readers, floods and crowds ----
+// ---- Slow readers, floods and many clients ----
 
 // A child process that does `body` for ever; it ends with this object.
 class background
@@ -272,7 +272,7 @@ TEST_F(ubusd_wire, slow_reader_misses_messages_and_holds_nobody_up)
 	// What arrives is whole, and without a gap up to where the queue was full.
 	uint32_t arrived = 0;
 	auto has_more = [&] {
-		// As the socket empties the daemon refills it; it has been round after two answers to somebody else.
+		// The daemon refills the socket as it empties; two answers to another client show that it had a pass to do so.
 		for (int round = 0; round < 2 && !wait_for(slow.fd(), POLLIN, 0); ++round)
 			EXPECT_EQ(a.status_of(wire::ping, 0), 0);
 		return wait_for(slow.fd(), POLLIN, 0);
@@ -415,7 +415,7 @@ TEST_F(ubusd_wire, passed_descriptors_are_not_kept)
 	EXPECT_EQ(read_all(pipe.read_end.get()), "") << "nobody else has the other end";
 }
 
-// ---- Broken frames, thousands of them: each a valid one with something changed ----
+// ---- Broken frames: thousands of valid ones, each with something changed ----
 
 class mutator
 {
@@ -501,7 +501,7 @@ public:
 	}
 };
 
-// Sends broken frames about an object of its own and one of somebody else, anew when it is turned out.
+// Sends broken frames about an object of its own and one of somebody else, and connects again after it is disconnected.
 class hostile_client
 {
 	std::string path_;
