@@ -280,7 +280,7 @@ def syscall_table(bench, line, depth):
         say(f"system calls, {depth} deep: {kind}")
         wrapper = ["strace", "-f", "-c", "-U", "calls,name", "-o", report]
         calls = per_request(line, kind, wrapper, read, 1000, bench.pick(2000, 5000), depth)
-        listed = sorted(((count, name) for name, count in calls.items() if count >= 0.005), reverse=True)
+        listed = sorted(((round(count, 2), name) for name, count in calls.items() if count >= 0.005), reverse=True)
         rows.append([TITLES[kind], f"{sum(calls.values()):.2f}", ", ".join(f"{n} {c:.2f}" for c, n in listed)])
         if kind == bench.ours:
             bench.conclude(f"system calls a request, {depth} deep", round(sum(calls.values()), 2))
