@@ -1,5 +1,5 @@
-// What the description says, on boards of the tests' own; the reports of a missing one; addresses of real
-// interfaces, and of radios in a /sys/class of the test's; LED attributes there.
+// The board's description, and what is reported without one; the addresses of real interfaces and of radios, and
+// LED attributes, in a /sys/class of the test's own.
 #include "lib/device.h"
 
 #include <linux/capability.h>
@@ -43,11 +43,11 @@ int after_upgrade()
 constexpr device full_board = {"router1", "Somebody", "Router 1", &two_port_switch, "wan0", "lan0", "phy3",
 	255, "phy4", 128, show_led, start, after_upgrade};
 
-// What must be there, and no more.
+// Only the required fields.
 constexpr device bare_board = {nullptr, nullptr, nullptr, nullptr, "wan0", nullptr, nullptr, 0, nullptr, 0,
 	nullptr, nullptr, nullptr};
 
-// The description is a process's, so each test of one has a child.
+// A process has one description, so each test of one has a child.
 void on_board(const device *board, const std::function<void()> &body)
 {
 	on_bare_board([&] {
@@ -241,7 +241,7 @@ TEST(dev_led_set, has_the_numbers_0_to_5_for_states)
 
 // ---- Without a description ----
 
-// What a program without a description, or with one that lacks something, writes when `call` ends it.
+// What a program writes when `call` ends it because its description, or a part of that, is missing.
 std::string last_words(const device *board, const std::function<void()> &call)
 {
 	child_result result = run_child([&] {
@@ -428,7 +428,7 @@ TEST(dev_get_mac_json_array, follows_the_address_of_the_interface)
 	});
 }
 
-// The radios are not asked then, or they would have been missed in the log.
+// The radios are not asked, or the log would say that they are missing.
 TEST(dev_get_mac_json_array, without_the_wan_interface_silently_fails)
 {
 	on_board(&full_board, [] {
@@ -467,7 +467,7 @@ TEST(dev_get_mac_json_array, fails_on_a_radio_that_has_no_address)
 	});
 }
 
-// Memory of jansson's: how many requests are left until one is refused, and how many blocks are in use.
+// Memory of jansson: how many requests are left until one is refused, and how many blocks are in use.
 int json_requests_left, json_blocks;
 
 void *json_memory(size_t size)
@@ -485,7 +485,7 @@ void free_json_memory(void *block)
 	free(block);
 }
 
-// Fails without keeping memory of jansson's.
+// Fails, and keeps no memory of jansson.
 void expect_no_addresses_and_no_memory(int error)
 {
 	json_requests_left = -1;
@@ -697,7 +697,7 @@ TEST(led_set_attr, says_nothing_when_the_value_is_not_taken)
 	});
 }
 
-// An LED name that makes a path of `length` characters with "/trigger"; what counts of it is "dome".
+// An LED name that makes a path of `length` characters with "/trigger"; its last part is "dome".
 std::string padded_led(size_t length)
 {
 	const std::string name = "dome";

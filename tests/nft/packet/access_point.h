@@ -111,8 +111,8 @@ inline std::string sender_of(const sockaddr_in &name)
 	return inet_ntop(AF_INET, &name.sin_addr, text, sizeof(text));
 }
 
-// Packets to this port pass every chain of these tests. One arrives after all that was sent before it:
-// everything runs on one processor, which takes packets in their order.
+// Packets to this port pass every chain of these tests. Such a packet arrives after all that was sent before it:
+// everything runs on one processor, which takes packets in order.
 inline constexpr uint16_t fence_port = 9;
 
 // This process, an access point, between two clients and a server.
@@ -183,7 +183,7 @@ public:
 		return in_network(server, home,
 			[&] { return bound_socket(type, socket_address(server_address, port)); });
 	}
-	// A datagram socket of a client's, connected to the server. The peer's refusals can be read in full.
+	// A client's datagram socket, connected to the server. Its error queue has the peer's refusals.
 	owned_fd socket_at(const network &client, uint16_t port, bool v6 = false) const
 	{
 		socket_address to(v6 ? server_address6 : server_address, port);
@@ -202,7 +202,7 @@ public:
 		owned_fd fd = socket_at(client, port);
 		EXPECT_EQ(send(fd.get(), text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
 	}
-	// Waits until all that `client` has sent has arrived at the server, or never will.
+	// Waits until everything that `client` has sent has arrived at the server or was dropped.
 	void wait_behind(const network &client) const
 	{
 		static int count = 0;

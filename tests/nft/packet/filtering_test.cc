@@ -41,41 +41,35 @@ TEST(nft_packet, all_pass_before_there_are_rules_and_after_they_are_deleted)
 	});
 }
 
-TEST(nft_packet, only_packets_with_the_mark_are_accepted)
+// `accept` appends a rule that accepts by the mark 5; the next rule drops. Packets that have the mark pass, or the others.
+void expect_accepted(
+	transaction &(transaction::*accept)(uint32_t family, uint32_t mark), bool those_with_mark)
 {
-	in_nft_network([] {
+	in_nft_network([=] {
 		access_point ap;
 		owned_fd marked = ap.socket_at_server(SOCK_DGRAM, 1001);
 		owned_fd unmarked = ap.socket_at_server(SOCK_DGRAM, 1002);
 		transaction change;
-		guarded_chain(change, inet, NF_INET_FORWARD)
-			.accept_mark(inet, 5)
-			.rule(inet, {verdict(NF_DROP)});
+		(guarded_chain(change, inet, NF_INET_FORWARD).*accept)(inet, 5).rule(
+			inet, {verdict(NF_DROP)});
 		mark_packets_to(change, 1001, 5);
 		ASSERT_EQ(change.send(), 0);
-		EXPECT_TRUE(ap.passes(ap.phone, marked, 1001));
-		EXPECT_FALSE(ap.passes(ap.phone, unmarked, 1002));
+		EXPECT_EQ(ap.passes(ap.phone, marked, 1001), those_with_mark);
+		EXPECT_EQ(ap.passes(ap.phone, unmarked, 1002), !those_with_mark);
 	});
+}
+
+TEST(nft_packet, only_packets_with_the_mark_are_accepted)
+{
+	expect_accepted(&transaction::accept_mark, true);
 }
 
 TEST(nft_packet, all_packets_but_those_with_the_mark_are_accepted)
 {
-	in_nft_network([] {
-		access_point ap;
-		owned_fd marked = ap.socket_at_server(SOCK_DGRAM, 1001);
-		owned_fd unmarked = ap.socket_at_server(SOCK_DGRAM, 1002);
-		transaction change;
-		guarded_chain(change, inet, NF_INET_FORWARD)
-			.accept_mark_neq(inet, 5)
-			.rule(inet, {verdict(NF_DROP)});
-		mark_packets_to(change, 1001, 5);
-		ASSERT_EQ(change.send(), 0);
-		EXPECT_FALSE(ap.passes(ap.phone, marked, 1001));
-		EXPECT_TRUE(ap.passes(ap.phone, unmarked, 1002));
-	});
+	expect_accepted(&transaction::accept_mark_neq, false);
 }
 
-// The number that a socket option gives and the one that a rule compares are the same in either byte order.
+// A socket option and a rule mean the same number in either byte order.
 TEST(nft_packet, mark_is_the_number_that_sockets_set)
 {
 	in_nft_network([] {
@@ -257,7 +251,7 @@ TEST(nft_packet, client_is_dropped_between_ports_of_a_bridge)
 	});
 }
 
-// A rule that the kernel refuses leaves what was there at work.
+// A rule that the kernel refuses leaves the earlier rules at work.
 TEST(nft_packet, refused_transaction_leaves_the_rules_at_work)
 {
 	in_nft_network([] {

@@ -103,7 +103,7 @@ constexpr size_t packet_bytes = 1'000; // with the headers that rules see
 const std::string load(packet_bytes - 28, 'x');
 constexpr size_t burst_packets = (rate + burst) / packet_bytes;
 
-// How many packets may have passed since `start_ms`: what fits into the bucket, and what has run in since.
+// How many packets may have passed since `start_ms`: the bucket's size, and what has been added to it since.
 size_t packets_max_since(int64_t start_ms)
 {
 	auto elapsed_ms = static_cast<uint64_t>(now_ms() - start_ms + 1);

@@ -8,8 +8,6 @@ using namespace retry_support;
 namespace
 {
 
-// ---- Abort ----
-
 TEST_F(ubus_retry, abort_of_an_idle_request_does_nothing)
 {
 	retry request{&client.ctx};

@@ -361,7 +361,7 @@ protected:
 		answer_data("[2]");
 		answer(wire::status, wire::number(wire::attr_status, UBUS_STATUS_UNKNOWN_ERROR));
 	}
-	// Each data are noted; in the first, `call` runs.
+	// Notes all data; `call` runs in the first data_cb.
 	void take_data(const std::function<void()> &call)
 	{
 		request->on_data = [this, call](blob_attr *message) {

@@ -42,8 +42,6 @@ protected:
 INSTANTIATE_TEST_SUITE_P(each_way, ubus_retry_inside_lookup, testing::Values("completion", "handler"),
 	[](const auto &way) { return std::string(way.param); });
 
-// ---- Inside the look-up of an attempt ----
-
 TEST_P(ubus_retry_inside_lookup, abort_ends_the_attempt)
 {
 	auto server = serve();

@@ -48,7 +48,7 @@ void postpone_silence(const crowd_of_requests &crowd)
 	}
 }
 
-// The server, which tells of every call, waits while it is not listened to.
+// Takes the server's reports of its calls meanwhile: it waits while nobody reads them.
 bool run_until_all_at_rest(const crowd_of_requests &crowd, object_server &server)
 {
 	return run_until([&] {
@@ -65,7 +65,7 @@ bool run_until_all_called(const crowd_of_requests &crowd, object_server &server,
 	});
 }
 
-// Whether the calls from `first` on are one of each request.
+// The calls from `first` on are one for each request.
 void expect_one_call_each(const std::vector<object_server::call> &calls, size_t first)
 {
 	std::set<std::string> methods;
@@ -191,7 +191,7 @@ TEST_F(ubus_retry, connection_that_breaks_inside_a_lookup_is_a_missing_object)
 	EXPECT_EQ(client.losses, 1);
 	EXPECT_EQ(take_log(), missing);
 
-	// The other's failure came inside that look-up: on the next pass it meets the loss itself.
+	// The other one failed inside that look-up; on the next pass it meets the loss itself.
 	expect_due_in(in_flight.retry_timer, 0, before, time_now());
 	evloop_handle_timeouts();
 	EXPECT_EQ(in_flight.state(), "waiting");

@@ -21,7 +21,7 @@ using namespace support;
 inline constexpr char object_path[] = "owner";
 inline constexpr char missing[] = "ubus_retry_req owner.go: can't lookup object\n";
 
-// What prepare_cb, which is given nothing but the buffer, does for every request; and its calls.
+// What prepare_cb does for every request, since it is given nothing but the buffer; and how often it was called.
 inline std::function<int(blob_buf *)> prepare;
 inline int preparations;
 
@@ -59,7 +59,7 @@ struct retry : ubus_retry_request {
 	int invoke() { return ubus_retry_request_invoke(this); }
 	int abort() { return ubus_retry_request_abort(this); }
 
-	// One word for `pending` and the two timers together.
+	// `pending` and the two timers in one word.
 	std::string state() const
 	{
 		if (pending && reply_timer.pending && !retry_timer.pending)
@@ -143,7 +143,7 @@ inline void make_due(evloop_timeout *timer)
 	evloop_timeout_add(timer);
 }
 
-// Keeps the delay from passing by itself while something else takes long.
+// Keeps the delay from passing by itself while something else takes its time.
 inline void put_off(evloop_timeout *timer)
 {
 	EXPECT_EQ(evloop_timeout_cancel(timer), 0);
@@ -174,8 +174,8 @@ inline bool run_until_at_rest(const retry &request)
 	return run_until([&] { return request.state() == "at rest"; });
 }
 
-// What the server has done is on its way to the client when this returns: the bus daemon takes one client's
-// messages in their order.
+// When this returns, all that the server has done is on its way to the client: the bus daemon takes the messages
+// of one client in order.
 inline void fence(object_server &server)
 {
 	server.add("fence");

@@ -1,5 +1,5 @@
-// The stable connection of lib/sock: what each call does to the record and to its timer, in the caller's time
-// and from the loop. Delays are read from the timer and made to pass by moving its `expires`.
+// The stable connection of lib/sock: what each call does to the record and its timer, directly and from the loop.
+// Delays are read from the timer, and made to pass by moving its `expires`.
 #include "lib/sock.h"
 
 #include <stdarg.h>
@@ -32,8 +32,7 @@ static_assert(std::is_same_v<decltype(stable_connection::retry_delay), int32_t>)
 static_assert(std::is_same_v<decltype(stable_connection::connected), uint8_t>);
 static_assert(std::is_same_v<decltype(stable_connection::retry_pending), uint8_t>);
 
-// The two functions have no argument, so what they belong to is here. Without a function object of the test's
-// they succeed.
+// The two functions have no argument, so their state is here. They succeed unless the test sets a function object.
 struct service {
 	int connects = 0;
 	int connections = 0; // calls of on_connected
