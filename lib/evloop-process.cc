@@ -1,5 +1,5 @@
-// Children are reaped by polling: waitpid is asked once a pass, for any child, so that no signal handler
-// and no descriptor is needed, and no child of the daemon stays a zombie, watched or not.
+// Each pass asks waitpid for any child that has exited. This polling needs no signal handler and no descriptor, and
+// no child of the daemon stays a zombie, watched or not.
 
 #include "evloop-process.h"
 
@@ -41,8 +41,7 @@ int evloop_process_delete(struct evloop_process *process)
 	return 0;
 }
 
-// The two reports below name fixed places, which daemons' logs are searched for; editing this file does
-// not move them.
+// The two reports below name fixed places: daemons' logs are searched for them. They stay when this file changes.
 int evloop_process_kill_and_delete(struct evloop_process *process)
 {
 	if (!process)

@@ -1,10 +1,9 @@
-// One pass: due timeouts, exited children, then at most one descriptor. The loop fetches up to ten
-// events with one wait and hands them out one a pass, so that timeouts and children are looked after
-// between any two callbacks.
+// Each pass runs the due timeouts, reaps the exited children, and calls the watcher of at most one descriptor. One
+// wait fetches a batch of up to ten events. Each pass takes one of them, so timeouts and children are looked
+// after between any two callbacks.
 //
-// Since a batch outlives many callbacks, a watcher in it may be deleted and its record released
-// before its turn. What evloop_io_delete compares is therefore copied when the events are fetched,
-// and never read from the record again.
+// A batch outlives many callbacks. They may delete a watcher whose event still waits, and release its record. So
+// evloop_io_delete compares copies of the descriptors, made when the batch was fetched, and reads no record.
 
 #include "evloop.h"
 
@@ -18,11 +17,12 @@
 #include "internal/arithmetic.h"
 #include "internal/evloop.h"
 #include "internal/intrusive.h"
+#include "internal/invariant.h"
 #include "log.h"
 #include "time.h"
 
 static constexpr int EPOLL_SIZE_HINT = 32;
-static constexpr int32_t IDLE_WAIT_MS = 500; // the pace at which children are noticed when no timeout is set
+static constexpr int32_t IDLE_WAIT_MS = 500; // without a timeout; children are noticed at this pace
 
 static constexpr uint32_t FAILURE_EVENTS = EPOLLERR | EPOLLHUP | EPOLLRDHUP;
 static constexpr uint32_t KNOWN_EVENTS = EPOLLIN | EPOLLOUT | FAILURE_EVENTS;
@@ -30,13 +30,13 @@ static constexpr uint32_t KNOWN_EVENTS = EPOLLIN | EPOLLOUT | FAILURE_EVENTS;
 static int epoll_fd = -1;
 static bool stop_requested;
 
-// The events of one wait. Those from `batch_cursor` on, `batch_pending` of them, have not had their turn.
+// The events of one wait. Those from `batch_cursor` on are pending.
 static epoll_event batch[EVLOOP_MAX_EVENTS];
 static int32_t batch_fds[EVLOOP_MAX_EVENTS]; // each watcher's descriptor at the time of the wait
+static int batch_count;
 static int batch_cursor;
-static int batch_pending;
 
-// While due timeouts are run, the time up to which they are due: what is set meanwhile must be later.
+// While due timeouts run: the time up to which they are due. A timeout set meanwhile must be later.
 static constexpr int64_t NOT_HANDLING = -1;
 static int64_t handled_until = NOT_HANDLING;
 
@@ -91,7 +91,8 @@ int evloop_io_add(struct evloop_io *io, unsigned int flags)
 int evloop_io_delete(struct evloop_io *io)
 {
 	// The bound is the number of pending events, not where they end: compatibility, scan bound
-	for (int i = batch_cursor; i < batch_pending; i++) {
+	int pending_count = batch_count - batch_cursor;
+	for (int i = batch_cursor; i < pending_count; i++) {
 		const evloop_io *watcher = watcher_of(&batch[i]);
 		if (watcher && (watcher == io || batch_fds[i] == io->fd))
 			batch[i].data.ptr = nullptr;
@@ -103,7 +104,7 @@ int evloop_io_delete(struct evloop_io *io)
 
 void evloop_forget(const evloop_io *io)
 {
-	for (int i = batch_cursor; i < batch_cursor + batch_pending; i++)
+	for (int i = batch_cursor; i < batch_count; i++)
 		if (watcher_of(&batch[i]) == io)
 			batch[i].data.ptr = nullptr;
 }
@@ -136,14 +137,13 @@ void evloop_done(void)
 static bool fetch_batch(int timeout_ms)
 {
 	int count = epoll_wait(epoll_fd, batch, EVLOOP_MAX_EVENTS, timeout_ms);
+	batch_cursor = batch_count = 0;
 	if (count < 0) {
-		batch_pending = 0;
 		if (errno != EINTR)
 			_log(LOG_ERR, "evloop: epoll error -%d\n", errno);
 		return false;
 	}
-	batch_pending = count;
-	batch_cursor = 0;
+	batch_count = count;
 	for (int i = 0; i < count; i++)
 		batch_fds[i] = watcher_of(&batch[i])->fd;
 	return true;
@@ -158,11 +158,12 @@ static unsigned int reported_events(uint32_t epoll_events)
 
 void evloop_handle_ios(int timeout_ms)
 {
-	if (batch_pending == 0 && !fetch_batch(timeout_ms))
+	invariant(batch_cursor <= batch_count);
+	if (batch_cursor == batch_count && !fetch_batch(timeout_ms))
 		return;
-	while (batch_pending > 0) {
+	invariant(batch_count <= EVLOOP_MAX_EVENTS);
+	while (batch_cursor < batch_count) {
 		epoll_event *event = &batch[batch_cursor++];
-		batch_pending--;
 		evloop_io *io = watcher_of(event);
 		if (!io || !io->cb)
 			continue;
@@ -180,18 +181,18 @@ static bool is_later(int64_t a, int64_t b)
 	return static_cast<uint64_t>(a) > static_cast<uint64_t>(b);
 }
 
-// The first timeout strictly later than `expires`, or null. Searched from both ends at once: new
-// timeouts belong near the end (the usual delays) or near the front (immediate ones), whatever number
-// of idle connections' timers lies between.
+// The first timeout strictly later than `expires`, or null. The search runs from both ends at once: the usual
+// delays belong near the end, immediate timeouts near the front. The timers of idle connections, which may be
+// thousands, lie between.
 static evloop_timeout *first_later_than(int64_t expires)
 {
 	evloop_timeout *front = timeouts.first();
 	evloop_timeout *back = timeouts.last();
-	evloop_timeout *behind_back = nullptr;
+	evloop_timeout *after_back = nullptr;
 	while (front && !is_later(front->expires, expires)) {
 		if (!is_later(back->expires, expires))
-			return behind_back;
-		behind_back = back;
+			return after_back;
+		after_back = back;
 		back = timeouts.before(back);
 		front = timeouts.after(front);
 	}
@@ -220,7 +221,7 @@ int evloop_timeout_set(struct evloop_timeout *timeout, int64_t delay_ms)
 {
 	evloop_timeout_cancel(timeout);
 	int64_t now = time_now();
-	if (delay_ms == 0 && now == handled_until) // the clock's step can be longer than a callback
+	if (delay_ms == 0 && now == handled_until) // the clock may stand still during a callback
 		now++;
 	timeout->expires = wrapping_add(now, wrapping_mul(delay_ms, USEC_PER_MSEC));
 	return evloop_timeout_add(timeout);
@@ -250,17 +251,18 @@ int32_t evloop_get_next_timeout(void)
 
 void evloop_handle_timeouts(void)
 {
-	// Read once: what a callback sets, also with a delay of 0, is later than this and left for the next
-	// pass.
+	// Read once, so that a timeout set by a callback is later, even with a delay of 0: it waits for the next pass.
 	int64_t now = time_now();
 	int64_t outer = handled_until;
 	handled_until = now;
 	evloop_timeout *first;
 	while ((first = timeouts.first()) && !is_later(first->expires, now)) {
 		evloop_timeout_cancel(first);
+		invariant(!first->next); // or it would fire again, and `cb` may release it
 		if (first->cb)
 			first->cb(first);
 	}
+	invariant(handled_until == now); // passes inside callbacks have restored it
 	handled_until = outer;
 }
 

@@ -1,8 +1,8 @@
-// Every module reports here. Where messages go is decided once, at the first message, so that a daemon
-// that never calls log_open still reaches its user: the terminal if it has one, syslog if not.
+// Every module reports here. The first message decides where messages go, so a daemon that never calls log_open
+// still reaches its user: on the terminal if there is one, else in syslog.
 //
-// The kernel log takes one record a write, and nothing says how long a daemon's descriptors live, so
-// /dev/kmsg is opened and closed around each message.
+// The kernel log takes one record a write. A daemon may close any descriptor, so /dev/kmsg is opened and closed
+// for each message.
 
 #include "log.h"
 
@@ -21,13 +21,13 @@ static constexpr char KMSG_PATH[] = "/dev/kmsg";
 static constexpr char STATUS_PATH[] = "/proc/self/status";
 static constexpr char NAME_FIELD[] = "Name:";
 
-// Negative: decided by the first message.
+// Negative until the first message decides.
 static int32_t destination_mask = -1;
 static int32_t syslog_facility = -1;
 
 static const char *identity;
 static bool initialised;
-static char name_line[64]; // an identity found in STATUS_PATH stays in here
+static char name_line[64]; // holds the identity if it comes from STATUS_PATH
 static const char *application_name;
 
 void log_open(int mask, int facility, const char *ident)
@@ -73,7 +73,7 @@ static void initialise()
 	initialised = true;
 }
 
-// errno belongs to the caller of _log: %m means `error` at each destination.
+// %m means the errno of _log's caller, at each destination.
 __attribute__((format(printf, 3, 0))) static void write_line(
 	FILE *file, int error, const char *format, va_list arguments)
 {

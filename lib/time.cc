@@ -1,5 +1,5 @@
-// Conversions between the system's time records and 64-bit microseconds. All sums wrap instead of
-// overflowing, and several results come from the low 32 bits alone: see the header.
+// Converts between the system's time records and 64-bit microseconds. Sums wrap instead of overflowing. Several
+// results come from the low 32 bits alone; the header says which.
 
 #include "time.h"
 
@@ -30,7 +30,7 @@ int64_t time_now(void)
 uint64_t time_now_msec_clock(clockid_t clock)
 {
 	uint64_t now = static_cast<uint64_t>(time_now_clock(clock));
-	bool is_negative = now > INT64_MAX; // rounded towards zero, too
+	bool is_negative = now > INT64_MAX; // also rounded towards zero
 	return is_negative ? 0 - whole_msec(0 - now) : whole_msec(now);
 }
 
@@ -54,7 +54,7 @@ struct timespec *time_to_timespec(struct timespec *result, int64_t time)
 	result->tv_sec = low_word(time) / USEC_PER_SEC;
 	uint64_t usec = static_cast<uint64_t>(time);
 	uint32_t seconds = static_cast<uint32_t>(whole_msec(whole_msec(usec)));
-	// Of the low words the rest is right: it has no more than 20 bits.
+	// The rest has at most 20 bits, so the low words suffice.
 	result->tv_nsec =
 		static_cast<long>(static_cast<uint32_t>(usec) - seconds * USEC_PER_SEC) * NSEC_PER_USEC;
 	return result;

@@ -1,4 +1,4 @@
-// Arithmetic: units of time, a division that a 32-bit machine can afford, and sums that wrap.
+// Arithmetic: units of time, a division that is cheap on a 32-bit machine, and sums that wrap.
 #pragma once
 #include <stdint.h>
 
@@ -6,9 +6,9 @@ inline constexpr int32_t USEC_PER_SEC = 1000000;
 inline constexpr int32_t USEC_PER_MSEC = 1000;
 inline constexpr int32_t NSEC_PER_USEC = 1000;
 
-// Microseconds as whole milliseconds: a division by 1000. A 32-bit machine divides 32 bits at once, enough for
-// an hour; more is divided digit by digit, in the base of 65536, by a tenth of the code that the compiler's
-// run-time library has for it.
+// Microseconds as whole milliseconds, rounded down. A 32-bit machine divides 32 bits at once, which is enough for an
+// hour. Longer times are divided in four digits of 16 bits. The compiler's run-time library would take ten
+// times the code.
 inline uint64_t whole_msec(uint64_t usec)
 {
 	if constexpr (sizeof(long) == sizeof usec)
@@ -26,7 +26,7 @@ inline uint64_t whole_msec(uint64_t usec)
 	return quotient;
 }
 
-// Wrapping is computed unsigned, since overflow of a signed type is undefined.
+// Computed unsigned: overflow of a signed type is undefined.
 inline int64_t wrapping_add(int64_t a, int64_t b)
 {
 	return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));

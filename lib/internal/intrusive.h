@@ -2,8 +2,32 @@
 #pragma once
 #include <stddef.h>
 
-// A circular list through the items' own `next` and `prev`; its head is an item that is never handed out.
-// An item outside any list has null links.
+#include "invariant.h"
+
+// A circular list: each item links to both neighbours through its own `next` and `prev`. One item, the head, is
+// never handed out. The two functions below check both directions of the links that they change.
+template <typename T>
+void list_insert_before(T *next, T *item)
+{
+	T *prev = next->prev;
+	invariant(prev->next == next);
+	item->next = next;
+	item->prev = prev;
+	prev->next = next->prev = item;
+}
+
+// Leaves null links in `item`.
+template <typename T>
+void list_remove(T *item)
+{
+	invariant(item->next->prev == item);
+	invariant(item->prev->next == item);
+	item->next->prev = item->prev;
+	item->prev->next = item->next;
+	item->next = item->prev = nullptr;
+}
+
+// Such a list with a head of its own.
 template <typename T>
 class ring
 {
@@ -19,19 +43,9 @@ public:
 	T *first() { return after(&head_); }
 	T *last() { return before(&head_); }
 
-	void insert_before(T *place, T *item) // a null place is the end
-	{
-		item->next = place ? place : &head_;
-		item->prev = item->next->prev;
-		item->prev->next = item->next->prev = item;
-	}
-
-	static void remove(T *item)
-	{
-		item->next->prev = item->prev;
-		item->prev->next = item->next;
-		item->next = item->prev = nullptr;
-	}
+	// A null place is the end.
+	void insert_before(T *place, T *item) { list_insert_before(place ? place : &head_, item); }
+	static void remove(T *item) { list_remove(item); }
 };
 
 // The record a member lies in: `owner_of(timeout, &httpd_conn::idle_timer)`. Typed, and free: the ABI

@@ -1,4 +1,4 @@
-// Descriptors that do not block.
+// Makes a descriptor non-blocking; a failure is ignored.
 #pragma once
 #include <fcntl.h>
 
