@@ -1,5 +1,5 @@
-// A plain array with a length. Growth adds what is needed and a little, instead of doubling: memory on the
-// device is scarcer than time.
+// A plain array with a length. It grows by what a write needs and a little more, not to the double: memory is scarcer
+// than time on the device.
 
 #include "buffer.h"
 
@@ -11,6 +11,7 @@
 
 #include "internal/buffer.h"
 #include "internal/decimal.h"
+#include "internal/invariant.h"
 #include "log.h"
 
 static constexpr int32_t DEFAULT_SIZE = 512;
@@ -50,7 +51,7 @@ char *buffer_get_data(struct buffer *buffer, int32_t *length)
 	return buffer->data;
 }
 
-// By as much as `bytes`, or as the type of `size` still allows.
+// Adds `bytes` to the size, or fewer if it would exceed INT32_MAX.
 static void grow(buffer *b, int64_t bytes)
 {
 	int64_t size = b->size + bytes;
@@ -68,8 +69,10 @@ int32_t buffer_write(struct buffer *buffer, const void *bytes, int32_t count)
 		return -EINVAL;
 	if (count > INT32_MAX - buffer->length)
 		return -ENOMEM;
-	if (buffer->size < buffer->length + count)
-		grow(buffer, int64_t{count} + GROWTH_SPARE); // compatibility, growth
+	if (buffer->size < buffer->length + count) {
+		grow(buffer, int64_t{count} + GROWTH_SPARE);       // compatibility, growth
+		invariant(count <= buffer->size - buffer->length); // the copy ends inside `data`
+	}
 	if (count > 0)
 		memcpy(buffer->data + buffer->length, bytes, static_cast<size_t>(count));
 	buffer->length += count;
@@ -92,7 +95,7 @@ char *buffer_claim_text(buffer *b, int32_t length)
 		b->length += length;
 		return b->data + b->length - length;
 	}
-	// Neither tried again in the larger buffer, nor grown by the terminator: compatibility, formatted text
+	// No second try in the larger buffer, and no growth for the terminator: compatibility, formatted text
 	int32_t shortfall = length - room;
 	if (shortfall <= INT32_MAX - b->size)
 		grow(b, shortfall);
@@ -102,7 +105,7 @@ char *buffer_claim_text(buffer *b, int32_t length)
 int32_t buffer_append_text(buffer *b, const char *text, size_t length)
 {
 	if (length > INT32_MAX)
-		return -1; // as formatting it would
+		return -1; // as vsnprintf
 	char *place = buffer_claim_text(b, static_cast<int32_t>(length));
 	if (!place)
 		return -ENOMEM;
@@ -139,7 +142,8 @@ __attribute__((format(printf, 2, 0))) static int32_t append_formatted(
 	return buffer_claim_text(b, length) ? length : -ENOMEM;
 }
 
-// Formats that need no formatting make most headers of an answer, and would be most of its cost.
+// A literal, "%d" and "%s" need no formatting. Most headers of an answer are one of these, and formatting them would
+// be most of the answer's cost.
 int32_t buffer_vprintf(struct buffer *buffer, const char *format, va_list arguments)
 {
 	if (!buffer)
@@ -163,6 +167,7 @@ void buffer_consume(struct buffer *buffer, int32_t count)
 		buffer->length = 0;
 		return;
 	}
+	invariant(buffer->length <= buffer->size);
 	buffer->length -= count;
 	memmove(buffer->data, buffer->data + count, static_cast<size_t>(buffer->length));
 }

@@ -1,5 +1,5 @@
-// Both kinds of socket are opened by one walk over the resolver's addresses; what differs is the step that
-// makes a fresh socket listen or connect. A stable connection is a timer around two functions of the daemon's.
+// Listening and connecting share one walk over the resolver's addresses. Only the last step differs, which makes a
+// fresh socket listen or connect. A stable connection is a timer around two functions of the daemon's.
 
 #include "sock.h"
 
@@ -9,6 +9,7 @@
 #include <stddef.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include "internal/evloop.h"
@@ -17,7 +18,7 @@
 #include "internal/owned.h"
 #include "log.h"
 
-// What one attempt needs besides the address.
+// One call of sock_listen or sock_connect: everything but the address that is tried.
 struct attempt {
 	struct sock *sock;
 	int backlog;   // of a listening socket
@@ -26,7 +27,7 @@ struct attempt {
 
 using owned_addresses = owned<addrinfo *, nullptr, freeaddrinfo>;
 
-// Accepts one connection; the loop comes back for the next, and after a failure.
+// Accepts one connection. The loop calls again for the next one, and after a failure.
 static void on_connection(evloop_io *io, unsigned int)
 {
 	struct sock *s = owner_of(io, &sock::io);
@@ -58,7 +59,7 @@ static void set_send_timeout(int fd, int seconds)
 	setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
 }
 
-// The time-out of sending bounds a blocking connect, too.
+// SO_SNDTIMEO limits a blocking connect as well.
 static int start_connection(const attempt *a, const addrinfo *address, owned_fd fd)
 {
 	bool limited = a->timeout_s > 0;
@@ -166,7 +167,8 @@ void init_stable_connection(struct stable_connection *c, int retry_delay_ms)
 int start_stable_connection(struct stable_connection *c)
 {
 	if (!c->connect) {
-		_log(3, "stable_connection: start w/ NULL connect cb, abort\n"); // compatibility, no abort
+		_log(LOG_ERR,
+			"stable_connection: start w/ NULL connect cb, abort\n"); // compatibility, no abort
 		return -EINVAL;
 	}
 	if (c->retry_pending) // and stays set: compatibility, retry flag

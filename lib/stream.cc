@@ -1,6 +1,6 @@
-// The watcher's callback only moves bytes between descriptor and buffers; the owner hears of it from two
-// zero-delay timeouts on a later pass, and so may release the stream in its callbacks. The one exception,
-// notify_write, is the last thing the watcher's callback does.
+// A descriptor with two buffers, whose owner may release it in any of its callbacks. The watcher's callback only moves
+// bytes between descriptor and buffers. Two timeouts without a delay tell the owner on a later pass. The one
+// exception is notify_write: the watcher's callback makes this call last.
 
 #include "stream.h"
 
@@ -15,15 +15,16 @@
 #include "internal/buffer.h"
 #include "internal/evloop.h"
 #include "internal/intrusive.h"
+#include "internal/invariant.h"
 #include "internal/nonblocking.h"
 #include "internal/stream.h"
 
 static constexpr int32_t TX_SIZE = 256; // bytes at first
 static constexpr int32_t RX_SIZE = 512;
-static constexpr int32_t READ_CHUNK = 1024; // bytes read at once, into the stack
+static constexpr int32_t READ_CHUNK = 1024; // bytes read at once, onto the stack
 static constexpr int32_t CORKED_BYTES_MAX = 16384;
 
-// All that waits in the `tx` of the corked stream was written since it was corked.
+// While it is corked, all bytes in its `tx` were written since then. Null if no stream is corked.
 static stream *corked_stream;
 
 int32_t stream_read_fd(stream *s, void *bytes, uint32_t count)
@@ -68,12 +69,12 @@ static void update_watcher(stream *s, bool want_write)
 		flags |= EVLOOP_READ;
 	if (want_write || (!(s->state & STREAM_ERROR) && has_backlog(s)))
 		flags |= EVLOOP_WRITE;
-	if (flags == 0 && !s->io.registered) // taken off the loop by its owner, or never taken: stay off
+	if (flags == 0 && !s->io.registered) // its owner took it off the loop, or epoll refused it: stay off
 		return;
 	evloop_io_add(&s->io, flags);
 }
 
-// Sets a bit of `state`, and has the owner told on a later pass the first time.
+// Sets a bit of `state`. The first time, the owner is told on a later pass.
 static void enter_state(stream *s, uint8_t state)
 {
 	if (!(s->state & state) && s->notify_state)
@@ -82,7 +83,7 @@ static void enter_state(stream *s, uint8_t state)
 	update_watcher(s, false);
 }
 
-// After end of file alone the descriptor is still asked: it may hang up.
+// End of file alone does not stop it: the descriptor may still hang up.
 static bool has_stopped_reading(const stream *s)
 {
 	return s->state & (STREAM_ERROR | STREAM_READ_DISABLED);
@@ -91,13 +92,13 @@ static bool has_stopped_reading(const stream *s)
 static void read_all(stream *s)
 {
 	char chunk[READ_CHUNK];
-	while (!has_stopped_reading(s)) { // `read` may stop it
+	while (!has_stopped_reading(s)) { // `read` may stop reading
 		int32_t length = s->read(s, chunk, READ_CHUNK);
 		if (length == -EAGAIN)
 			return;
 		if (length == 0)
 			return enter_state(s, STREAM_EOF);
-		// More than the chunk, or than `rx` can count: never kept in part.
+		// A result larger than the chunk, or more than `rx` can count, is an error. Nothing of it is kept.
 		if (length < 0 || length > READ_CHUNK || buffer_write(s->rx, chunk, length) < 0)
 			return enter_state(s, STREAM_ERROR);
 		stream_notify_read(s);
@@ -110,9 +111,9 @@ bool stream_has_hung_up(const stream *s)
 	return poll(&query, 1, 0) > 0;
 }
 
-// No bytes are asked for, so the loop reports a hang-up, or an event that it fetched before. It would report the
-// hang-up again and again.
-static void meet_hang_up(stream *s)
+// Reading has stopped, so the event is a hang-up, or was fetched before. The loop would report a hang-up on every
+// pass, so the stream leaves it.
+static void handle_hang_up(stream *s)
 {
 	if (!stream_has_hung_up(s))
 		return;
@@ -124,12 +125,12 @@ static void meet_hang_up(stream *s)
 static void read_step(stream *s)
 {
 	if (has_stopped_reading(s))
-		meet_hang_up(s);
+		handle_hang_up(s);
 	else
 		read_all(s);
 }
 
-// Sends what waits in `tx`, as far as it is taken.
+// Sends as much of `tx` as `write` takes.
 static void send_tx(stream *s)
 {
 	while (s->tx->length > 0 && !(s->state & STREAM_ERROR)) {
@@ -156,6 +157,7 @@ static void write_backlog(stream *s)
 static void on_io(evloop_io *io, unsigned int events)
 {
 	stream *s = owner_of(io, &stream::io);
+	invariant(s->tx); // stream_cleanup leaves no event pending
 	if (events & EVLOOP_READ)
 		read_step(s);
 	if (events & EVLOOP_WRITE)
@@ -178,6 +180,7 @@ static void on_read_timer(evloop_timeout *timeout)
 
 int stream_init(struct stream *stream, int fd)
 {
+	invariant(stream != corked_stream); // stream_cleanup has uncorked the one that was at this address
 	stream->tx = buffer_new_with_size(TX_SIZE);
 	stream->rx = buffer_new_with_size(RX_SIZE);
 	if (!stream->read)
@@ -220,7 +223,7 @@ int32_t stream_write(struct stream *stream, const void *bytes, uint32_t count)
 	if (!stream->tx)
 		return -EINVAL;
 	if (stream == corked_stream && count > static_cast<uint32_t>(CORKED_BYTES_MAX - stream->tx->length))
-		stream_uncork(stream); // which may fail
+		stream_uncork(stream); // may enter STREAM_ERROR
 	if ((stream->state & STREAM_ERROR) || !bytes)
 		return 0;
 	if (count > static_cast<uint32_t>(INT32_MAX - stream->tx->length))
@@ -304,6 +307,7 @@ void stream_uncork(stream *s)
 {
 	if (s != corked_stream)
 		return;
+	invariant(s->tx->length <= CORKED_BYTES_MAX); // stream_write uncorks before it would exceed this
 	corked_stream = nullptr;
 	send_tx(s);
 	if (s->tx->length > 0)
