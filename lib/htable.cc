@@ -1,7 +1,6 @@
-// Open addressing over parallel arrays: hashes, keys and values. A slot's hash says what it is: 0
-// empty, 1 a tombstone, anything else the hash of a live entry, so that probing touches the other two arrays
-// only where hashes agree. Probing is triangular (1, 3, 6, 10, ... slots on), which visits every slot of a
-// power of two once.
+// Open addressing over three parallel arrays: hashes, keys and values. The hash of a slot tells its kind: 0 is empty,
+// 1 is a tombstone, any other is the hash of a live entry. So probing reads the keys only where hashes are equal.
+// Probing is triangular (1, 3, 6, 10, ... slots on). In a table of a power of two this visits every slot once.
 
 #include "htable.h"
 
@@ -9,6 +8,7 @@
 #include <string.h>
 
 #include "internal/htable.h"
+#include "internal/invariant.h"
 
 static constexpr uint32_t FNV_32_PRIME = 16777619;
 
@@ -17,15 +17,15 @@ static constexpr uint32_t TOMBSTONE = 1;
 static constexpr uint32_t FIRST_HASH = 2; // of a live entry
 
 static constexpr int SHIFT_MIN = 3;  // 8 slots
-static constexpr int SHIFT_MAX = 30; // the most slots that a signed number counts
+static constexpr int SHIFT_MAX = 30; // slots are counted in an int32_t
 static constexpr int32_t NO_SLOT = -1;
 
-// The largest prime below each power of two; 1 and 2 below the first two.
+// The largest prime below each power of two; 1, 2 and 3 for the first three.
 static constexpr uint32_t PRIMES[SHIFT_MAX + 1] = {1, 2, 3, 7, 13, 31, 61, 127, 251, 509, 1021, 2039, 4093,
 	8191, 16381, 32749, 65521, 131071, 262139, 524287, 1048573, 2097143, 4194301, 8388593, 16777213,
 	33554393, 67108859, 134217689, 268435399, 536870909, 1073741789};
 
-// For dividing by the primes with a multiplication: 2^32 * (2^shift - prime) / prime + 1.
+// They turn a division by a prime into a multiplication: 2^32 * (2^shift - prime) / prime + 1.
 struct reciprocal_table {
 	uint32_t of_shift[SHIFT_MAX + 1];
 };
@@ -74,14 +74,13 @@ static bool is_live(const htable *t, int32_t slot)
 	return t->hashes[slot] >= FIRST_HASH;
 }
 
-// All arrays lie in one block, which begins with the keys: one allocation where small tables would need
-// three.
+// All arrays lie in one allocation, which begins with the keys.
 static void free_arrays(htable *t)
 {
 	free(t->keys);
 }
 
-// New, zeroed arrays in place of those `t` has; false, with nothing changed, when memory is exhausted.
+// Gives `t` new, zeroed arrays; it forgets the old ones. False, with nothing changed, if memory is exhausted.
 static bool renew_arrays(htable *t, size_t slot_count, bool separate_values)
 {
 	size_t pointers = separate_values ? 2 : 1;
@@ -94,7 +93,7 @@ static bool renew_arrays(htable *t, size_t slot_count, bool separate_values)
 	return true;
 }
 
-// hash % prime_mod, which as a division would take as long as all the rest of a look-up.
+// hash % prime_mod. A division would take as long as the rest of a look-up.
 static uint32_t first_slot(const htable *t, uint32_t hash)
 {
 	int shift = 31 - __builtin_clz(static_cast<uint32_t>(t->slot_count));
@@ -114,8 +113,8 @@ static bool holds_key(const htable *t, int32_t slot, const void *key)
 	return t->equal_fn ? t->equal_fn(t->keys[slot], key) != 0 : t->keys[slot] == key;
 }
 
-// The slot of the entry with an equal key; else the one where it belongs, the first tombstone on the
-// path if there is one; NO_SLOT if the table is full of other entries.
+// The slot of the entry with an equal key. Without such an entry, the slot to store it in: the first tombstone on the
+// path, else the empty slot at its end. NO_SLOT if every slot has another entry.
 static int32_t find_slot(const htable *t, const void *key, uint32_t hash)
 {
 	int32_t tombstone = NO_SLOT;
@@ -136,7 +135,7 @@ static int32_t find_slot(const htable *t, const void *key, uint32_t hash)
 	return tombstone;
 }
 
-bool htable_is_crowded(const htable *t, const void *key, int32_t probes_max)
+bool htable_has_too_many_collisions(const htable *t, const void *key, int32_t probes_max)
 {
 	if (t->used_count < probes_max)
 		return false;
@@ -158,6 +157,8 @@ static int32_t find_entry(const htable *t, const void *key)
 
 static void reinsert(htable *t, uint32_t hash, void *key, void *value)
 {
+	invariant(t->used_count < t->slot_count); // so the search ends
+	t->used_count++;
 	uint32_t slot = first_slot(t, hash);
 	for (uint32_t step = 1; t->hashes[slot] != EMPTY; step++)
 		slot = (slot + step) & t->mask;
@@ -174,19 +175,21 @@ static int shift_for(int32_t live_count)
 	return shift;
 }
 
-// Gives the table the size its entries call for, without tombstones. False, with nothing changed, when
-// memory is exhausted.
+// Rebuilds the table without tombstones, in the size that fits its entries. False, with nothing changed, if memory
+// is exhausted.
 static bool resize(htable *t)
 {
+	invariant(t->live_count <= t->used_count);
 	int shift = shift_for(t->live_count);
 	htable old = *t;
 	if (shift > SHIFT_MAX || !renew_arrays(t, size_t{1} << shift, !is_set(t)))
 		return false;
 	set_shift(t, shift);
+	t->used_count = 0;
 	for (int32_t slot = 0; slot < old.slot_count; slot++)
 		if (is_live(&old, slot))
 			reinsert(t, old.hashes[slot], old.keys[slot], old.values[slot]);
-	t->used_count = t->live_count;
+	invariant(t->used_count == t->live_count);
 	free_arrays(&old);
 	return true;
 }
@@ -194,12 +197,12 @@ static bool resize(htable *t)
 static void resize_if_due(htable *t)
 {
 	bool sparse = t->slot_count > int64_t{4} * t->live_count && t->slot_count > 1 << SHIFT_MIN;
-	bool crowded = t->slot_count <= int64_t{t->used_count} + t->used_count / 16;
-	if (sparse || crowded)
-		resize(t); // without memory it goes on as it is
+	bool nearly_full = t->slot_count <= int64_t{t->used_count} + t->used_count / 16;
+	if (sparse || nearly_full)
+		resize(t); // without memory the table goes on as it is
 }
 
-static void notify(const htable *t, void *key, void *value)
+static void destroy_entry(const htable *t, void *key, void *value)
 {
 	if (t->key_free_fn)
 		t->key_free_fn(key);
@@ -207,7 +210,7 @@ static void notify(const htable *t, void *key, void *value)
 		t->value_free_fn(value);
 }
 
-// Of the keys the first slot_count bytes become values, not slot_count pointers; the rest is null:
+// Copies slot_count bytes of the keys to the values, not slot_count pointers; the other values are null:
 // compatibility, short copy
 static bool become_map(htable *t)
 {
@@ -222,10 +225,10 @@ static bool become_map(htable *t)
 	return true;
 }
 
-// The table keeps what it has: what was to be stored leaves as if it had been replaced.
+// The table stays as it is. The new key and value are destroyed as if they had been replaced.
 static int refuse(const htable *t, void *key, void *value)
 {
-	notify(t, key, value);
+	destroy_entry(t, key, value);
 	return 0;
 }
 
@@ -257,7 +260,7 @@ static int store(htable *t, void *key, void *value, bool keeps_new_key)
 		t->keys[slot] = key;
 	t->values[slot] = value;
 	if (!is_new) {
-		notify(t, takes_key ? old_key : key, old_value);
+		destroy_entry(t, takes_key ? old_key : key, old_value);
 		return 0;
 	}
 	t->live_count++;
@@ -268,19 +271,20 @@ static int store(htable *t, void *key, void *value, bool keeps_new_key)
 	return 1;
 }
 
-static int take_out(htable *t, const void *key, bool notifies)
+static int take_out(htable *t, const void *key, bool destroys)
 {
 	int32_t slot = find_entry(t, key);
 	if (slot == NO_SLOT)
 		return 0;
+	invariant(t->live_count > 0);
 	void *old_key = t->keys[slot];
 	void *old_value = t->values[slot];
 	t->hashes[slot] = TOMBSTONE;
 	t->keys[slot] = nullptr;
 	t->values[slot] = nullptr;
 	t->live_count--;
-	if (notifies)
-		notify(t, old_key, old_value);
+	if (destroys)
+		destroy_entry(t, old_key, old_value);
 	resize_if_due(t);
 	return 1;
 }
@@ -293,11 +297,11 @@ static void zero_arrays(htable *t)
 	memset(t->values, 0, slot_count * sizeof *t->values);
 }
 
-static void clear(htable *t, bool notifies)
+static void clear(htable *t, bool destroys)
 {
 	t->live_count = 0;
 	t->used_count = 0;
-	if (!notifies || (!t->key_free_fn && !t->value_free_fn)) {
+	if (!destroys || (!t->key_free_fn && !t->value_free_fn)) {
 		zero_arrays(t);
 		return;
 	}
@@ -311,7 +315,7 @@ static void clear(htable *t, bool notifies)
 		t->keys[slot] = nullptr;
 		t->values[slot] = nullptr;
 		if (was_live)
-			notify(t, key, value);
+			destroy_entry(t, key, value);
 	}
 }
 
@@ -395,11 +399,11 @@ int htable_steal(struct htable *table, const void *key)
 	return table ? take_out(table, key, false) : 0;
 }
 
-static void take_out_all(htable *t, bool notifies)
+static void take_out_all(htable *t, bool destroys)
 {
 	if (!t)
 		return;
-	clear(t, notifies);
+	clear(t, destroys);
 	resize_if_due(t);
 }
 
@@ -424,7 +428,7 @@ int32_t htable_size(struct htable *table)
 	return table ? table->live_count : 0;
 }
 
-// Counted anew: while the table is being cleared `live_count` is 0 already, and a destroy function may look.
+// Counts the slots: while the table is cleared, `live_count` is 0 already, and a destroy function may ask.
 static size_t count_live(const htable *t)
 {
 	size_t live_count = 0;
@@ -433,7 +437,7 @@ static size_t count_live(const htable *t)
 	return live_count;
 }
 
-// The live slots' items of `array`, which is the table's keys or values.
+// The items of live slots, out of the table's keys or values.
 static void **live_items(const htable *t, void *const *array, uint32_t *count)
 {
 	size_t live_count = count_live(t);

@@ -1,15 +1,14 @@
-// A connection is a stream whose receive buffer is parsed in place: one function a parser state, all memory
-// in the record, so that bytes that come one by one parse like bytes that come at once.
+// A connection is a stream whose receive buffer is parsed in place. Each parser state is one function, and all state
+// is in the record: bytes that arrive one by one parse like bytes that arrive at once.
 //
-// Three rules keep it whole against peers and handlers alike:
+// Three rules keep a connection whole, whatever peers and handlers do:
 //
-// - A connection ends in one place, finish(), however many reasons there are to end it: a deferred answer or a
-//   running handler puts the end off, draining (what has been written still goes out) comes before it, and no
-//   request code runs from teardown() on.
-// - What a peer sends is bounded: reading pauses when the receive buffer is full of requests that wait, or when
-//   answers that the peer does not take pile up, and resumes when the parser has made room.
-// - Pointers of the request point into the receive buffer, which moves when it grows. The stream asks for bytes
-//   before and after each growth, and there they are moved along.
+// - Every connection ends in one place, finish(). A deferred answer or a running handler postpones the end. A graceful
+//   end drains first: written bytes still go out. No request code runs after teardown().
+// - Received bytes are bounded. Reading pauses when the receive buffer is full, and when the peer does not take its
+//   answers. It resumes when the parser has made room.
+// - The request's pointers point into the receive buffer, which moves when it grows. The stream calls `read` before and
+//   after each growth, and each such call relocates the pointers.
 
 #include "httpd.h"
 
@@ -29,22 +28,23 @@
 #include "internal/evloop.h"
 #include "internal/htable.h"
 #include "internal/intrusive.h"
+#include "internal/invariant.h"
 #include "internal/stream.h"
 #include "log.h"
 
-static constexpr int64_t IDLE_MS = 60000;        // without a byte from the peer
-static constexpr int64_t DRAIN_STALL_MS = 60000; // without a byte of the last answer taken by the peer
+static constexpr int64_t IDLE_MS = 60000;        // in which the peer sends no byte
+static constexpr int64_t DRAIN_STALL_MS = 60000; // in which the peer takes no byte of the last answer
 
-static constexpr int32_t BUFFER_KEPT_MAX = 4096; // bytes that an idle connection keeps for its next request
+static constexpr int32_t BUFFER_KEPT_MAX = 4096; // bytes of each buffer of an idle connection
 
 static constexpr int32_t PROBES_MAX = 512; // steps to find a header's place in its table
 
 static constexpr ptrdiff_t REQUEST_LINE_MIN = 14; // "GET / HTTP/1.0"
 static constexpr int32_t ABSOLUTE_TARGET_MIN = 8; // "http://h"
 
-// Bytes that have come and nobody will read are discarded: closing with unread bytes resets the connection,
-// which may cost the peer the end of the last answer. It lessens that, no more: waiting for the peer to
-// stop would keep the connection.
+// Unread bytes are discarded before the close: closing with unread bytes resets the connection, and the peer may
+// lose the end of the last answer. Bytes may still arrive later. Waiting for the peer's last byte would keep the
+// connection.
 static constexpr ssize_t DISCARD_MAX = 1 << 20;
 
 // A request's end is computed as a signed number.
@@ -53,35 +53,35 @@ static_assert(int64_t{2} * HTTPD_REQUEST_BYTES_LIMIT <= INT32_MAX);
 static constexpr char BLANK_LINE[] = "\r\n\r\n";
 static constexpr char LINE_END[] = "\r\n";
 
-// How a connection is to end; the later one prevails.
+// How a connection ends. Of two requests to end it, the later in this order prevails.
 enum class ending : uint8_t {
 	none,
-	graceful,  // once what has been written is sent
+	graceful,  // after the written bytes are sent
 	immediate, // now
 };
 
 // What a parser state decided.
 enum class step {
-	next, // run the state that is current now
+	next, // run the current state
 	wait, // for bytes, for the peer to take some, or for httpd_defer_complete
-	gone, // the connection has been torn down; do not touch it
+	gone, // the connection is torn down; do not touch it
 };
 
-// A connection, behind what the daemon sees of it. There may be thousands: it is kept small.
+// A connection: the public record first, then what the daemon does not see. There may be thousands, so it is small.
 struct connection {
 	httpd_conn pub;
-	uintptr_t rx_base;    // where `rx` was when the request's pointers were right
-	int32_t searched_len; // bytes of the request, or of the next one, known to hold no blank line
-	ending put_off;       // asked for while the handler ran, or while deferred
+	uintptr_t rx_base;    // the address of the bytes of `rx` that the request's pointers refer to
+	int32_t searched_len; // bytes of the request, or of the next one, that contain no blank line
+	ending postponed_end; // asked for while the handler ran, or while deferred
 	bool in_handler : 1;
 	bool is_draining : 1;
-	bool is_paused : 1;      // reading is
-	bool is_stalled : 1;     // the next request waits for the peer to take former answers
-	bool reads_portions : 1; // what arrives together may be so because the server let it wait
-	bool ends_read : 1;      // the next read has nothing to ask the kernel for
-	bool has_length : 1;     // the request has a "Content-Length"
-	bool expects_more : 1;   // what is sent now will most likely be followed by more at once
-	bool is_unpushed : 1;    // the kernel waits for that
+	bool is_paused : 1;        // reading is paused
+	bool is_stalled : 1;       // the next request waits until the peer takes former answers
+	bool has_been_stalled : 1; // bytes may have arrived together because reading was paused
+	bool ends_read : 1;        // the next read makes no system call
+	bool has_length : 1;       // the request has a "Content-Length"
+	bool expects_more : 1;     // another send will most likely follow at once
+	bool is_unpushed : 1;      // the kernel waits for that send
 };
 
 static connection *connection_of(httpd_conn *conn)
@@ -99,20 +99,11 @@ static bool is_deferred(const connection *c)
 	return c->pub.flags & HTTPD_DEFERRED;
 }
 
-static void link_first(httpd_link *head, httpd_link *node)
+// May be called twice: at an immediate end during the handler, and by finish().
+static void leave_server(connection *c)
 {
-	node->prev = head;
-	node->next = head->next;
-	node->next->prev = head->next = node;
-}
-
-static void unlink(httpd_link *node)
-{
-	if (!node->next) // done already, while the handler ran
-		return;
-	node->next->prev = node->prev;
-	node->prev->next = node->next;
-	node->next = node->prev = nullptr;
+	if (c->pub.node.next)
+		list_remove(&c->pub.node);
 }
 
 // --- The end of a connection
@@ -139,13 +130,15 @@ static void discard_unread(int fd)
 
 static void finish(connection *c)
 {
-	unlink(&c->pub.node);
+	invariant(!is_deferred(c)); // or httpd_defer_complete would be called with a released record
+	invariant(!c->in_handler);  // or the handler would return into one
+	leave_server(c);
 	evloop_timeout_cancel(&c->pub.idle_timer);
 	if (!(c->pub.flags & HTTPD_FD_CLOSED)) {
 		discard_unread(c->pub.stream.io.fd);
 		close_stream(c);
 	}
-	buffer_free(c->pub.stream.rx); // of one that was closed while deferred
+	buffer_free(c->pub.stream.rx); // not null if the descriptor was closed while deferred
 	free(c);
 }
 
@@ -154,7 +147,7 @@ static void on_drained(stream *s)
 	finish(connection_of(s));
 }
 
-// The end of the peer's bytes changes nothing for one that still takes ours; an error ends the draining.
+// A peer that sends no more may still take bytes. An error ends the draining.
 static void on_drain_state(stream *s)
 {
 	if (s->state & STREAM_ERROR)
@@ -173,6 +166,7 @@ static void drain(connection *c)
 		finish(c);
 		return;
 	}
+	invariant(!c->is_draining); // the end begins once
 	c->is_draining = true;
 	s->notify_read = nullptr;
 	s->notify_state = on_drain_state;
@@ -195,28 +189,28 @@ static void release_request(connection *c)
 	evloop_timeout_cancel(&conn->idle_timer);
 }
 
-static void put_off(connection *c, ending mode)
+static void postpone_end(connection *c, ending mode)
 {
-	if (c->put_off < mode)
-		c->put_off = mode;
+	if (c->postponed_end < mode)
+		c->postponed_end = mode;
 }
 
-// Ends the connection, unless its answer is deferred or its handler runs: then it ends after that.
+// Ends the connection. A deferred answer or a running handler postpones the end.
 static void teardown(connection *c, ending mode)
 {
 	if (is_deferred(c)) {
 		c->pub.flags |= HTTPD_CLOSE_PENDING;
-		put_off(c, mode);
+		postpone_end(c, mode);
 		return;
 	}
 	if (c->in_handler) {
-		put_off(c, mode);
+		postpone_end(c, mode);
 		if (mode == ending::immediate)
-			unlink(&c->pub.node); // the server itself may be gone before the handler returns
+			leave_server(c); // the server's record may be released before the handler returns
 		return;
 	}
 	release_request(c);
-	stream_uncork(&c->pub.stream); // which may fail
+	stream_uncork(&c->pub.stream); // may enter STREAM_ERROR
 	if (mode == ending::immediate || (c->pub.stream.state & STREAM_ERROR))
 		finish(c);
 	else
@@ -239,7 +233,7 @@ static step refuse(connection *c, int version, int code)
 
 static void pause_reading(connection *c)
 {
-	if (c->pub.stream.state & STREAM_READ_DISABLED) // by us, or by the daemon, for good
+	if (c->pub.stream.state & STREAM_READ_DISABLED) // already paused, or stopped for good by the daemon
 		return;
 	c->is_paused = true;
 	stream_disable_read(&c->pub.stream);
@@ -259,8 +253,8 @@ static void move_pointer(const char **pointer, uintptr_t from, const char *to)
 		*pointer = to + (reinterpret_cast<uintptr_t>(*pointer) - from);
 }
 
-// Moves the request's pointers to where the receive buffer is now.
-static void follow_rx(connection *c)
+// Adjusts the request's pointers after the receive buffer has moved.
+static void relocate_pointers(connection *c)
 {
 	httpd_conn *conn = &c->pub;
 	const char *data = conn->stream.rx->data;
@@ -279,24 +273,26 @@ static int32_t max_of(int32_t a, int32_t b)
 	return a > b ? a : b;
 }
 
-// What may be in the receive buffer when this read step ends. By the parser's rule a request is refused
-// when too much has arrived with it. Once requests have waited for the peer to take answers, much arrives
-// together because we did not read; from then on it is taken in portions that stay below that.
+// The bytes that the receive buffer may hold at the end of this read step. The parser refuses a request if too many
+// bytes have arrived together with it. After a stall, many arrive together only because reading was paused. So from
+// then on each read step stops just below the parser's limit.
 static int32_t rx_bound(const connection *c)
 {
 	const httpd_conn *conn = &c->pub;
-	int32_t portion = HTTPD_REQUEST_BYTES_LIMIT - 1;
+	int32_t step_bound = HTTPD_REQUEST_BYTES_LIMIT - 1;
 	if (conn->state == HTTPD_STATE_BODY)
-		portion = max_of(portion, conn->head_len + static_cast<int32_t>(conn->content_length));
-	return c->reads_portions && conn->stream.rx->length < portion ? portion : HTTPD_RX_BYTES_MAX;
+		step_bound = max_of(step_bound, conn->head_len + static_cast<int32_t>(conn->content_length));
+	return c->has_been_stalled && conn->stream.rx->length < step_bound ? step_bound : HTTPD_RX_BYTES_MAX;
 }
 
-// A read that gets less than it asked for has emptied the descriptor, and one that fills a portion leaves the
-// parser its turn: the next read ends the step without a system call.
+// A short read has emptied the descriptor. After a stall, a read up to the bound gives the parser its turn. In both
+// cases the next read ends the read step without a system call.
 static int32_t read_within(connection *c, void *bytes, uint32_t count)
 {
 	stream *s = &c->pub.stream;
-	uint32_t room = static_cast<uint32_t>(rx_bound(c) - s->rx->length);
+	int32_t bound = rx_bound(c);
+	invariant(s->rx->length <= bound); // or `room` would wrap, and the peer could send without bound
+	uint32_t room = static_cast<uint32_t>(bound - s->rx->length);
 	if (room == 0) {
 		pause_reading(c);
 		return -EAGAIN;
@@ -304,7 +300,7 @@ static int32_t read_within(connection *c, void *bytes, uint32_t count)
 	uint32_t wanted = count < room ? count : room;
 	int32_t length = stream_read_fd(s, bytes, wanted);
 	bool is_emptied = length < static_cast<int32_t>(wanted);
-	c->ends_read = length > 0 && (is_emptied || (c->reads_portions && wanted == room));
+	c->ends_read = length > 0 && (is_emptied || (c->has_been_stalled && wanted == room));
 	return length;
 }
 
@@ -312,8 +308,8 @@ static int32_t read_within(connection *c, void *bytes, uint32_t count)
 static int32_t read_bounded(stream *s, void *bytes, uint32_t count)
 {
 	connection *c = connection_of(s);
-	follow_rx(c);
-	if (s->state & STREAM_EOF) // nothing is asked for: a hang-up, or an event fetched before
+	relocate_pointers(c);
+	if (s->state & STREAM_EOF) // the loop reports a hang-up, or an event fetched before the end of file
 		return stream_has_hung_up(s) ? -1 : -EAGAIN;
 	if (c->ends_read) {
 		c->ends_read = false;
@@ -330,8 +326,8 @@ static void note_progress(connection *c)
 		stream_notify_read(&c->pub.stream);
 }
 
-// The stream's `write`: a peer that has gone is an error here, not a signal to the daemon.
-static int32_t write_quietly(stream *s, const void *bytes, uint32_t count)
+// The stream's `write`. A peer that has gone is an error here; write() would send SIGPIPE to the daemon.
+static int32_t write_without_signal(stream *s, const void *bytes, uint32_t count)
 {
 	connection *c = connection_of(s);
 	ssize_t length;
@@ -347,9 +343,9 @@ static int32_t write_quietly(stream *s, const void *bytes, uint32_t count)
 	return static_cast<int32_t>(length);
 }
 
-// Sends the answers gathered so far. They are the kernel's from here on, whatever the handler does next, and leave
-// with what it writes. If it only works, the kernel sends them by itself, after its time-out for acknowledgements.
-static void send_gathered(connection *c)
+// Hands the corked answers to the kernel, whatever the handler does next. They leave with the handler's answer. If that
+// takes long, the kernel sends them after its timeout for acknowledgements.
+static void flush_corked(connection *c)
 {
 	c->expects_more = true;
 	stream_uncork(&c->pub.stream);
@@ -362,17 +358,17 @@ static void set_no_delay(int fd)
 	setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
-// Nothing followed: the kernel is told not to wait.
-static void push_gathered(connection *c)
+// If no answer followed, tells the kernel not to wait.
+static void push_flushed(connection *c)
 {
 	if (c->is_unpushed)
 		set_no_delay(c->pub.stream.io.fd);
 	c->is_unpushed = false;
 }
 
-// --- Parsing
+// --- Text
 
-// Text inside the receive buffer, not terminated; literals are compared without their terminating zero.
+// Text inside the receive buffer, not terminated. Literals are compared without their terminating zero.
 struct span {
 	const char *pos;
 	const char *end;
@@ -428,9 +424,83 @@ static bool is_white(char c)
 	return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-static char *decode(span text, int32_t length);
+// --- Decoding of URLs
 
-// An idle connection does not keep what a large request or answer took.
+static unsigned digit_value(char digit)
+{
+	unsigned value = static_cast<unsigned char>(digit);
+	if (digit >= '0' && digit <= '9')
+		return value - '0';
+	if (digit >= 'A' && digit <= 'Z')
+		value += 'a' - 'A';
+	return value - ('a' - 10); // compatibility, unchecked digits
+}
+
+static char from_digits(char high, char low)
+{
+	return static_cast<char>(digit_value(high) * 16 | digit_value(low));
+}
+
+// Input that may be read at any distance: zeros follow its end.
+class padded_reader
+{
+	span rest_;
+
+public:
+	explicit padded_reader(span text) : rest_(text) {}
+	char at(size_t offset) const { return offset < rest_.length() ? rest_.pos[offset] : '\0'; }
+	void skip(size_t count) { rest_.pos += count < rest_.length() ? count : rest_.length(); }
+};
+
+// Input whose caller owns the bytes after it.
+class unbounded_reader
+{
+	const char *pos_;
+
+public:
+	explicit unbounded_reader(const char *pos) : pos_(pos) {}
+	char at(size_t offset) const { return pos_[offset]; }
+	void skip(size_t count) { pos_ += count; }
+};
+
+// An escape takes three bytes and counts as one of `length`: compatibility, escapes read on
+template <typename reader>
+static void decode_into(char *out, reader in, int32_t length) // `out` has room for a terminating zero
+{
+	for (int32_t left = length; left > 0; left--) {
+		char c = in.at(0);
+		if (c != '%') {
+			*out++ = c == '+' ? ' ' : c;
+			in.skip(1);
+		} else if (left >= 3 && in.at(1) && in.at(2)) {
+			*out++ = from_digits(in.at(1), in.at(2));
+			in.skip(3);
+		} else {
+			in.skip(1);
+		}
+	}
+	*out = '\0';
+}
+
+template <typename reader>
+static char *decode_from(reader in, int32_t length)
+{
+	size_t size = static_cast<size_t>(length) + 1;
+	char *text =
+		static_cast<char *>(memset(xmalloc(size), 0, size)); // malloc uses its cache, calloc does not
+	decode_into(text, in, length);
+	return text;
+}
+
+// Decodes `length` bytes of `text`, which ends with the last byte that may be read.
+static char *decode_url(span text, int32_t length)
+{
+	return decode_from(padded_reader{text}, length);
+}
+
+// --- Parsing
+
+// Gives back the memory of a large request or answer.
 static void shrink(buffer **b)
 {
 	if ((*b)->length > 0 || (*b)->size <= BUFFER_KEPT_MAX)
@@ -439,14 +509,14 @@ static void shrink(buffer **b)
 	*b = buffer_new();
 }
 
-// IDLE: skips stray line ends. A request begins only while the peer takes the answers to former ones.
+// IDLE: skips stray line ends. No request begins while too many bytes of former answers wait for the peer.
 static step state_idle(connection *c)
 {
 	httpd_conn *conn = &c->pub;
 	c->is_stalled = conn->stream.tx->length >= HTTPD_TX_BYTES_STALL;
 	if (c->is_stalled) {
 		pause_reading(c);
-		c->reads_portions = true;
+		c->has_been_stalled = true;
 		return step::wait;
 	}
 	span rest = received(conn);
@@ -462,18 +532,19 @@ static step state_idle(connection *c)
 	return step::next;
 }
 
-// The blank line of the request that `text` begins with. Bytes searched before are not searched again.
+// The blank line of the request at the start of `text`. Bytes searched before are skipped.
 static const char *find_blank_line(connection *c, span text)
 {
 	span unsearched = {text.pos + c->searched_len, text.end};
+	invariant(unsearched.pos <= unsearched.end); // `rx` still has the bytes searched before
 	const char *blank_line = unsearched.find(BLANK_LINE);
-	int32_t overlap = sizeof BLANK_LINE - 2; // all but the last byte of it may be there already
+	int32_t overlap = sizeof BLANK_LINE - 2; // all its bytes but the last may have arrived
 	int32_t length = static_cast<int32_t>((blank_line ? blank_line + overlap : text.end) - text.pos);
 	c->searched_len = length > overlap ? length - overlap : 0;
 	return blank_line;
 }
 
-// True once the head has arrived whole.
+// True if the whole head has arrived.
 static bool find_head(connection *c)
 {
 	httpd_conn *conn = &c->pub;
@@ -486,7 +557,7 @@ static bool find_head(connection *c)
 	return true;
 }
 
-// Each parse_ function moves `rest` behind what it has taken; false refuses the request.
+// Each parse_ function moves `rest` past the text that it has parsed. False refuses the request.
 
 static bool parse_method(httpd_conn *conn, span *rest, const char *line_end)
 {
@@ -521,7 +592,7 @@ static bool skip_scheme(span *target)
 	return false;
 }
 
-// Of an absolute target: what precedes the path. Without a path the whole is the host.
+// Takes scheme and host off an absolute target and leaves its path, which may be empty.
 static bool parse_authority(httpd_conn *conn, span *target)
 {
 	if (!skip_scheme(target))
@@ -544,7 +615,7 @@ static void parse_path(httpd_conn *conn, span path)
 	store_span(path, &conn->path, &conn->path_len);
 }
 
-// The target ends at a space, which need not stand in the same line.
+// The target ends at a space, which may be on a later line.
 static bool parse_target(httpd_conn *conn, span *rest)
 {
 	rest->skip_spaces();
@@ -586,15 +657,15 @@ static bool parse_request_line(httpd_conn *conn)
 	return true;
 }
 
-// Bytes after the path are decoded, too, two for each escape in it: after what has been received there are zeros.
+// Each escape makes the decoder read two bytes after the path. After the last received byte it reads zeros.
 static char *decode_path(const httpd_conn *conn)
 {
 	if (conn->path_len == 0)
 		return http_alloc_url_decode("/", 1);
-	return decode({conn->path, received(conn).end}, conn->path_len);
+	return decode_url({conn->path, received(conn).end}, conn->path_len);
 }
 
-// REQUEST_LINE: waits for the whole head, and takes its first line.
+// REQUEST_LINE: waits for the whole head, then parses its first line.
 static step state_request_line(connection *c)
 {
 	httpd_conn *conn = &c->pub;
@@ -609,7 +680,7 @@ static step state_request_line(connection *c)
 	return step::next;
 }
 
-// The end of the header that `rest` begins with: a line end that is not followed by white space.
+// The end of the header at the start of `rest`: the first line end without white space after it.
 static const char *find_header_end(span rest)
 {
 	while (const char *line_end = rest.find(LINE_END)) {
@@ -630,7 +701,7 @@ static span trimmed(span text)
 	return text;
 }
 
-// With each run of white space, folds included, as one space. Null when memory is exhausted.
+// A copy in which each run of white space, folds included, is one space. Null if memory is exhausted.
 static char *normalised_value(span value)
 {
 	char *copy = static_cast<char *>(malloc(value.length() + 1));
@@ -640,16 +711,16 @@ static char *normalised_value(span value)
 	for (const char *in = value.pos; in < value.end; in++) {
 		if (!is_white(*in))
 			*out++ = *in;
-		else if (!is_white(in[-1])) // the first character is none
+		else if (!is_white(in[-1])) // in[-1] exists: the first character is not white space
 			*out++ = ' ';
 	}
 	*out = '\0';
 	return copy;
 }
 
-// A header without memory for its name is dropped; one without memory for its value reads as absent. Names
-// that pile up in one place of the table were chosen to: anybody can compute the hash, and the table never
-// gets full enough for it by chance. The result is 0 or the status code to refuse the request with.
+// Without memory for its name a header is dropped; without memory for its value it reads as absent. Too many
+// collisions are an attack: anybody can compute the hash, and the table is never full enough for so many by chance.
+// The result is 0 or the status code to refuse the request with.
 static int store_header(httpd_conn *conn, span name, span value)
 {
 	char *name_copy = strndup(name.pos, name.length());
@@ -657,7 +728,7 @@ static int store_header(httpd_conn *conn, span name, span value)
 		free(name_copy);
 		return 0;
 	}
-	if (htable_is_crowded(conn->headers, name_copy, PROBES_MAX)) {
+	if (htable_has_too_many_collisions(conn->headers, name_copy, PROBES_MAX)) {
 		free(name_copy);
 		return 400;
 	}
@@ -665,7 +736,7 @@ static int store_header(httpd_conn *conn, span name, span value)
 	return 0;
 }
 
-// The numbers of strtoul, signs included, but nothing behind them. The result is 0 or a status code.
+// Accepts what strtoul accepts, signs included, but nothing after the number. The result is 0 or a status code.
 static int parse_content_length(httpd_conn *conn, span value)
 {
 	connection *c = connection_of(conn);
@@ -696,7 +767,7 @@ static int parse_connection(httpd_conn *conn, span value)
 	return 0;
 }
 
-// Takes one header. The result is 0 or the status code to refuse the request with.
+// Parses and stores one header. The result is 0 or the status code to refuse the request with.
 static int parse_header(httpd_conn *conn, span line)
 {
 	const char *colon = line.find(':');
@@ -704,7 +775,7 @@ static int parse_header(httpd_conn *conn, span line)
 		return 400;
 	span name = {line.pos, colon};
 	span value = trimmed({colon + 1, line.end});
-	if (name.find('\0')) // what follows it could not be seen in the table
+	if (name.find('\0')) // the table would keep only the part before it
 		return 400;
 	// "content-length" is a header like any other: compatibility, header spelling
 	if (name.is("Content-Length"))
@@ -714,10 +785,11 @@ static int parse_header(httpd_conn *conn, span line)
 	return store_header(conn, name, value);
 }
 
-// HEADERS: takes all header lines; they have arrived.
+// HEADERS: parses all header lines. They have arrived.
 static step state_headers(connection *c)
 {
 	httpd_conn *conn = &c->pub;
+	invariant(conn->head_len <= conn->stream.rx->length); // the header lines lie in `rx`
 	span rest = {conn->head_start, conn->head_end};
 	while (!rest.is(LINE_END)) {
 		const char *line_end = find_header_end(rest);
@@ -734,6 +806,7 @@ static step state_headers(connection *c)
 static step state_body(connection *c)
 {
 	httpd_conn *conn = &c->pub;
+	invariant(conn->content_length < HTTPD_REQUEST_BYTES_LIMIT); // so the sum below does not overflow
 	const buffer *rx = conn->stream.rx;
 	int32_t body_len = static_cast<int32_t>(conn->content_length);
 	if (rx->length < conn->head_len + body_len)
@@ -749,24 +822,25 @@ static bool is_last_request(const httpd_conn *conn)
 	return conn->close_requested || conn->version == 0;
 }
 
-// True if the head of the next request has arrived, too.
+// True if the whole head of the next request has arrived as well.
 static bool find_next_head(connection *c)
 {
 	span rest = received(&c->pub);
 	rest.pos = c->pub.body + c->pub.body_len;
+	invariant(rest.pos <= rest.end); // the body lies in `rx`
 	rest.skip_line_ends();
 	c->searched_len = 0;
 	return find_blank_line(c, rest);
 }
 
-// An answer may wait for the one to the next request, which is there. What changes the device is asked for with
-// another method than GET, and its handler may not return.
-static bool may_gather(connection *c)
+// An answer may wait for the answer to the next request, which has arrived. Requests that change the device have
+// another method than GET. Their handler may end the process, so their answers never wait.
+static bool may_cork(connection *c)
 {
 	return find_next_head(c) && c->pub.method == HTTPD_METHOD_GET && !is_last_request(&c->pub);
 }
 
-// What the handler stops reading is stopped for good, also when it was only paused.
+// The handler may stop reading for good, even while reading is paused.
 static int32_t call_handler(connection *c)
 {
 	bool was_paused = c->is_paused;
@@ -779,22 +853,22 @@ static int32_t call_handler(connection *c)
 	return result;
 }
 
-// DISPATCH: calls the handler, which may end the connection, or put off its answer, before it returns.
+// DISPATCH: calls the handler. It may end the connection, or defer its answer, before it returns.
 static step state_dispatch(connection *c)
 {
 	httpd_conn *conn = &c->pub;
 	if (!conn->ctx->handler)
 		return end_gracefully(c);
-	if (may_gather(c))
+	if (may_cork(c))
 		stream_cork(&conn->stream);
 	else
-		send_gathered(c);
+		flush_corked(c);
 	int32_t result = call_handler(c);
-	push_gathered(c);
+	push_flushed(c);
 	if (is_deferred(c))
 		return step::wait;
-	if (c->put_off != ending::none) {
-		teardown(c, c->put_off);
+	if (c->postponed_end != ending::none) {
+		teardown(c, c->postponed_end);
 		return step::gone;
 	}
 	if (result == 0)
@@ -806,8 +880,8 @@ static step state_dispatch(connection *c)
 static void forget_request(httpd_conn *conn)
 {
 	static constexpr size_t FIRST = offsetof(httpd_conn, version);
-	static constexpr size_t BEHIND = offsetof(httpd_conn, arg);
-	memset(reinterpret_cast<char *>(conn) + FIRST, 0, BEHIND - FIRST);
+	static constexpr size_t END = offsetof(httpd_conn, arg);
+	memset(reinterpret_cast<char *>(conn) + FIRST, 0, END - FIRST);
 	free(conn->decoded_path);
 	conn->decoded_path = nullptr;
 	htable_remove_all(conn->headers);
@@ -815,10 +889,11 @@ static void forget_request(httpd_conn *conn)
 	connection_of(conn)->has_length = false;
 }
 
-// DONE: closes, or makes room for the next request, which may be there already.
+// DONE: closes, or makes room for the next request, which may have arrived.
 static step state_done(connection *c)
 {
 	httpd_conn *conn = &c->pub;
+	invariant(conn->state == HTTPD_STATE_DONE); // the only state left
 	if (is_last_request(conn))
 		return end_gracefully(c);
 	buffer *rx = conn->stream.rx;
@@ -855,9 +930,8 @@ static step run_parser(connection *c)
 	return result;
 }
 
-// Everything that could be parsed has been. With no more to come that is the end; otherwise there is room
-// again.
-static void settle(connection *c)
+// Called when the parser waits for more bytes. After end of file none will come; else `rx` has room again.
+static void end_or_resume_reading(connection *c)
 {
 	if (is_deferred(c) || c->is_stalled)
 		return;
@@ -872,18 +946,19 @@ static void settle(connection *c)
 static void on_readable(stream *s)
 {
 	connection *c = connection_of(s);
+	invariant(!c->is_draining); // no request code runs after the end has begun
 	evloop_timeout_set(&c->pub.idle_timer, IDLE_MS);
 	if (is_deferred(c) || c->in_handler)
 		return;
-	follow_rx(c);
+	relocate_pointers(c);
 	if (run_parser(c) != step::wait)
 		return;
 	stream_uncork(s);
-	settle(c);
+	end_or_resume_reading(c);
 }
 
-// A deferred connection whose peer has gone waits for its answer off the loop: the hang-up would be reported
-// again and again. Until then it still sends what it has.
+// The peer of a deferred connection has gone, or sends no more. Pending bytes are still sent. Then the connection
+// leaves the loop, which would report the hang-up on every pass, and waits for its httpd_defer_complete.
 static void on_state_while_deferred(connection *c)
 {
 	stream *s = &c->pub.stream;
@@ -894,8 +969,7 @@ static void on_state_while_deferred(connection *c)
 	evloop_forget(&s->io);
 }
 
-// A peer that has sent its last byte still gets what has been written, and the answers to the requests that
-// wait for it to take former ones.
+// A peer that has sent its last byte still gets all written bytes, and the answers to stalled requests.
 static void on_state(stream *s)
 {
 	connection *c = connection_of(s);
@@ -961,7 +1035,7 @@ void httpd_accept(int fd, uint32_t arg, void *ctx)
 	}
 	httpd_conn *conn = &c->pub;
 	conn->stream.read = read_bounded;
-	conn->stream.write = write_quietly;
+	conn->stream.write = write_without_signal;
 	conn->stream.notify_read = on_readable;
 	conn->stream.notify_state = on_state;
 	if (stream_init(&conn->stream, fd) < 0) {
@@ -969,8 +1043,8 @@ void httpd_accept(int fd, uint32_t arg, void *ctx)
 		free(c);
 		return;
 	}
-	// Answers that leave in several writes would wait for the peer's delayed acknowledgements. Of no
-	// consequence for what is not TCP.
+	// Else an answer in several writes would wait for the peer's delayed acknowledgements. It fails where the
+	// connection is not TCP, and there it is not needed.
 	set_no_delay(fd);
 	conn->res_head = buffer_new();
 	conn->res_body = buffer_new();
@@ -979,7 +1053,7 @@ void httpd_accept(int fd, uint32_t arg, void *ctx)
 	conn->headers = htable_new_full(hash_name, equal_names, free, free);
 	conn->ctx = static_cast<httpd_ctx *>(ctx);
 	conn->arg = arg;
-	link_first(&conn->ctx->connections, &conn->node);
+	list_insert_before(conn->ctx->connections.next, &conn->node);
 }
 
 void httpd_defer(struct httpd_conn *conn)
@@ -988,11 +1062,11 @@ void httpd_defer(struct httpd_conn *conn)
 	stream_uncork(&conn->stream);
 }
 
-// Whoever asked meanwhile for the end at once, or made it the only one possible, gets it.
+// Immediate if that was requested meanwhile, or if the peer cannot be reached any more.
 static ending ending_of_deferred(const connection *c)
 {
 	bool is_reachable = !(c->pub.flags & HTTPD_FD_CLOSED) && !(c->pub.stream.state & STREAM_ERROR);
-	return is_reachable && c->put_off != ending::immediate ? ending::graceful : ending::immediate;
+	return is_reachable && c->postponed_end != ending::immediate ? ending::graceful : ending::immediate;
 }
 
 void httpd_defer_complete(struct httpd_conn *conn, int keep)
@@ -1001,7 +1075,7 @@ void httpd_defer_complete(struct httpd_conn *conn, int keep)
 	if (!is_deferred(c))
 		return;
 	conn->flags &= static_cast<uint8_t>(~HTTPD_DEFERRED);
-	if ((conn->flags & HTTPD_CLOSE_PENDING) || c->put_off != ending::none) {
+	if ((conn->flags & HTTPD_CLOSE_PENDING) || c->postponed_end != ending::none) {
 		teardown(c, ending_of_deferred(c));
 	} else if (keep) {
 		conn->state = HTTPD_STATE_DONE;
@@ -1066,7 +1140,7 @@ static char *put_bytes(char *to, const char *bytes, size_t count)
 	return to + count;
 }
 
-// Put together by hand, at a fraction of what formatting costs; every answer has one.
+// Every answer has one, and formatting it would cost several times as much.
 int32_t http_res_put_status_line(struct buffer *buffer, int version, int code, const char *reason)
 {
 	static constexpr size_t PROTOCOL_LENGTH = 9;
@@ -1126,7 +1200,7 @@ int32_t httpd_common_headers(struct httpd_conn *conn)
 	return is_done ? 0 : -1;
 }
 
-// Head and body, in one write. Both buffers stay as they were composed.
+// Writes head and body at once. Both buffers stay as they were composed.
 static bool send_composed(httpd_conn *conn)
 {
 	buffer *whole = conn->res_head;
@@ -1169,78 +1243,6 @@ int32_t httpd_fail(struct httpd_conn *conn, int version, int code)
 
 // --- URL coding
 
-static unsigned digit_value(char digit)
-{
-	unsigned value = static_cast<unsigned char>(digit);
-	if (digit >= '0' && digit <= '9')
-		return value - '0';
-	if (digit >= 'A' && digit <= 'Z')
-		value += 'a' - 'A';
-	return value - ('a' - 10); // compatibility, unchecked digits
-}
-
-static char from_digits(char high, char low)
-{
-	return static_cast<char>(digit_value(high) * 16 | digit_value(low));
-}
-
-// Input that may be read at any distance: behind its end there are zeros.
-class padded_reader
-{
-	span rest_;
-
-public:
-	explicit padded_reader(span text) : rest_(text) {}
-	char at(size_t offset) const { return offset < rest_.length() ? rest_.pos[offset] : '\0'; }
-	void skip(size_t count) { rest_.pos += count < rest_.length() ? count : rest_.length(); }
-};
-
-// Input whose caller vouches for what follows it.
-class unbounded_reader
-{
-	const char *pos_;
-
-public:
-	explicit unbounded_reader(const char *pos) : pos_(pos) {}
-	char at(size_t offset) const { return pos_[offset]; }
-	void skip(size_t count) { pos_ += count; }
-};
-
-// An escape takes three bytes and counts as one of `length`: compatibility, escapes read on
-template <typename reader>
-static void decode_into(char *out, reader in, int32_t length) // `out` has room for a terminating zero
-{
-	for (int32_t left = length; left > 0; left--) {
-		char c = in.at(0);
-		if (c != '%') {
-			*out++ = c == '+' ? ' ' : c;
-			in.skip(1);
-		} else if (left >= 3 && in.at(1) && in.at(2)) {
-			*out++ = from_digits(in.at(1), in.at(2));
-			in.skip(3);
-		} else {
-			in.skip(1);
-		}
-	}
-	*out = '\0';
-}
-
-template <typename reader>
-static char *decode_from(reader in, int32_t length)
-{
-	size_t size = static_cast<size_t>(length) + 1;
-	char *text =
-		static_cast<char *>(memset(xmalloc(size), 0, size)); // calloc would pass malloc's cache by
-	decode_into(text, in, length);
-	return text;
-}
-
-// The first `length` bytes of `text`, which goes on as far as bytes are ours.
-static char *decode(span text, int32_t length)
-{
-	return decode_from(padded_reader{text}, length);
-}
-
 char *http_alloc_url_decode(const char *bytes, int32_t length)
 {
 	if (!bytes || length < 0)
@@ -1280,20 +1282,20 @@ char *http_alloc_url_encode(const char *bytes, int32_t length)
 	return text;
 }
 
-// The value of one "name=value", decoded, if it has the name asked for. `end` is the end of the text that
-// `piece`, terminated, lies in.
+// The decoded value of one "name=value" if `name` is equal, else null. `piece` is terminated; `end` is the end of the
+// text around it.
 static char *match_parameter(char *piece, const char *end, const char *name)
 {
 	char *value = strchr(piece, '=');
 	if (value)
 		*value++ = '\0';
-	// In place: what is decoded is never ahead of what is read.
+	// In place: the decoder never writes past the byte that it reads.
 	decode_into(piece, padded_reader{{piece, end}}, static_cast<int32_t>(strlen(piece)));
 	if (strcasecmp(piece, name) != 0)
 		return nullptr;
 	if (!value)
 		return http_alloc_url_decode("", 0);
-	return decode({value, end}, static_cast<int32_t>(strlen(value)));
+	return decode_url({value, end}, static_cast<int32_t>(strlen(value)));
 }
 
 static char *find_parameter(char *text, const char *name)

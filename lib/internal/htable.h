@@ -1,6 +1,6 @@
-// What htable keeps for the library's own modules.
+// Functions of htable for the library's own modules.
 #pragma once
 #include "../htable.h"
 
-// Whether finding the place of `key` takes more than `probes_max` steps.
-bool htable_is_crowded(const htable *t, const void *key, int32_t probes_max);
+// Whether the search for the slot of `key` passes more than `probes_max` slots in use.
+bool htable_has_too_many_collisions(const htable *t, const void *key, int32_t probes_max);
