@@ -1,32 +1,21 @@
 // Digests of parts of files and of text, held against the system's md5sum and sha256sum, and every step's
 // failure.
-#include "lib/hash.h"
+#include "tests/hash/digests.h"
 
 #include <linux/loop.h>
-#include <mbedtls/md.h>
 #include <memory>
-#include <random>
 #include <sys/mman.h>
 #include <sys/resource.h>
 
 #include <gmock/gmock.h>
 
-#include "lib/log.h"
 #include "tests/support/interposed.h"
 #include "tests/support/memory.h"
-#include "tests/support/support.h"
-#include "tests/support/syslog_messages.h"
 
+using namespace hash_tests;
 using namespace support;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-// A part of a file in memory, as the kernel has it.
-struct mapped {
-	uintptr_t begin, end;
-	std::string access; // "r--p"
-	uint64_t offset;
-};
 
 static std::vector<mapped> mappings_of(const std::string &path)
 {
@@ -44,22 +33,6 @@ static std::vector<mapped> mappings_of(const std::string &path)
 		fclose(maps);
 	return found;
 }
-
-// The calls of mbedtls are noted on their way. One of them can be made to fail, and the digest itself be left
-// out.
-static struct {
-	std::string failing; // the step that does
-	bool without_digest; // nothing is read
-	std::string path;    // whose mappings are looked at
-
-	std::string calls;
-	mbedtls_md_type_t type;
-	int hmac;
-	const unsigned char *bytes; // of the last update
-	size_t length;
-	std::vector<mapped> mappings; // during it
-	int contexts;                 // that have not been freed
-} md;
 
 static constexpr int failure_code = -12345;
 
@@ -135,7 +108,6 @@ namespace
 {
 
 const unsigned page = static_cast<unsigned>(sysconf(_SC_PAGESIZE));
-std::mt19937 numbers(20240607); // the same ones in every run
 
 // A kind of digest: the function, and the system's command.
 struct kind {
@@ -150,14 +122,6 @@ struct kind {
 const kind kinds[] = {{"md5", md5_fd, "md5sum", 16, MBEDTLS_MD_MD5, "d41d8cd98f00b204e9800998ecf8427e"},
 	{"sha256", sha256_fd, "sha256sum", 32, MBEDTLS_MD_SHA256,
 		"e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"}};
-
-std::string random_bytes(size_t count)
-{
-	std::string bytes(count, '\0');
-	for (char &byte : bytes)
-		byte = static_cast<char>(numbers());
-	return bytes;
-}
 
 // A file that is gone with its owner.
 class temporary_file
@@ -231,17 +195,6 @@ std::string digest_by_system(const kind &k, const std::string &bytes)
 	return first_word(must_run(std::string(k.command) + " " + file.path()));
 }
 
-std::string hex(const unsigned char *bytes, unsigned length)
-{
-	std::string text;
-	char digits[3];
-	for (unsigned index = 0; index < length; ++index) {
-		snprintf(digits, sizeof(digits), "%02x", static_cast<unsigned>(bytes[index]));
-		text += digits;
-	}
-	return text;
-}
-
 // A digest's place, with what must stay as it is around it.
 struct place {
 	static constexpr unsigned char untouched = 0xa5;
@@ -293,26 +246,8 @@ logged map_report(int number)
 	return {3, "md5: fail to mmap fd: err=-" + std::to_string(number) + "\n"};
 }
 
-// Fails a test that leaves a descriptor open or a digest's context in use.
-class hash_test : public descriptor_test
-{
-protected:
-	void SetUp() override
-	{
-		log_open(LOG_DEST_SYSLOG, LOG_DAEMON, nullptr);
-		messages.clear();
-		md = {};
-		descriptor_test::SetUp();
-	}
-	void TearDown() override
-	{
-		EXPECT_EQ(md.contexts, 0);
-		descriptor_test::TearDown();
-	}
-};
 using digest_fd = hash_test;
 using hash_md5_str_test = hash_test;
-using hash_digest2str_test = hash_test;
 
 void expect_same_as_system(const kind &k, const std::string &bytes, int fd, unsigned offset, unsigned length)
 {
@@ -799,106 +734,5 @@ TEST_F(hash_md5_str_test, reports_each_step_that_fails)
 		EXPECT_EQ(answer_to_text("text"), "(" + code + ")") << c.step;
 		EXPECT_THAT(messages, ElementsAre(logged{3, c.text + code + "\n"}));
 		EXPECT_EQ(md.calls, c.calls);
-	}
-}
-
-// ---- Digests as text ----
-
-namespace
-{
-
-std::string taken(char *text)
-{
-	std::string copy = text;
-	free(text);
-	return copy;
-}
-
-} // namespace
-
-TEST_F(hash_digest2str_test, writes_two_lower_case_digits_a_byte)
-{
-	const unsigned char digest[] = {0x00, 0x01, 0x0a, 0x10, 0xab, 0xff};
-	EXPECT_EQ(taken(hash_digest2str(digest, 6)), "00010a10abff");
-	EXPECT_EQ(taken(hash_digest2str(digest, 3)), "00010a");
-}
-
-TEST_F(hash_digest2str_test, writes_every_value)
-{
-	unsigned char digest[256];
-	for (unsigned value = 0; value < 256; ++value)
-		digest[value] = static_cast<unsigned char>(value);
-	EXPECT_EQ(taken(hash_digest2str(digest, 256)), hex(digest, 256));
-}
-
-TEST_F(hash_digest2str_test, is_empty_for_no_bytes)
-{
-	const unsigned char digest[] = {0x12};
-	EXPECT_EQ(taken(hash_digest2str(digest, 0)), "");
-	EXPECT_EQ(taken(hash_digest2str(nullptr, 0)), "");
-}
-
-TEST_F(hash_digest2str_test, takes_any_length)
-{
-	std::string bytes = random_bytes(1'000'000);
-	const unsigned char *digest = reinterpret_cast<const unsigned char *>(bytes.data());
-	for (unsigned length : {1U, 2U, 16U, 20U, 32U, 33U, 64U, 1'000'000U})
-		EXPECT_EQ(taken(hash_digest2str(digest, length)), hex(digest, length)) << length;
-}
-
-TEST_F(hash_digest2str_test, gives_a_text_of_its_own_each_time)
-{
-	const unsigned char one[] = {1}, two[] = {2};
-	char *first = hash_digest2str(one, 1), *second = hash_digest2str(two, 1);
-	EXPECT_EQ(taken(first), "01");
-	EXPECT_EQ(taken(second), "02");
-}
-
-TEST_F(hash_digest2str_test, prints_what_the_digests_are)
-{
-	unsigned char digest[16];
-	ASSERT_EQ(hash_md5_str("", digest), 0);
-	EXPECT_EQ(taken(hash_digest2str(digest, 16)), "d41d8cd98f00b204e9800998ecf8427e");
-}
-
-TEST_F(hash_digest2str_test, ends_the_process_without_memory)
-{
-	child_result result = run_child([] {
-		const unsigned char digest[] = {1};
-		set_app_name("hash-test");
-		memory.refuse_from(0);
-		hash_digest2str(digest, 1);
-		memory.grant();
-	});
-	EXPECT_TRUE(result.killed_by(SIGABRT)) << result.report();
-	EXPECT_EQ(result.err, "hash-test: out of memory\n");
-}
-
-// How the process ends for a digest of `length` bytes without memory. On stdout is what it asked for last.
-static child_result end_without_memory_for(unsigned length)
-{
-	return run_child([length] {
-		signal(SIGABRT, [](int) { dprintf(1, "%#zx bytes", memory.last_size); });
-		const unsigned char digest[] = {1};
-		set_app_name("hash-test");
-		memory.refuse_from(0);
-		memory.last_size = 0;
-		hash_digest2str(digest, length);
-	});
-}
-
-TEST_F(hash_digest2str_test, asks_for_all_the_memory_that_the_longest_digests_take)
-{
-	const struct {
-		unsigned length;
-		const char *asked;
-	} cases[] = {{0x7fffffff, "0xffffffff bytes"}, {0x80000000, "0x100000001 bytes"},
-		{UINT_MAX, "0x1ffffffff bytes"}};
-	for (const auto &c : cases) {
-		child_result result = end_without_memory_for(c.length);
-		bool fits = sizeof(size_t) > 4 || c.length < 0x80000000;
-		EXPECT_EQ(result.out, fits ? c.asked : "0 bytes") << c.length;
-		EXPECT_TRUE(result.killed_by(SIGABRT)) << result.report();
-		EXPECT_EQ(result.err, "hash-test: out of memory\n");
 	}
 }
