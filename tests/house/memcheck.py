@@ -1,6 +1,6 @@
 """Runs tests of the library under valgrind's memcheck: no call of ours may give it a reason to complain.
 
-Only programs that leave malloc alone (without tests/memory.h) can be run so.
+Only programs that leave malloc alone (without tests/support/memory.h) can be run so.
 """
 
 import argparse

@@ -59,11 +59,18 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept
 }
 
 // Fortified code calls these instead.
-extern "C" ssize_t __read_chk(int fd, void *bytes, size_t count, size_t)
+extern "C" {
+ssize_t __read_chk(int fd, void *bytes, size_t count, size_t bytes_max);
+void __vsyslog_chk(int priority, int flag, const char *format, va_list arguments);
+
+ssize_t __read_chk(int fd, void *bytes, size_t count, size_t)
 {
 	return read(fd, bytes, count);
 }
-extern "C" void __vsyslog_chk(int priority, int, const char *format, va_list arguments)
+
+__attribute__((format(printf, 3, 0))) void __vsyslog_chk(
+	int priority, int, const char *format, va_list arguments)
 {
 	vsyslog(priority, format, arguments);
+}
 }
