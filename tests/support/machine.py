@@ -167,7 +167,7 @@ class Machine:
         looks for directories.
         """
         os.makedirs(self.path("proc/real"))
-        for name in ("self", "mounts", *map(str, range(1, 1000))):
+        for name in ("self", "mounts", *map(str, range(1, 200))):
             os.symlink("real/" + name, self.path("proc", name))
         write_file(self.path("proc/mtd"), mtd)
         write_file(self.path("proc/cmdline"), cmdline)
