@@ -12,8 +12,8 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /*
- * Looks up a flash partition in /proc/mtd. The first line counts that has a quote right after the first
- * place of `name`: "data" finds "rootfs_data". A line is 255 characters at most.
+ * Looks up a flash partition in /proc/mtd: the first line with a quote right after the first `name` in
+ * it, so "data" finds "rootfs_data". A line is 255 characters at most.
  *
  * Returns:   its device, such as "mtd5" (in /dev); null if there is none.
  * Errors:    null: memory is exhausted, or /proc/mtd cannot be opened; only the latter is logged.

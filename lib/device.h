@@ -1,6 +1,5 @@
 /*
- * device - the board that the daemons run on: its interfaces, radios, switch ports, LEDs and start-up
- * work.
+ * device - the board that the daemons run on: interfaces, radios, switch ports, LEDs, start-up work.
  *
  * The library's one board is described before any constructor of a daemon runs. Reading without a
  * description ends the process (assert_failure). All text is the description's: do not free it. One
@@ -71,7 +70,7 @@ unsigned int dev_radio1_mode(void);
 const char *dev_radio2_phy(void);
 unsigned int dev_radio2_mode(void);
 
-/* Returns:   1 if there is the first (`index` 0) or second (1) radio, else 0; others need no description. */
+/* Returns:   1 if there is radio 1 (`index` 0) or 2 (1), else 0; other indices need no description. */
 int dev_has_radio(unsigned int index);
 
 /* Returns:   1 if there is a switch, else 0. */
@@ -87,7 +86,7 @@ const char *dev_switch_lan(void);
 /*
  * Call the description's functions; `state` is one of DEV_LED_*. dev_init is for the program that brings
  * the system up: the built-in board's copies the radios' calibration data (caldata.h), logs files that
- * cannot be made, and returns 0, but never if the partition "EEPROM" is too short.
+ * cannot be made, and returns 0. If the partition "EEPROM" is too short it never returns.
  *
  * Returns:   the function's result; 0 without one.
  */

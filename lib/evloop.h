@@ -81,10 +81,10 @@ int evloop_io_add(struct evloop_io *io, unsigned int flags);
  * Stops watching. Delete before closing, and only what was added: the kernel goes by the descriptor's
  * number, which may be another watcher's.
  *
- * Its events in the batch are dropped, but one near the end may still come: compatibility, scan bound
- * So a callback that deletes another watcher sets that `cb` to null, and keeps the record for
+ * Events of its descriptor and record in the batch are dropped, but one near the end may still come. So
+ * a callback that deletes another watcher sets that `cb` to null, and keeps the record for
  * EVLOOP_MAX_EVENTS passes, when the batch is over (it outlives evloop_run). Streams, connections and
- * sockets of this library do so themselves.
+ * sockets of this library do so themselves: compatibility, scan bound
  *
  * Returns:   0.
  * Errors:    -1 with errno set, also if the watcher was never registered.
@@ -118,7 +118,7 @@ void evloop_handle_ios(int timeout_ms);
 
 /*
  * Starts a timer with the `expires` that its owner has set. Timers fire in the order of `expires`, as
- * unsigned numbers; equals in that of adding.
+ * unsigned numbers; equal ones in the order of adding.
  *
  * Returns:   0; -1: already pending, nothing has changed.
  */
@@ -133,10 +133,10 @@ int evloop_timeout_cancel(struct evloop_timeout *timeout);
 
 /*
  * Makes `timeout` fire once, `delay_ms` milliseconds from now; a pending one is moved. With 0 it is due
- * on the next pass (set within one, a microsecond from now), never inside this call. An expiry beyond 64
- * bits wraps.
+ * on the next pass, never inside this call; if the clock still reads as when the running pass began, a
+ * microsecond later. An expiry beyond 64 bits wraps.
  *
- * Returns:   0; nothing can fail.
+ * Returns:   0.
  * Ownership: the loop borrows the record until it fires or is cancelled.
  * Callbacks: `cb` runs with the timeout no longer pending: it may set it again, or release the record.
  */
@@ -145,8 +145,8 @@ int evloop_timeout_set(struct evloop_timeout *timeout, int64_t delay_ms);
 /*
  * Reads the time until `expires`, pending or not.
  *
- * Returns:   whole seconds (1500 ms: 1), 0 once it has passed; of the low 32 bits of microseconds,
- *            signed: wraps beyond 35 minutes.
+ * Returns:   whole seconds (1500 ms: 1), 0 once it has passed. Only the low 32 bits of the microseconds
+ *            count, signed: it wraps beyond 35 minutes.
  */
 int32_t evloop_timeout_remaining(struct evloop_timeout *timeout);
 

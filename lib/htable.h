@@ -76,7 +76,7 @@ void htable_unref(struct htable *table);
  *
  * The first value that differs from its stored key makes a set a map, for good: the values outside the
  * first slot_count bytes of the array become null. Add to a set with htable_add only: htable_insert keeps
- * the stored key, from which the one passed, as the value, may differ.
+ * the stored key, but stores the passed one as the value.
  *
  * Returns:   1: the key was new; 0: it was not.
  * Errors:    0, with key and value destroyed: no memory for a full table, or for the values of a map.
@@ -105,7 +105,7 @@ int htable_steal(struct htable *table, const void *key);
 void htable_remove_all(struct htable *table);
 void htable_steal_all(struct htable *table);
 
-/* As htable_remove_all and htable_unref. */
+/* As htable_remove_all, then htable_unref. */
 void htable_destroy(struct htable *table);
 
 /* Returns:   the number of entries. */

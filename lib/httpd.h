@@ -9,14 +9,14 @@
  * "Content-Length" in this spelling counts, not "content-length", not chunks. A handler that changes
  * anything refuses such requests and returns 0: docs/recipes.md, "Handle any client".
  *
- * Head and body have at most 66560 bytes each; more is answered 400. A body that has arrived when its
- * head is parsed counts with it: do not rely on more for both together. Also answered 400: different
- * values of "Content-Length", a zero byte in a header's name, and hundreds of names chosen to collide in
- * the table.
+ * Head and body have at most 66560 bytes each; more is answered 400. All that has arrived when a head is
+ * parsed, body and further requests, counts with it: do not rely on more for head and body together. Also
+ * answered 400: different values of "Content-Length", a zero byte in a header's name, and hundreds of
+ * names chosen to collide in the table.
  *
- * A connection ends after 60 seconds without a byte from the peer or, while answers wait for it, without
- * one taken by it. HTTP/1.1 without "Connection: close" keeps it open, unless a request is refused or the
- * handler ends it.
+ * A connection ends after 60 seconds without a byte from the peer; while answers wait for the peer,
+ * without a byte taken by it. HTTP/1.1 without "Connection: close" keeps it open, unless a request is
+ * refused or the handler ends it.
  *
  * Reading stops at HTTPD_RX_BYTES_MAX received bytes until requests are answered; reading and answering
  * stop while HTTPD_TX_BYTES_STALL bytes of answers are not taken. The table of headers takes up to ten
@@ -68,8 +68,8 @@ struct httpd_conn;
  * write is sent at once (stream_write): the handler may then work for long, end the process, or hand the
  * descriptor to a child.
  *
- * The exception is corking: while the head of another request is there, answers to GETs that keep the
- * connection are gathered, up to 16 KiB, and count as taken. So a handler of a GET calls
+ * The exception is corking: while the whole head of another request is there, answers to GETs that keep
+ * the connection are gathered, up to 16 KiB, and count as taken. So a handler of a GET calls
  * stream_flush_tx_async before it ends the process or hands the descriptor on. Details: docs/recipes.md,
  * "Know when answers leave".
  *
@@ -99,7 +99,7 @@ struct httpd_ctx {
  * contain any byte, zeros included.
  */
 struct httpd_conn {
-	struct httpd_ctx *ctx;            /* its server */
+	struct httpd_ctx *ctx;
 	struct stream stream;             /* its callbacks are the server's */
 	struct httpd_link node;           /* the server's */
 	struct evloop_timeout idle_timer; /* the server's */
@@ -128,13 +128,13 @@ struct httpd_conn {
 	 */
 	char *decoded_path;
 	uint8_t close_requested; /* 1: "Connection: close" */
-	uint32_t content_length; /* bytes */
-	int32_t state;           /* HTTPD_STATE_* */
-	struct htable *headers;  /* name to value, both strings; use httpd_header_table_get */
+	uint32_t content_length;
+	int32_t state;          /* HTTPD_STATE_* */
+	struct htable *headers; /* name to value, both strings; use httpd_header_table_get */
 	/*
-	 * For the handler to compose in; empty them with httpd_res_buffers_reset. Each starts with 512
-	 * bytes, and only buffer_write extends it: buffer_printf, http_res_put_* and httpd_common_headers
-	 * fail without space. Do not send it then; httpd_fail starts anew.
+	 * For the handler to compose in; empty them afterwards with httpd_res_buffers_reset. Each starts
+	 * with 512 bytes, and only buffer_write extends it: without space buffer_printf, http_res_put_*
+	 * and httpd_common_headers fail. Do not send what has failed; httpd_fail starts anew.
 	 */
 	struct buffer *res_head;
 	struct buffer *res_body;
@@ -145,10 +145,8 @@ void httpd_ctx_init(struct httpd_ctx *ctx, httpd_handler handler);
 
 /*
  * Ends all connections at once, not the listening socket. A deferred one is logged as LOG_CRIT
- * ("BUG: deferred connections around") and marked HTTPD_CLOSE_PENDING; it lives until its
- * httpd_defer_complete.
- *
- * Ownership: `ctx` may be released when no deferred connection is left.
+ * ("BUG: deferred connections around") and marked HTTPD_CLOSE_PENDING; it lives, and `ctx` with it, until
+ * its httpd_defer_complete.
  */
 void httpd_ctx_cleanup(struct httpd_ctx *ctx);
 
@@ -161,7 +159,7 @@ void httpd_ctx_cleanup(struct httpd_ctx *ctx);
 void httpd_accept(int fd, uint32_t arg, void *ctx);
 
 /*
- * Defers the answer. A handler calls it; its result does not count then, unless it calls
+ * Called by a handler: defers the answer. The handler's result then does not count, unless it calls
  * httpd_defer_complete as well. Further requests wait. A second call has no effect.
  *
  * A peer that goes, or sends its last byte, sets HTTPD_CLOSE_PENDING: requests that wait are not handled
@@ -192,7 +190,7 @@ void httpd_res_buffers_reset(struct httpd_conn *conn);
  */
 const char *httpd_header_table_get(struct httpd_conn *conn, const char *name);
 
-/* Returns:   "OK", ... for 200, 400, 404, 405, 406, 417 and 501; "" for every other code. */
+/* Returns:   the reason ("OK") of 200, 400, 404, 405, 406, 417 and 501; "" for every other code. */
 const char *http_code_to_string(int code);
 
 /*
@@ -230,7 +228,7 @@ int32_t httpd_fail(struct httpd_conn *conn, int version, int code);
  * checked. Each escape makes it read, and decode, two more bytes after the input, which must be the
  * caller's: `length` * 3 bytes suffice, zeros after the text.
  *
- * Returns:   a new string of `length` characters.
+ * Returns:   a new string of `length` characters, less each lost "%".
  * Errors:    null: null `bytes`, or a negative length.
  * Ownership: the caller frees it.
  */

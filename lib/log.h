@@ -1,9 +1,8 @@
 /*
  * log - messages, rate limiting, fatal reports, and allocation that never fails.
  *
- * One thread, like the whole library. _log works without log_open. What cannot be written is dropped
- * silently. Texts (`ident`, `name`) are borrowed for the life of the process. Priorities and facilities
- * are those of <syslog.h>.
+ * One thread. _log works without log_open. What cannot be written is dropped silently. Texts (`ident`,
+ * `name`) are borrowed for the life of the process. Priorities and facilities are those of <syslog.h>.
  */
 #pragma once
 #include <stddef.h>
@@ -27,8 +26,8 @@ extern "C" {
  *   terminal, else LOG_DEST_SYSLOG and LOG_DAEMON;
  * - a null `ident`: the process's own name, but none for LOG_DEST_STDIO alone.
  *
- * If it goes to syslog it opens that, once; later calls do not change what syslog knows. They change the
- * destinations, and the identity of the other two (null: none); a negative mask is then taken as its bit
+ * If it goes to syslog, it opens that for good. Later calls change the destinations, and the identity of
+ * the other two (null: none), but not what syslog knows; a negative mask is then taken as its bit
  * pattern.
  */
 void log_open(int mask, int facility, const char *ident);
@@ -56,8 +55,9 @@ void out_of_memory(void) __attribute__((noreturn, cold));
 #define LOG_STRINGIFY_(x) #x
 
 /*
- * Limits a message to `burst` times in each `interval`; below 0: compatibility, negative interval
- * Usually a static variable: `static struct ratelimit_state noisy = {5000, 10, 0, 0, 0};`.
+ * Limits a message to `burst` times in each `interval`. Usually a static variable:
+ * `static struct ratelimit_state noisy = {5000, 10, 0, 0, 0};`.
+ * An interval below 0: compatibility, negative interval
  */
 struct ratelimit_state {
 	int32_t interval; /* milliseconds; 0: no limit, nothing is counted */

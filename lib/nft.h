@@ -3,7 +3,7 @@
  * changes, and the kernel's answer.
  *
  * A daemon builds objects, puts them into a batch, sends the batch as one transaction, and frees the
- * objects: docs/recipes.md, "Change the firewall". examples/apfw is a whole program.
+ * objects: docs/recipes.md, "Change the firewall".
  *
  * Look at each result that may be null: no function of libnftnl takes null. No argument may be null
  * unless a function says so. Names and data are copied. Families, registers, keys, operators, flags and
@@ -31,8 +31,8 @@ struct nftnl_table;
  * ---- Expressions ----
  *
  * Each function makes one expression, with the attributes in brackets. `dreg` is the register written,
- * `sreg` the one read. Packet fields are in network order, marks in host order. Lengths and offsets are
- * in bytes.
+ * `sreg` the one read. Data is taken as it stands: packet fields in network order, marks in host order.
+ * Lengths and offsets are in bytes.
  *
  * Errors:    null: memory is exhausted, or data exceeds the kernel's 64 bytes of registers (most
  *            expressions use up to 16, and the kernel refuses more).
@@ -43,14 +43,15 @@ struct nftnl_table;
 struct nftnl_expr *kvnft_build_expr_ct(uint32_t dreg, uint32_t key);
 
 /*
- * "reject": refuses the packet in the way of `type` (NFT_REJECT_...). The kernel refuses
- * NFT_REJECT_ICMP_UNREACH (-EINVAL), which wants a code, too.
+ * "reject": refuses the packet in the way of `type` (NFT_REJECT_...). NFT_REJECT_TCP_RST needs no code;
+ * NFT_REJECT_ICMP_UNREACH does, and the kernel refuses it here (-EINVAL).
  * [TYPE; CODE with NFT_REJECT_ICMPX_UNREACH only]
  */
 struct nftnl_expr *kvnft_build_expr_reject(uint32_t type, uint8_t code);
 
 /*
- * "immediate": decides with `verdict`: NF_ACCEPT, NF_DROP or another that names no chain.
+ * "immediate": decides with `verdict`: NF_ACCEPT, NF_DROP or another that names no chain (NFT_JUMP and
+ * NFT_GOTO do).
  * [DREG 0, VERDICT]
  */
 struct nftnl_expr *kvnft_build_expr_verdict(uint32_t verdict);
@@ -68,8 +69,8 @@ struct nftnl_expr *kvnft_build_expr_limit(uint64_t rate, uint64_t burst);
 /*
  * "dynset": adds the value of `sreg_key` to a set for each packet, with `update` also refreshes its
  * time-out, and evaluates `expr` for that element. The kernel refuses a negative `timeout_ms`
- * (milliseconds), and wants a set with NFT_SET_EVAL, for a time-out NFT_SET_TIMEOUT. `set_id` is the ID
- * of a set of the same batch, else 0.
+ * (milliseconds), and wants a set with NFT_SET_EVAL, for a time-out also NFT_SET_TIMEOUT. `set_id` is the
+ * ID of a set of the same batch, else 0.
  * [SREG_KEY, OP, TIMEOUT unless 0, SET_NAME, SET_ID, EXPR]
  *
  * Errors:    null, also without `set_name` or `expr`.
@@ -194,14 +195,14 @@ int kvnft_rule_verdict(struct nftnl_rule *rule, uint8_t verdict);
  * ---- Batches ----
  *
  * A batch collects messages in the caller's buffer, up to `limit` bytes. Allocate
- * KVNFT_BATCH_BUFFER_SIZE(limit) bytes, zeroed: a message is written, with gaps, before it is compared
- * with the limit. If it might exceed 4096 bytes (13 ordinary expressions, or 60 elements, do not) it
- * takes memory of its own.
+ * KVNFT_BATCH_BUFFER_SIZE(limit) bytes, zeroed: libmnl leaves gaps, and writes a message before it
+ * compares it with the limit. A message that might exceed 4096 bytes (13 ordinary expressions, or 60
+ * elements, do not) takes memory of its own.
  *
  * The kernel takes a batch of at most net.core.wmem_default (212992) less 32 bytes. A process without
  * CAP_NET_ADMIN learns the result of some 500 messages at most: docs/recipes.md.
  *
- * Functions that append a message; `seq` is a number that the kernel's answers repeat:
+ * All functions that append a message: `seq` is any number; the kernel's answers repeat it.
  *
  * Returns:   0.
  * Errors:    -ENOMEM: the message does not fit below the limit, memory is exhausted, or a name or list is
@@ -246,11 +247,12 @@ void kvnft_batch_free(struct mnl_nlmsg_batch *batch);
 /*
  * Sends `len` bytes of netlink messages over a socket of its own; its descriptor may have any number. The
  * answers queued by then go to `cb` (may be null) with `data`, as mnl_cb_run does; netlink's own, such as
- * acknowledgements, do not. It waits for none.
+ * acknowledgements, do not. It waits for none: a late answer is lost.
  *
  * With these results the change may have been made: -EINTR, a signal; -ENOBUFS, more answers than the
- * queue takes; -ENOSPC, one of over 4096 bytes (before Linux 4.3 also the refusal of such a message);
- * -ESRCH or -EBADMSG, one for another socket, or malformed. The kernel refuses with some of these, too.
+ * queue takes; -ENOSPC, an answer of over 4096 bytes (before Linux 4.3 also the refusal of such a
+ * message); -ESRCH or -EBADMSG, an answer for another socket, or malformed. The kernel refuses with some
+ * of these, too.
  *
  * Returns:   0.
  * Errors:    the first step that failed, the kernel's refusal and `cb`'s (MNL_CB_ERROR with errno)

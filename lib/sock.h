@@ -35,7 +35,7 @@ struct sock {
  * Listens at `host` (an address or name; null: every address) and `service` (a port or name). The loop
  * accepts one connection a pass; `backlog` more may wait. An address in TIME_WAIT can be taken again.
  *
- * Without evloop_init nobody accepts: the result is 0, but `io.registered` is, too. A connection that
+ * Without evloop_init nobody accepts: the result is 0, but `io.registered` stays 0. A connection that
  * cannot be accepted is tried again on each pass: without a free descriptor the loop stays busy.
  *
  * Returns:   0.

@@ -2,8 +2,8 @@
  * stream - a non-blocking descriptor with a receive and a transmit buffer.
  *
  * What arrives is read into `rx`. What is written is sent before stream_write returns, as far as the
- * kernel takes it; the rest waits in `tx`.  The owner is told of new bytes, end of file and errors on a
- * later pass of the loop, of a drained `tx` at once.
+ * kernel takes it; the rest waits in `tx` (httpd.h also corks answers). The owner is told of new bytes,
+ * end of file and errors on a later pass of the loop, of a drained `tx` at once.
  *
  * The loop's thread; call evloop_init first. Failures are negated errno values. The record is the
  * caller's, who may clean it up and release it in all three callbacks. So is the descriptor: the stream
@@ -108,8 +108,8 @@ void stream_disable_read(struct stream *stream);
  * `notify_write`, which it replaces.
  *
  * Errors:    after STREAM_ERROR it is called at once if `tx` is empty (what was written is lost), else
- *            never: see `state`.
- * Callbacks: it may release the stream.
+ *            never: look at `state`, or wait for notify_state.
+ * Callbacks: it may clean up and release the stream.
  */
 void stream_flush_tx_async(struct stream *stream, void (*callback)(struct stream *stream));
 

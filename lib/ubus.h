@@ -3,7 +3,7 @@
  * repeated until they succeed, and subscriptions that outlive the object they are about.
  *
  * They work on a libubus context that the daemon connects, serves and frees: docs/recipes.md,
- * "Live on the message bus". examples/common/bus.c does it on the library's loop. One thread.
+ * "Live on the message bus". One thread.
  *
  * "Synchronous" means that libubus blocks until the bus daemon answers (for ever, if it drops the answer
  * because this daemon does not keep up), and serves the context meanwhile: handlers of calls,
@@ -108,9 +108,9 @@ struct ubus_retry_request {
 };
 
 /*
- * Prepares `rr`, whatever it held. `*ctx` is read for every attempt: null without a context, or a
- * connection. While a call is in flight, replace it only if the former context was freed or has lost its
- * connection; otherwise abort first.
+ * Prepares `rr`, whatever it held, and sends nothing. `*ctx` is read for every attempt; null: no context,
+ * or no connection. While a call is in flight, change it only if the former context was freed or has lost
+ * its connection; otherwise abort first.
  *
  * Returns:   0.
  * Errors:    -EINVAL, logged: null `ctx`, or a name of 32 bytes or more; nothing changes.
@@ -124,12 +124,12 @@ int ubus_retry_request_init(struct ubus_retry_request *rr, struct ubus_context *
 
 /*
  * Makes an attempt now; a call in flight is aborted. After an error status, or no answer within
- * UBUS_RETRY_DELAY_MS, the next follows at once, unlogged. After any other failure, logged but for a
- * missing context, it follows in UBUS_RETRY_DELAY_MS. There is no limit: a call lost with the connection
- * is repeated until bus and object are back.
+ * UBUS_RETRY_DELAY_MS, the next follows at once, unlogged. After any other failure it follows in
+ * UBUS_RETRY_DELAY_MS, logged as LOG_ERR except for a missing context. There is no limit: a call lost
+ * with the connection is repeated until bus and object are back.
  *
  * So a method that always refuses is called as fast as it answers, 25000 times a second in a measurement.
- * Let `prepare_cb` count, and return anything but 0 to delay the next attempt, or abort.
+ * Let `prepare_cb` count attempts, and return anything but 0 to delay the next, or abort.
  *
  * Returns:   0: in flight; -EBUSY: the attempt failed (no context, no such object, `prepare_cb`,
  *            sending), and the next is due.

@@ -24,9 +24,9 @@ extern "C" {
 int execute(const char *path, char *const argv[], int quiet);
 
 /*
- * Sends SIGTERM to each child of `parent`, the caller included, not to their children; does not wait. It
- * reads /proc: a child that comes meanwhile may be missed. One with a blank in its command name is
- * missed, or taken for another's.
+ * Sends SIGTERM to each child of `parent`, the caller included if it is one, not to their children; does
+ * not wait. It reads /proc: a child that comes meanwhile may be missed. One with a blank in its command
+ * name is missed, or taken for another's.
  *
  * Returns:   0: all of /proc has been read.
  * Errors:    -1, logged. A child that cannot be signalled is logged; the rest are signalled.
