@@ -1,12 +1,17 @@
 // Timeouts: set, moved, cancelled, their order and what is left of them.
 #include "tests/evloop/watchers.h"
 
+#include <signal.h>
 #include <time.h>
 
 #include <algorithm>
 #include <array>
 #include <random>
+#include <string>
 
+#include <gmock/gmock.h>
+
+#include "lib/log.h"
 #include "lib/time.h"
 #include "tests/support/system_calls.h"
 
@@ -86,6 +91,25 @@ TEST_F(evloop_timeout_test, cancelled_is_unlinked_and_never_fires)
 	EXPECT_EQ(t.expires, 1);
 	evloop_handle_timeouts();
 	EXPECT_EQ(t.calls, 0);
+}
+
+// Memory that somebody wrote over: the process ends at the first step that meets it, and says where.
+TEST_F(evloop_timeout_test, with_a_link_that_was_written_over_ends_the_process_and_names_the_line)
+{
+	child_result result = run_child([] {
+		log_open(LOG_DEST_STDIO, 0, nullptr);
+		set_app_name("stationd");
+		timer first, second;
+		first.expires = second.expires = 1;
+		evloop_timeout_add(&first);
+		evloop_timeout_add(&second);
+		second.prev = nullptr;
+		evloop_timeout_cancel(&first);
+	});
+	EXPECT_TRUE(result.killed_by(SIGABRT)) << result.report();
+	EXPECT_THAT(result.err,
+		testing::MatchesRegex("stationd: .*lib/internal/intrusive.h:[0-9]+: invariant broken\n"));
+	EXPECT_EQ(result.out, "");
 }
 
 TEST_F(evloop_timeout_test, cancelled_while_idle_is_refused)
