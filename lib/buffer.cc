@@ -90,13 +90,13 @@ int32_t buffer_printf(struct buffer *buffer, const char *format, ...)
 
 char *buffer_claim_text(buffer *b, int32_t length)
 {
-	int32_t room = b->size - b->length;
-	if (length < room) {
+	int32_t space = b->size - b->length;
+	if (length < space) {
 		b->length += length;
 		return b->data + b->length - length;
 	}
 	// No second try in the larger buffer, and no growth for the terminator: compatibility, formatted text
-	int32_t shortfall = length - room;
+	int32_t shortfall = length - space;
 	if (shortfall <= INT32_MAX - b->size)
 		grow(b, shortfall);
 	return nullptr;
@@ -135,8 +135,8 @@ static const char *first_text(va_list arguments)
 __attribute__((format(printf, 2, 0))) static int32_t append_formatted(
 	buffer *b, const char *format, va_list arguments)
 {
-	size_t room = static_cast<size_t>(b->size - b->length);
-	int32_t length = vsnprintf(b->data + b->length, room, format, arguments);
+	size_t space = static_cast<size_t>(b->size - b->length);
+	int32_t length = vsnprintf(b->data + b->length, space, format, arguments);
 	if (length < 0)
 		return length;
 	return buffer_claim_text(b, length) ? length : -ENOMEM;

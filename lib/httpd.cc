@@ -106,7 +106,7 @@ static void leave_server(connection *c)
 		list_remove(&c->pub.node);
 }
 
-// --- The end of a connection
+// ---- The end of a connection ----
 
 static void close_stream(connection *c)
 {
@@ -229,7 +229,7 @@ static step refuse(connection *c, int version, int code)
 	return end_gracefully(c);
 }
 
-// --- Reading and writing
+// ---- Reading and writing ----
 
 static void pause_reading(connection *c)
 {
@@ -291,16 +291,16 @@ static int32_t read_within(connection *c, void *bytes, uint32_t count)
 {
 	stream *s = &c->pub.stream;
 	int32_t bound = rx_bound(c);
-	invariant(s->rx->length <= bound); // or `room` would wrap, and the peer could send without bound
-	uint32_t room = static_cast<uint32_t>(bound - s->rx->length);
-	if (room == 0) {
+	invariant(s->rx->length <= bound); // or `space` would wrap, and the peer could send without bound
+	uint32_t space = static_cast<uint32_t>(bound - s->rx->length);
+	if (space == 0) {
 		pause_reading(c);
 		return -EAGAIN;
 	}
-	uint32_t wanted = count < room ? count : room;
+	uint32_t wanted = count < space ? count : space;
 	int32_t length = stream_read_fd(s, bytes, wanted);
 	bool is_emptied = length < static_cast<int32_t>(wanted);
-	c->ends_read = length > 0 && (is_emptied || (c->has_been_stalled && wanted == room));
+	c->ends_read = length > 0 && (is_emptied || (c->has_been_stalled && wanted == space));
 	return length;
 }
 
@@ -366,7 +366,7 @@ static void push_flushed(connection *c)
 	c->is_unpushed = false;
 }
 
-// --- Text
+// ---- Text ----
 
 // Text inside the receive buffer, not terminated. Literals are compared without their terminating zero.
 struct span {
@@ -424,7 +424,7 @@ static bool is_white(char c)
 	return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-// --- Decoding of URLs
+// ---- Decoding of URLs ----
 
 static unsigned digit_value(char digit)
 {
@@ -498,7 +498,7 @@ static char *decode_url(span text, int32_t length)
 	return decode_from(padded_reader{text}, length);
 }
 
-// --- Parsing
+// ---- Parsing ----
 
 // Gives back the memory of a large request or answer.
 static void shrink(buffer **b)
@@ -941,7 +941,7 @@ static void end_or_resume_reading(connection *c)
 		resume_reading(c);
 }
 
-// --- A connection's callbacks
+// ---- A connection's callbacks ----
 
 static void on_readable(stream *s)
 {
@@ -996,7 +996,7 @@ static void on_idle(evloop_timeout *timeout)
 	conn->flags |= HTTPD_CLOSE_PENDING | HTTPD_FD_CLOSED;
 }
 
-// --- The server
+// ---- The server ----
 
 static uint32_t hash_name(const void *name)
 {
@@ -1098,7 +1098,7 @@ const char *httpd_header_table_get(struct httpd_conn *conn, const char *name)
 	return static_cast<const char *>(htable_lookup(conn->headers, name));
 }
 
-// --- Answers
+// ---- Answers ----
 
 const char *http_code_to_string(int code)
 {
@@ -1241,7 +1241,7 @@ int32_t httpd_fail(struct httpd_conn *conn, int version, int code)
 	return result; // compatibility, result 2
 }
 
-// --- URL coding
+// ---- URL coding ----
 
 char *http_alloc_url_decode(const char *bytes, int32_t length)
 {

@@ -58,7 +58,7 @@ quietly()
 	local log=$log_folder/$1.log status
 	shift
 	mkdir -p "$log_folder"
-	set +e # a condition would have a function go on behind what has failed in it
+	set +e # a condition would have a function go on after a failure
 	(set -e; "$@") </dev/null >"$log" 2>&1
 	status=$?
 	set -e

@@ -24,10 +24,10 @@ TEST_F(httpd_writes, reach_the_peer_while_the_handler_still_runs)
 	on_request = [&](httpd_conn *conn) {
 		for (const char *part :
 			{"HTTP/1.1 200 OK\r\n", "Content-Length: 4\r\n", "\r\n", "bo", "dy"}) {
-			far.portions.clear();
+			far.pieces.clear();
 			EXPECT_EQ(write_text(conn, part), static_cast<int32_t>(strlen(part)));
 			far.receive();
-			EXPECT_THAT(far.portions, ElementsAre(part));
+			EXPECT_THAT(far.pieces, ElementsAre(part));
 		}
 		return 1;
 	};
@@ -159,7 +159,7 @@ TEST_F(httpd_writes, of_a_run_of_requests_leave_in_two_sends)
 	client far = connect(SOCK_SEQPACKET);
 	far.send(repeated("GET / HTTP/1.1\r\n\r\n", 16));
 	far.drain();
-	EXPECT_THAT(far.portions, ElementsAre(repeated("answer\n", 15), "answer\n"));
+	EXPECT_THAT(far.pieces, ElementsAre(repeated("answer\n", 15), "answer\n"));
 }
 
 TEST_F(httpd_writes, of_a_run_of_requests_with_blank_lines_between_leave_in_two_sends)
@@ -168,7 +168,7 @@ TEST_F(httpd_writes, of_a_run_of_requests_with_blank_lines_between_leave_in_two_
 	client far = connect(SOCK_SEQPACKET);
 	far.send(repeated("\r\n\nGET / HTTP/1.1\r\n\r\n\r\n", 16));
 	far.drain();
-	EXPECT_THAT(far.portions, ElementsAre(repeated("answer\n", 15), "answer\n"));
+	EXPECT_THAT(far.pieces, ElementsAre(repeated("answer\n", 15), "answer\n"));
 }
 
 TEST_F(httpd_writes, of_the_last_request_go_out_at_once_whatever_waits_behind_it)
@@ -250,7 +250,7 @@ TEST_F(httpd_writes, an_error_page_of_a_handler_leaves_in_one_send)
 	client far = connect(SOCK_SEQPACKET);
 	far.send("GET / HTTP/1.1\r\n\r\n");
 	far.drain();
-	EXPECT_THAT(far.portions, ElementsAre(error_answer(1, 404)));
+	EXPECT_THAT(far.pieces, ElementsAre(error_answer(1, 404)));
 }
 
 TEST_F(httpd_writes, an_error_page_leaves_in_one_send)
@@ -258,7 +258,7 @@ TEST_F(httpd_writes, an_error_page_leaves_in_one_send)
 	client far = connect(SOCK_SEQPACKET);
 	far.send("GET / HTTP/1.2\r\n\r\n");
 	far.drain();
-	EXPECT_THAT(far.portions, ElementsAre(bad_request_1_0));
+	EXPECT_THAT(far.pieces, ElementsAre(bad_request_1_0));
 }
 
 TEST_F(httpd_writes, former_answers_leave_although_a_later_one_is_deferred)

@@ -86,7 +86,7 @@ TEST(log_destination, several_get_the_message_each)
 	scene s;
 	child_result result = s.log([] {
 		log_open(LOG_DEST_KMSG | LOG_DEST_STDIO, LOG_DAEMON, "foo");
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 	});
 	EXPECT_EQ(s.kmsg(), "<6>foo: x\n");
 	EXPECT_EQ(result.out, "foo: x\n");
@@ -100,8 +100,8 @@ TEST(log_destination, all_three_format_the_same_arguments)
 	child_result result = s.log([] {
 		log_open(LOG_DEST_KMSG | LOG_DEST_SYSLOG | LOG_DEST_STDIO, LOG_LOCAL3, "foo");
 		errno = ENOENT;
-		_log(3, "%d %s %lld %.2f %*d %c %m\n", -1, "two", 3000000000LL, 4.5, 3, 5, '6');
-		_log(5, "%s%%\n", "second");
+		_log(LOG_ERR, "%d %s %lld %.2f %*d %c %m\n", -1, "two", 3000000000LL, 4.5, 3, 5, '6');
+		_log(LOG_NOTICE, "%s%%\n", "second");
 	});
 	const std::string first = "-1 two 3000000000 4.50   5 6 No such file or directory\n";
 	EXPECT_EQ(s.kmsg(), "<3>foo: " + first + "<5>foo: second%\n");
@@ -115,8 +115,8 @@ TEST(log_destination, kmsg_alone_leaves_the_others_empty)
 	scene s;
 	child_result result = s.log([] {
 		log_open(LOG_DEST_KMSG, LOG_DAEMON, "foo");
-		_log(0, "emergency\n");
-		_log(7, "debug\n");
+		_log(LOG_EMERG, "emergency\n");
+		_log(LOG_DEBUG, "debug\n");
 	});
 	EXPECT_EQ(s.kmsg(), "<0>foo: emergency\n<7>foo: debug\n");
 	EXPECT_EQ(result.out + result.err, "");
@@ -128,8 +128,8 @@ TEST(log_destination, syslog_alone_leaves_the_others_empty)
 	scene s;
 	child_result result = s.log([] {
 		log_open(LOG_DEST_SYSLOG, LOG_USER, "foo");
-		_log(0, "emergency\n");
-		_log(7, "debug\n");
+		_log(LOG_EMERG, "emergency\n");
+		_log(LOG_DEBUG, "debug\n");
 	});
 	EXPECT_EQ(s.syslog(), (lines{"<8>foo: emergency\n", "<15>foo: debug\n"}));
 	EXPECT_EQ(result.out + result.err, "");
@@ -153,7 +153,7 @@ TEST(log_destination, bits_without_a_meaning_are_ignored)
 	scene s;
 	child_result result = s.log([] {
 		log_open(8 | LOG_DEST_KMSG, LOG_USER, "foo");
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 	});
 	EXPECT_EQ(s.kmsg(), "<6>foo: x\n");
 	EXPECT_EQ(result.out + result.err, "");
@@ -178,7 +178,7 @@ TEST(log_stdio, takes_debug_on_stderr)
 	scene s;
 	child_result result = s.log([] {
 		log_open(LOG_DEST_STDIO, LOG_USER, "foo");
-		_log(7, "x\n");
+		_log(LOG_DEBUG, "x\n");
 	});
 	EXPECT_EQ(result.err, "foo: x\n");
 	EXPECT_EQ(result.out, "");
@@ -190,7 +190,7 @@ TEST(log_stdio, stays_in_order_with_what_the_daemon_prints)
 	child_result result = s.log([] {
 		log_open(LOG_DEST_STDIO, LOG_USER, nullptr);
 		printf("before, ");
-		_log(6, "message, ");
+		_log(LOG_INFO, "message, ");
 		printf("after\n");
 	});
 	EXPECT_EQ(result.out, "before, message, after\n");
@@ -202,7 +202,7 @@ TEST(log_stdio, is_not_flushed)
 	child_result result = s.log([] {
 		log_open(LOG_DEST_STDIO, LOG_USER, "foo");
 		setvbuf(stdout, nullptr, _IOFBF, 4096);
-		_log(6, "lost with the buffer\n");
+		_log(LOG_INFO, "lost with the buffer\n");
 		_exit(0);
 	});
 	EXPECT_EQ(result.out, "");
@@ -216,8 +216,8 @@ TEST(log_stdio, that_is_closed_is_silence)
 		close(STDOUT_FILENO);
 		close(STDERR_FILENO);
 		errno = EACCES;
-		_log(3, "x %m\n");
-		_log(6, "y %m\n");
+		_log(LOG_ERR, "x %m\n");
+		_log(LOG_INFO, "y %m\n");
 		fflush(stdout);
 		_exit(0);
 	});
@@ -229,7 +229,7 @@ TEST(log_message, has_no_line_end_but_its_own)
 	scene s;
 	child_result result = s.log([] {
 		log_open(LOG_DEST_KMSG | LOG_DEST_SYSLOG | LOG_DEST_STDIO, LOG_USER, "foo");
-		_log(6, "no end");
+		_log(LOG_INFO, "no end");
 	});
 	EXPECT_EQ(s.kmsg(), "<6>foo: no end");
 	EXPECT_EQ(s.syslog(), lines{"<14>foo: no end"});
@@ -241,7 +241,7 @@ TEST(log_message, may_be_empty)
 	scene s;
 	child_result result = s.log([] {
 		log_open(LOG_DEST_KMSG | LOG_DEST_STDIO, LOG_USER, "foo");
-		_log(3, "%s", "");
+		_log(LOG_ERR, "%s", "");
 	});
 	EXPECT_EQ(s.kmsg(), "<3>foo: ");
 	EXPECT_EQ(result.err, "foo: ");
@@ -267,8 +267,8 @@ TEST(log_kmsg, takes_each_message_in_an_opening_and_a_write_of_its_own)
 	scene s;
 	lines calls = trace(s, [] {
 		log_open(LOG_DEST_KMSG, LOG_DAEMON, "foo");
-		_log(6, "first\n");
-		_log(3, "%s %d\n", "second", 2);
+		_log(LOG_INFO, "first\n");
+		_log(LOG_ERR, "%s %d\n", "second", 2);
 	});
 	EXPECT_EQ(calls, (lines{"open kmsg", "write kmsg 14", "close kmsg", "open kmsg", "write kmsg 17",
 				 "close kmsg"}));
@@ -282,7 +282,7 @@ TEST(log_kmsg, takes_a_long_message_in_one_write_too)
 	const std::string text(3000, 'y');
 	lines calls = trace(s, [&text] {
 		log_open(LOG_DEST_KMSG, LOG_DAEMON, "foo");
-		_log(6, "%s\n", text.c_str());
+		_log(LOG_INFO, "%s\n", text.c_str());
 	});
 	EXPECT_EQ(calls, (lines{"open kmsg", "write kmsg 3009", "close kmsg"}));
 	EXPECT_EQ(s.kmsg(), "<6>foo: " + text + "\n");
@@ -294,8 +294,8 @@ TEST(log_kmsg, is_opened_for_writing_anew)
 	s.make_kmsg_a_file("what was there before, and is longer\n");
 	s.log([] {
 		log_open(LOG_DEST_KMSG, LOG_DAEMON, "foo");
-		_log(6, "a first message\n");
-		_log(6, "second\n");
+		_log(LOG_INFO, "a first message\n");
+		_log(LOG_INFO, "second\n");
 	});
 	EXPECT_EQ(support::read_file(s.path("/dev/kmsg")), "<6>foo: second\n");
 }
@@ -307,7 +307,7 @@ TEST(log_kmsg, that_cannot_be_opened_costs_the_other_destinations_nothing)
 	child_result result = s.log([] {
 		log_open(LOG_DEST_KMSG | LOG_DEST_SYSLOG | LOG_DEST_STDIO, LOG_DAEMON, "foo");
 		errno = EACCES;
-		_log(6, "x %m\n");
+		_log(LOG_INFO, "x %m\n");
 		EXPECT_EQ(errno, EACCES);
 	});
 	EXPECT_EQ(result.out, "foo: x Permission denied\n");
@@ -321,10 +321,10 @@ TEST(log_kmsg, is_tried_again_with_the_next_message)
 	s.make_kmsg_a_directory();
 	s.log([] {
 		log_open(LOG_DEST_KMSG, LOG_DAEMON, "foo");
-		_log(6, "dropped\n");
+		_log(LOG_INFO, "dropped\n");
 		rmdir("/dev/kmsg");
 		close(open("/dev/kmsg", O_WRONLY | O_CREAT, 0600));
-		_log(6, "written\n");
+		_log(LOG_INFO, "written\n");
 	});
 	EXPECT_EQ(support::read_file(s.path("/dev/kmsg")), "<6>foo: written\n");
 }
@@ -344,7 +344,7 @@ TEST(log_kmsg, that_takes_no_bytes_costs_the_other_destinations_nothing)
 		log_open(LOG_DEST_KMSG | LOG_DEST_STDIO, LOG_DAEMON, "foo");
 		int free_before = lowest_free_descriptor();
 		errno = EACCES;
-		_log(6, "x %m\n");
+		_log(LOG_INFO, "x %m\n");
 		EXPECT_EQ(errno, EACCES);
 		EXPECT_EQ(lowest_free_descriptor(), free_before);
 	});
@@ -358,9 +358,9 @@ TEST(log_kmsg, leaves_no_descriptor_open)
 	s.log([] {
 		log_open(LOG_DEST_KMSG, LOG_DAEMON, nullptr);
 		int free_before = lowest_free_descriptor();
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 		EXPECT_EQ(lowest_free_descriptor(), free_before);
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 		EXPECT_EQ(lowest_free_descriptor(), free_before);
 	});
 }
@@ -372,7 +372,7 @@ TEST(log_syslog, that_nobody_listens_to_is_silence)
 	child_result result = s.log([] {
 		log_open(LOG_DEST_KMSG | LOG_DEST_SYSLOG | LOG_DEST_STDIO, LOG_DAEMON, "foo");
 		errno = EACCES;
-		_log(3, "x %m\n");
+		_log(LOG_ERR, "x %m\n");
 		EXPECT_EQ(errno, EACCES);
 	});
 	EXPECT_EQ(s.kmsg(), "<3>foo: x Permission denied\n");
@@ -386,7 +386,7 @@ TEST(log_destination, order_is_kmsg_then_stdio_then_syslog)
 	scene s;
 	lines calls = trace(s, [] {
 		log_open(LOG_DEST_KMSG | LOG_DEST_SYSLOG | LOG_DEST_STDIO, LOG_DAEMON, "foo");
-		_log(3, "x\n");
+		_log(LOG_ERR, "x\n");
 	});
 	lines order;
 	for (const std::string &call : calls) {
@@ -407,7 +407,7 @@ TEST(log_errno, is_kept_and_printed_at_every_destination)
 		log_open(LOG_DEST_KMSG | LOG_DEST_SYSLOG | LOG_DEST_STDIO, LOG_USER, nullptr);
 		for (int error : {EACCES, 0, ENOTTY}) {
 			errno = error;
-			_log(3, "%m\n");
+			_log(LOG_ERR, "%m\n");
 			EXPECT_EQ(errno, error);
 		}
 	});
@@ -431,7 +431,7 @@ TEST(log_errno, survives_the_decisions_of_the_first_message)
 	s.drop_status(); // and standard output is no terminal: ENOENT and ENOTTY on the way
 	s.log([] {
 		errno = EACCES;
-		_log(3, "%m\n");
+		_log(LOG_ERR, "%m\n");
 		EXPECT_EQ(errno, EACCES);
 	});
 	EXPECT_EQ(s.syslog(), lines{"<27>" + program() + ": Permission denied\n"});
@@ -449,7 +449,7 @@ TEST(log_errno, survives_when_every_destination_fails)
 		close(STDOUT_FILENO);
 		close(STDERR_FILENO);
 		errno = EACCES;
-		_log(3, "x\n");
+		_log(LOG_ERR, "x\n");
 		int after = errno;
 		dup2(out, STDOUT_FILENO);
 		dup2(err, STDERR_FILENO);

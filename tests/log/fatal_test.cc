@@ -92,9 +92,9 @@ TEST(set_app_name, is_not_the_identity)
 	s.log([] {
 		set_app_name("app");
 		log_open(LOG_DEST_KMSG, LOG_USER, "foo");
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 		log_open(LOG_DEST_KMSG, LOG_USER, nullptr);
-		_log(6, "y\n");
+		_log(LOG_INFO, "y\n");
 	});
 	EXPECT_EQ(s.kmsg(), "<6>foo: x\n<6>y\n");
 }

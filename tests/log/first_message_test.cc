@@ -17,8 +17,8 @@ TEST(log_first_message, without_log_open_goes_to_the_terminal_that_there_is)
 	terminal t;
 	child_result result = s.log([&t] {
 		t.become_stdout();
-		_log(3, "error\n");
-		_log(6, "information\n");
+		_log(LOG_ERR, "error\n");
+		_log(LOG_INFO, "information\n");
 	});
 	EXPECT_EQ(result.err, "error\n");
 	EXPECT_EQ(t.text(), "information\n");
@@ -30,8 +30,8 @@ TEST(log_first_message, without_log_open_and_terminal_goes_to_syslog_as_a_daemon
 {
 	scene s;
 	child_result result = s.log([] {
-		_log(3, "error\n");
-		_log(6, "information\n");
+		_log(LOG_ERR, "error\n");
+		_log(LOG_INFO, "information\n");
 	});
 	EXPECT_EQ(s.syslog(), (lines{"<27>daemon: error\n", "<30>daemon: information\n"}));
 	EXPECT_EQ(result.out + result.err, "");
@@ -46,7 +46,7 @@ TEST(log_first_message, looks_at_descriptor_1_only)
 	s.log([&t] {
 		dup2(t.slave.get(), STDIN_FILENO);
 		dup2(t.slave.get(), STDERR_FILENO);
-		_log(3, "error\n");
+		_log(LOG_ERR, "error\n");
 	});
 	EXPECT_EQ(s.syslog(), lines{"<27>daemon: error\n"});
 	EXPECT_EQ(t.text(), "");
@@ -57,14 +57,14 @@ TEST(log_first_message, decides_a_negative_mask_and_facility_of_log_open)
 	scene s;
 	s.log([] {
 		log_open(-1, -1, nullptr);
-		_log(3, "error\n");
+		_log(LOG_ERR, "error\n");
 	});
 	EXPECT_EQ(s.syslog(), lines{"<27>daemon: error\n"});
 	terminal t;
 	child_result result = s.log([&t] {
 		log_open(INT32_MIN, INT32_MIN, nullptr);
 		t.become_stdout();
-		_log(3, "error\n");
+		_log(LOG_ERR, "error\n");
 	});
 	EXPECT_EQ(result.err, "error\n");
 	EXPECT_EQ(s.syslog(), lines());
@@ -75,19 +75,19 @@ TEST(log_first_message, decides_the_facility_apart_from_the_mask)
 	scene s;
 	s.log([] {
 		log_open(LOG_DEST_SYSLOG, -1, "foo");
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 	});
 	EXPECT_EQ(s.syslog(), lines{"<30>foo: x\n"});
 	terminal t;
 	s.log([&t] {
 		t.become_stdout();
 		log_open(LOG_DEST_SYSLOG, -1, "foo");
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 	});
 	EXPECT_EQ(s.syslog(), lines{"<14>foo: x\n"});
 	s.log([] {
 		log_open(-1, LOG_LOCAL7, "foo");
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 	});
 	EXPECT_EQ(s.syslog(), lines{"<190>foo: x\n"});
 }
@@ -98,7 +98,7 @@ TEST(log_first_message, takes_the_kernel_facility_for_one_that_was_given)
 	scene s;
 	s.log([] {
 		log_open(LOG_DEST_SYSLOG, LOG_KERN, "foo");
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 	});
 	lines datagrams = s.syslog();
 	s.log([] {
@@ -116,10 +116,10 @@ TEST(log_first_message, decides_once)
 	child_result result = s.log([&t] {
 		int out = dup(STDOUT_FILENO);
 		t.become_stdout();
-		_log(3, "on a terminal\n");
+		_log(LOG_ERR, "on a terminal\n");
 		dup2(out, STDOUT_FILENO);
 		close(out);
-		_log(3, "on none\n");
+		_log(LOG_ERR, "on none\n");
 	});
 	EXPECT_EQ(result.err, "on a terminal\non none\n");
 	EXPECT_EQ(s.syslog(), lines());
@@ -134,7 +134,7 @@ TEST(log_open, only_stores)
 		log_open(LOG_DEST_KMSG | LOG_DEST_SYSLOG | LOG_DEST_STDIO, LOG_DAEMON, nullptr);
 		EXPECT_EQ(support::open_descriptors(), before);
 		log_open(LOG_DEST_KMSG, LOG_DAEMON, "last");
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 	});
 	EXPECT_EQ(s.kmsg(), "<6>last: x\n");
 	EXPECT_EQ(s.syslog(), lines());
@@ -147,9 +147,9 @@ TEST(log_open, borrows_the_identity)
 		static char ident[] = "old";
 		log_open(LOG_DEST_KMSG | LOG_DEST_SYSLOG | LOG_DEST_STDIO, LOG_USER, ident);
 		memcpy(ident, "new", 3);
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 		memcpy(ident, "red", 3);
-		_log(6, "y\n");
+		_log(LOG_INFO, "y\n");
 	});
 	EXPECT_EQ(s.kmsg(), "<6>new: x\n<6>red: y\n");
 	EXPECT_EQ(result.out, "new: x\nred: y\n");
@@ -161,11 +161,11 @@ TEST(log_open, called_later_moves_all_but_the_identity_and_facility_of_syslog)
 	scene s;
 	child_result result = s.log([] {
 		log_open(LOG_DEST_KMSG | LOG_DEST_SYSLOG, LOG_LOCAL0, "first");
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 		log_open(LOG_DEST_SYSLOG | LOG_DEST_STDIO, LOG_LOCAL1, "second");
-		_log(6, "y\n");
+		_log(LOG_INFO, "y\n");
 		log_open(LOG_DEST_KMSG, LOG_LOCAL1, "third");
-		_log(6, "z\n");
+		_log(LOG_INFO, "z\n");
 	});
 	EXPECT_EQ(s.kmsg(), "<6>first: x\n<6>third: z\n");
 	EXPECT_EQ(result.out, "second: y\n");
@@ -177,9 +177,9 @@ TEST(log_open, that_adds_syslog_later_gets_the_c_librarys_name_and_facility)
 	scene s;
 	child_result result = s.log([] {
 		log_open(LOG_DEST_STDIO, LOG_LOCAL0, "foo");
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 		log_open(LOG_DEST_SYSLOG, LOG_LOCAL0, "foo");
-		_log(6, "y\n");
+		_log(LOG_INFO, "y\n");
 	});
 	EXPECT_EQ(result.out, "foo: x\n");
 	EXPECT_EQ(s.syslog(), lines{"<14>" + program() + ": y\n"});
@@ -190,9 +190,9 @@ TEST(log_open, called_later_without_an_identity_leaves_bare_lines)
 	scene s;
 	child_result result = s.log([] {
 		log_open(LOG_DEST_KMSG | LOG_DEST_STDIO, LOG_USER, nullptr);
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 		log_open(LOG_DEST_KMSG | LOG_DEST_STDIO, LOG_USER, nullptr);
-		_log(6, "y\n");
+		_log(LOG_INFO, "y\n");
 	});
 	EXPECT_EQ(s.kmsg(), "<6>daemon: x\n<6>y\n");
 	EXPECT_EQ(result.out, "daemon: x\ny\n");
@@ -203,9 +203,9 @@ TEST(log_open, called_later_with_a_negative_mask_means_every_destination)
 	scene s;
 	child_result result = s.log([] {
 		log_open(LOG_DEST_SYSLOG, LOG_USER, "foo");
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 		log_open(-1, -1, "bar");
-		_log(6, "y\n");
+		_log(LOG_INFO, "y\n");
 	});
 	EXPECT_EQ(s.kmsg(), "<6>bar: y\n");
 	EXPECT_EQ(result.out, "bar: y\n");
@@ -217,11 +217,11 @@ TEST(log_open, called_later_takes_a_negative_mask_for_its_bits)
 	scene s;
 	child_result result = s.log([] {
 		log_open(LOG_DEST_SYSLOG, LOG_USER, "foo");
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 		log_open(~LOG_DEST_SYSLOG, LOG_USER, "bar");
-		_log(6, "y\n");
+		_log(LOG_INFO, "y\n");
 		log_open(INT32_MIN, LOG_USER, "baz");
-		_log(6, "z\n");
+		_log(LOG_INFO, "z\n");
 	});
 	EXPECT_EQ(s.kmsg(), "<6>bar: y\n");
 	EXPECT_EQ(result.out, "bar: y\n");
@@ -235,10 +235,10 @@ TEST(log_identity, is_missing_on_the_standard_streams_alone)
 	scene s;
 	child_result result = s.log([] {
 		log_open(LOG_DEST_STDIO, LOG_USER, nullptr);
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 		// Too late: that was decided.
 		log_open(LOG_DEST_STDIO | LOG_DEST_KMSG, LOG_USER, nullptr);
-		_log(6, "y\n");
+		_log(LOG_INFO, "y\n");
 	});
 	EXPECT_EQ(result.out, "x\ny\n");
 	EXPECT_EQ(s.kmsg(), "<6>y\n");
@@ -251,8 +251,8 @@ TEST(log_identity, given_to_log_open_stands_on_the_standard_streams)
 	child_result result = s.log([&t] {
 		t.become_stdout();
 		log_open(-1, -1, "foo");
-		_log(3, "x\n");
-		_log(6, "y\n");
+		_log(LOG_ERR, "x\n");
+		_log(LOG_INFO, "y\n");
 	});
 	EXPECT_EQ(result.err, "foo: x\n");
 	EXPECT_EQ(t.text(), "foo: y\n");
@@ -266,7 +266,7 @@ TEST(log_identity, is_the_processs_name_with_any_other_destination)
 		scene s;
 		child_result result = s.log([mask] {
 			log_open(mask, LOG_USER, nullptr);
-			_log(6, "x\n");
+			_log(LOG_INFO, "x\n");
 		});
 		EXPECT_EQ(s.kmsg(), mask & LOG_DEST_KMSG ? "<6>daemon: x\n" : "");
 		EXPECT_EQ(result.out, mask & LOG_DEST_STDIO ? "daemon: x\n" : "");
@@ -280,7 +280,7 @@ TEST(log_identity, comes_from_the_real_status_of_the_process)
 	s.use_real_proc();
 	s.log([] {
 		prctl(PR_SET_NAME, "ap daemon");
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 	});
 	EXPECT_EQ(s.syslog(), lines{"<30>ap daemon: x\n"});
 }
@@ -292,9 +292,9 @@ TEST(log_identity, is_read_once)
 	s.log([] {
 		log_open(LOG_DEST_KMSG, LOG_USER, nullptr);
 		prctl(PR_SET_NAME, "early");
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 		prctl(PR_SET_NAME, "late");
-		_log(6, "y\n");
+		_log(LOG_INFO, "y\n");
 	});
 	EXPECT_EQ(s.kmsg(), "<6>early: x\n<6>early: y\n");
 }
@@ -328,7 +328,7 @@ TEST(log_identity, is_the_second_token_of_the_first_name_line)
 		s.set_status(status);
 		s.log([] {
 			log_open(LOG_DEST_KMSG, LOG_USER, nullptr);
-			_log(6, "x\n");
+			_log(LOG_INFO, "x\n");
 		});
 		EXPECT_EQ(s.kmsg(), "<6>" + prefix + "x\n") << "of " << status;
 	}
@@ -341,7 +341,7 @@ TEST(log_identity, is_cut_where_the_line_exceeds_63_characters)
 	s.set_status("Name:\t" + name + "\nName:\tsecond\n");
 	s.log([] {
 		log_open(LOG_DEST_KMSG, LOG_USER, nullptr);
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 	});
 	EXPECT_EQ(s.kmsg(), "<6>" + name.substr(0, 57) + ": x\n");
 }
@@ -353,7 +353,7 @@ TEST(log_identity, is_found_behind_a_long_line)
 		s.set_status("Groups:" + std::string(length - 7, ' ') + "\nName:\tbehind\n");
 		s.log([] {
 			log_open(LOG_DEST_KMSG, LOG_USER, nullptr);
-			_log(6, "x\n");
+			_log(LOG_INFO, "x\n");
 		});
 		EXPECT_EQ(s.kmsg(), "<6>behind: x\n") << "length " << length;
 	}
@@ -365,7 +365,7 @@ TEST(log_identity, is_taken_from_a_later_63_characters_of_a_long_line_too)
 	s.set_status(std::string(63, 'x') + "Name:\tinside\nName:\tbehind\n");
 	s.log([] {
 		log_open(LOG_DEST_KMSG, LOG_USER, nullptr);
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 	});
 	EXPECT_EQ(s.kmsg(), "<6>inside: x\n");
 }
@@ -377,7 +377,7 @@ TEST(log_identity, without_a_status_file_is_none)
 	s.log([] {
 		log_open(LOG_DEST_KMSG | LOG_DEST_SYSLOG, LOG_USER, nullptr);
 		int free_before = lowest_free_descriptor();
-		_log(6, "x\n");
+		_log(LOG_INFO, "x\n");
 		EXPECT_LE(lowest_free_descriptor(), free_before + 1); // the C library's connection to syslog
 	});
 	EXPECT_EQ(s.kmsg(), "<6>x\n");
@@ -392,7 +392,7 @@ TEST(log_identity, in_a_status_that_cannot_be_read_is_none)
 		log_open(LOG_DEST_KMSG, LOG_USER, nullptr);
 		int free_before = lowest_free_descriptor();
 		errno = EACCES;
-		_log(6, "x %m\n");
+		_log(LOG_INFO, "x %m\n");
 		EXPECT_EQ(errno, EACCES);
 		EXPECT_EQ(lowest_free_descriptor(), free_before);
 	});
@@ -407,7 +407,7 @@ TEST(log_identity, leaves_the_status_closed_whether_found_or_not)
 		s.log([] {
 			log_open(LOG_DEST_KMSG, LOG_USER, nullptr);
 			int free_before = lowest_free_descriptor();
-			_log(6, "x\n");
+			_log(LOG_INFO, "x\n");
 			EXPECT_EQ(lowest_free_descriptor(), free_before);
 		});
 	}

@@ -90,8 +90,8 @@ class client
 	bool reset_ = false;
 
 public:
-	std::string got;                   // all that has been received
-	std::vector<std::string> portions; // the same, as each read returned it
+	std::string got;                 // all that has been received
+	std::vector<std::string> pieces; // the same, as each read returned it
 
 	explicit client(support::owned_fd fd = support::owned_fd()) : fd_(std::move(fd)) {}
 
@@ -136,8 +136,8 @@ public:
 				reset_ = count < 0;
 				break;
 			}
-			portions.emplace_back(chunk.data(), static_cast<size_t>(count));
-			got += portions.back();
+			pieces.emplace_back(chunk.data(), static_cast<size_t>(count));
+			got += pieces.back();
 			done += static_cast<size_t>(count);
 		}
 		return done;

@@ -311,7 +311,7 @@ TEST_F(ubus_reconnect, bus_that_starts_later_is_joined)
 	retry request{&ctx};
 	EXPECT_EQ(request.invoke(), -EBUSY);
 	EXPECT_EQ(request.state(), "waiting");
-	put_off(&request.retry_timer);
+	postpone(&request.retry_timer);
 
 	bus->start();
 	auto server = serve();
@@ -353,7 +353,7 @@ TEST_F(ubus_reconnect, failed_reconnects_leave_waiting_requests_waiting)
 		EXPECT_EQ(request.state(), "waiting");
 		EXPECT_EQ(take_log(), missing);
 	}
-	put_off(&request.retry_timer);
+	postpone(&request.retry_timer);
 	server->answer(0);
 	bring_bus_back(*server);
 	let_pass(&request.retry_timer);
@@ -378,7 +378,7 @@ TEST_F(ubus_reconnect, thousand_requests_in_flight_survive_the_death_of_the_bus)
 				   ": can't lookup object\n"),
 			std::string::npos);
 	for (auto &request : crowd)
-		put_off(&request->retry_timer);
+		postpone(&request->retry_timer);
 
 	server->answer(0);
 	bring_bus_back(*server);
@@ -551,7 +551,7 @@ TEST_F(ubus_reconnect, thousands_of_calls_over_many_restarts_take_no_memory_and_
 		EXPECT_EQ(count_in_state(crowd, "waiting"), crowd_count);
 		take_log();
 		for (auto &request : crowd)
-			put_off(&request->retry_timer);
+			postpone(&request->retry_timer);
 		bring_bus_back(*server);
 		server->answer(0);
 		for (auto &request : crowd)

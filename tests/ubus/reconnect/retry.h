@@ -144,7 +144,7 @@ inline void make_due(evloop_timeout *timer)
 }
 
 // Keeps the delay from passing by itself while something else takes its time.
-inline void put_off(evloop_timeout *timer)
+inline void postpone(evloop_timeout *timer)
 {
 	EXPECT_EQ(evloop_timeout_cancel(timer), 0);
 	evloop_timeout_set(timer, 100 * deadline_ms);
